@@ -1,0 +1,12 @@
+# One sanitizer set per build tree, applied to every target so that the
+# library, the test support and the tests agree on instrumentation.
+if(VANTOR_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(VANTOR_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT VANTOR_SANITIZER STREQUAL "none")
+  message(FATAL_ERROR "VANTOR_SANITIZER must be none, address or thread")
+endif()

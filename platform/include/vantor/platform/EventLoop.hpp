@@ -1,0 +1,97 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <type_traits>
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace vantor::platform {
+
+class DispatchWorkItem;
+
+/// The process-wide event loop that plays the role of the main queue.
+///
+/// One `boost::asio::io_context` runs on exactly one thread. Every transport
+/// completion, timer firing and heartbeat tick of the library runs on it, one
+/// at a time, so the objects that live on the loop need no locks of their
+/// own. Public operations of the library called from other threads are
+/// carried onto the loop with `sync` or `post`.
+///
+/// By default `main()` starts the loop on a thread of its own the first time
+/// it is used, and stops it when the process exits. A host that wants to run
+/// the loop on a thread of its choosing calls `useHostThreadForMain()` before
+/// anything uses the loop, and then calls `main().run()` on that thread.
+///
+/// An exception that escapes a handler is written to standard error and the
+/// loop goes on with the next handler.
+///
+/// Thread safety: every member may be called from any thread.
+class EventLoop {
+ public:
+  /// The main loop, made on first use (thread-safe).
+  static EventLoop& main();
+
+  /// Makes `main()` a loop that the host runs with `run()`. Must be called
+  /// before the first use of `main()`; later it is a fatal error.
+  static void useHostThreadForMain();
+
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+  ~EventLoop();
+
+  /// The underlying context, for code that starts Asio operations on the loop.
+  [[nodiscard]] boost::asio::io_context& context() noexcept;
+
+  /// True when the caller runs on the loop's thread, inside a handler.
+  [[nodiscard]] bool isCurrentThread() const noexcept;
+
+  /// Runs `work` on the loop later, after the work posted before it.
+  void post(std::function<void()> work);
+
+  /// Runs `work` at once when called on the loop thread, otherwise posts it.
+  void dispatch(std::function<void()> work);
+
+  /// Runs `work` on the loop and returns its result: at once when called on
+  /// the loop thread, otherwise the work is posted and the caller waits.
+  /// Exceptions thrown by `work` reach the caller. Calling it from another
+  /// thread while the loop is not running waits until it runs.
+  template <class F>
+  auto sync(F&& work) -> std::invoke_result_t<F&>;
+
+  /// Runs `item` on the loop once `delay` has passed, unless it is cancelled
+  /// first. A negative delay runs it as soon as possible.
+  void asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item);
+
+  /// Runs the loop on the calling thread until `stop()`; for host-run loops.
+  void run();
+
+  /// Makes `run()` return and discards the loop's pending work. Used at exit.
+  void stop();
+
+ private:
+  explicit EventLoop(bool ownThread);
+  void shutDown() noexcept;
+
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+template <class F>
+auto EventLoop::sync(F&& work) -> std::invoke_result_t<F&> {
+  using Result = std::invoke_result_t<F&>;
+  if (isCurrentThread()) {
+    return std::invoke(work);
+  }
+  auto task = std::make_shared<std::packaged_task<Result()>>(
+      [&work]() -> Result { return std::invoke(work); });
+  auto result = task->get_future();
+  post([task] { (*task)(); });
+  return result.get();
+}
+
+}  // namespace vantor::platform

@@ -1,0 +1,136 @@
+#include "vantor/platform/EventLoop.hpp"
+
+#include <atomic>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <optional>
+#include <thread>
+
+#include "vantor/platform/DispatchWorkItem.hpp"
+#include "vantor/platform/Fatal.hpp"
+
+namespace vantor::platform {
+
+namespace asio = boost::asio;
+
+namespace {
+std::atomic<bool> mainInUse{false};
+std::atomic<bool> mainOnHostThread{false};
+}  // namespace
+
+struct EventLoop::Impl {
+  asio::io_context context{1};
+  std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
+  std::thread thread;
+
+  // Runs the loop until it is stopped; a handler's exception is reported and
+  // the loop carries on, so one faulty callback cannot stall the library.
+  void runLoop() {
+    for (;;) {
+      try {
+        context.run();
+        return;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "Uncaught exception on the event loop: %s\n", e.what());
+      } catch (...) {
+        std::fprintf(stderr, "Uncaught exception on the event loop\n");
+      }
+    }
+  }
+};
+
+EventLoop& EventLoop::main() {
+  // Deliberately never destroyed: objects that outlive static destruction
+  // may still reach the loop. The thread is stopped at exit instead.
+  static EventLoop* const loop = [] {
+    mainInUse = true;
+    auto* made = new EventLoop(!mainOnHostThread.load());
+    if (!mainOnHostThread) {
+      std::atexit([] { EventLoop::main().shutDown(); });
+    }
+    return made;
+  }();
+  return *loop;
+}
+
+void EventLoop::useHostThreadForMain() {
+  if (mainInUse) {
+    fatalError("EventLoop::useHostThreadForMain() must be called before the main loop is used");
+  }
+  mainOnHostThread = true;
+}
+
+EventLoop::EventLoop(bool ownThread) : impl_(std::make_unique<Impl>()) {
+  impl_->work.emplace(impl_->context.get_executor());
+  if (ownThread) {
+    impl_->thread = std::thread([impl = impl_.get()] { impl->runLoop(); });
+  }
+}
+
+EventLoop::~EventLoop() { shutDown(); }
+
+void EventLoop::shutDown() noexcept {
+  impl_->work.reset();
+  impl_->context.stop();
+  if (impl_->thread.joinable()) {
+    if (impl_->thread.get_id() == std::this_thread::get_id()) {
+      impl_->thread.detach();  // exit() called from a handler
+    } else {
+      impl_->thread.join();
+    }
+  }
+}
+
+asio::io_context& EventLoop::context() noexcept { return impl_->context; }
+
+bool EventLoop::isCurrentThread() const noexcept {
+  return impl_->context.get_executor().running_in_this_thread();
+}
+
+void EventLoop::post(std::function<void()> work) { asio::post(impl_->context, std::move(work)); }
+
+void EventLoop::dispatch(std::function<void()> work) {
+  if (isCurrentThread()) {
+    work();
+  } else {
+    post(std::move(work));
+  }
+}
+
+void EventLoop::asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item) {
+  auto timer = std::make_shared<asio::steady_timer>(impl_->context);
+  timer->expires_after(delay < std::chrono::milliseconds::zero() ? std::chrono::milliseconds::zero()
+                                                                 : delay);
+  // Cancelling the item cancels the wait too, so a withdrawn item does not
+  // hold its captures until the original deadline.
+  item->setCanceller([weakTimer = std::weak_ptr(timer), &context = impl_->context] {
+    asio::post(context, [weakTimer] {
+      if (auto timer = weakTimer.lock()) {
+        timer->cancel();
+      }
+    });
+  });
+  timer->async_wait([timer, item = std::move(item)](const boost::system::error_code&) {
+    item->perform();
+  });
+}
+
+void EventLoop::run() {
+  if (impl_->thread.joinable()) {
+    fatalError("EventLoop::run() is only for a loop that the host runs");
+  }
+  impl_->context.restart();
+  impl_->runLoop();
+}
+
+void EventLoop::stop() {
+  impl_->work.reset();
+  impl_->context.stop();
+}
+
+}  // namespace vantor::platform

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# scripts/build.sh <normal|asan|tsan> [target...]: configures and builds one
+# of the three build trees under build/.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+config=${1:?usage: scripts/build.sh <normal|asan|tsan> [target...]}
+shift
+case "$config" in
+  normal) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTOR_SANITIZER=none) ;;
+  asan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DVANTOR_SANITIZER=address) ;;
+  tsan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DVANTOR_SANITIZER=thread) ;;
+  *) echo "unknown build: $config" >&2; exit 2 ;;
+esac
+dir=${BUILD_ROOT:-build}/$config
+if [ ! -f "$dir/build.ninja" ]; then
+  cmake -S . -B "$dir" -G Ninja -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${args[@]}"
+fi
+targets=()
+for t in "$@"; do targets+=(--target "$t"); done
+cmake --build "$dir" --parallel "${JOBS:-$(nproc)}" "${targets[@]}"
