@@ -1,5 +1,6 @@
 #include "vantor/platform/EventLoop.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -103,9 +104,11 @@ void EventLoop::dispatch(std::function<void()> work) {
 }
 
 void EventLoop::asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item) {
+  // Clamped, so that the conversion to the clock's nanoseconds cannot
+  // overflow; a century is "never" for a process.
+  constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365 * 100);
   auto timer = std::make_shared<asio::steady_timer>(impl_->context);
-  timer->expires_after(delay < std::chrono::milliseconds::zero() ? std::chrono::milliseconds::zero()
-                                                                 : delay);
+  timer->expires_after(std::clamp(delay, std::chrono::milliseconds::zero(), longest));
   // Cancelling the item cancels the wait too, so a withdrawn item does not
   // hold its captures until the original deadline.
   item->setCanceller([weakTimer = std::weak_ptr(timer), &context = impl_->context] {

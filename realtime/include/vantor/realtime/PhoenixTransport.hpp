@@ -1,0 +1,37 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "vantor/realtime/PhoenixTransportDelegate.hpp"
+#include "vantor/realtime/PhoenixTransportReadyState.hpp"
+
+namespace vantor::realtime {
+
+/// The interface between a socket and its WebSocket connection. The socket
+/// only connects, disconnects, sends and reads `readyState`; everything it
+/// learns comes back through the delegate. No operation returns an error: a
+/// failure reaches the delegate as `onError` followed by `onClose(999)`.
+///
+/// Implementations must write `readyState` before calling the delegate, and
+/// call the delegate on the main event loop only.
+class PhoenixTransport {
+ public:
+  virtual ~PhoenixTransport() = default;
+
+  [[nodiscard]] virtual PhoenixTransportReadyState readyState() const = 0;
+
+  /// The delegate is held strongly.
+  [[nodiscard]] virtual std::shared_ptr<PhoenixTransportDelegate> delegate() const = 0;
+  virtual void setDelegate(std::shared_ptr<PhoenixTransportDelegate> delegate) = 0;
+
+  /// Opens the connection asynchronously.
+  virtual void connect() = 0;
+  /// Closes the connection with this WebSocket close code and reason.
+  virtual void disconnect(int code, std::optional<std::string> reason) = 0;
+  /// Sends one text message: the serialised text of a wire frame.
+  virtual void send(std::string data) = 0;
+};
+
+}  // namespace vantor::realtime

@@ -1,0 +1,80 @@
+#include "vantor/realtime/HeartbeatTimer.hpp"
+
+#include <algorithm>
+#include <boost/uuid/random_generator.hpp>
+#include <boost/uuid/uuid_io.hpp>
+#include <cctype>
+#include <cmath>
+
+#include "vantor/platform/DispatchQueue.hpp"
+#include "vantor/platform/DispatchSourceTimer.hpp"
+#include "vantor/platform/Fatal.hpp"
+
+namespace vantor::realtime {
+
+namespace {
+
+std::string makeUuid() {
+  auto text = boost::uuids::to_string(boost::uuids::random_generator()());
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return text;
+}
+
+}  // namespace
+
+HeartbeatTimer::HeartbeatTimer(double timeInterval, platform::DispatchQueue& queue,
+                               std::chrono::nanoseconds leeway)
+    : timeInterval_(timeInterval), queue_(queue), leeway_(leeway), uuid_(makeUuid()) {
+  if (!std::isfinite(timeInterval) || timeInterval <= 0.0 || timeInterval > 1e9) {
+    platform::fatalError("HeartbeatTimer interval must be a positive number of seconds");
+  }
+}
+
+HeartbeatTimer::~HeartbeatTimer() {
+  // Nothing else touches the fields of a timer being destroyed.
+  if (temporaryTimer_) {
+    temporaryTimer_->cancel();
+  }
+}
+
+void HeartbeatTimer::start(std::function<void()> eventHandler) {
+  queue_.sync([&] {
+    const auto interval = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        std::chrono::duration<double>(timeInterval_));
+    auto timer = platform::DispatchSourceTimer::make(queue_);
+    timer->setEventHandler(eventHandler);
+    timer->schedule(interval, interval, leeway_);
+    timer->resume();
+    if (temporaryTimer_) {
+      temporaryTimer_->cancel();
+    }
+    temporaryEventHandler_ = std::move(eventHandler);
+    temporaryTimer_ = std::move(timer);
+  });
+}
+
+void HeartbeatTimer::stop() {
+  queue_.sync([&] {
+    if (temporaryTimer_) {
+      temporaryTimer_->cancel();
+    }
+    temporaryTimer_.reset();
+    temporaryEventHandler_ = nullptr;
+  });
+}
+
+bool HeartbeatTimer::isValid() const {
+  return queue_.sync([&] { return temporaryTimer_ != nullptr; });
+}
+
+void HeartbeatTimer::fire() {
+  queue_.sync([&] {
+    if (temporaryEventHandler_) {
+      auto handler = temporaryEventHandler_;  // the handler may stop this timer
+      handler();
+    }
+  });
+}
+
+}  // namespace vantor::realtime

@@ -1,0 +1,529 @@
+#include "vantor/realtime/URLSessionTransport.hpp"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <boost/url/parse.hpp>
+#include <deque>
+
+#include "Text.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/platform/Fatal.hpp"
+
+namespace vantor::realtime {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = asio::ssl;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
+using platform::EventLoop;
+
+namespace {
+
+std::string replaceAll(std::string text, std::string_view from, std::string_view to) {
+  for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+struct Endpoint {
+  bool secure = false;
+  bool hostIsAddress = false;
+  std::string host;        // for resolving, SNI and certificate checks
+  std::string port;
+  std::string hostHeader;  // as written in the URL, with the port if it had one
+  std::string target;      // path and query
+};
+
+// The parts of a ws/wss URL that a connection needs; an error for anything
+// that cannot be connected to.
+std::optional<Endpoint> endpointOf(const boost::urls::url& url, error_code& error) {
+  Endpoint endpoint;
+  if (url.scheme_id() == boost::urls::scheme::wss) {
+    endpoint.secure = true;
+  } else if (url.scheme_id() != boost::urls::scheme::ws) {
+    error = boost::system::errc::make_error_code(boost::system::errc::protocol_not_supported);
+    return std::nullopt;
+  }
+  switch (url.host_type()) {
+    case boost::urls::host_type::ipv4:
+      endpoint.host = url.host_ipv4_address().to_string();
+      endpoint.hostIsAddress = true;
+      break;
+    case boost::urls::host_type::ipv6:
+      endpoint.host = url.host_ipv6_address().to_string();
+      endpoint.hostIsAddress = true;
+      break;
+    case boost::urls::host_type::name:
+      endpoint.host = url.host_name();
+      break;
+    default:
+      break;
+  }
+  if (endpoint.host.empty()) {
+    error = boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
+    return std::nullopt;
+  }
+  endpoint.port = url.has_port() ? std::string(url.port()) : (endpoint.secure ? "443" : "80");
+  endpoint.hostHeader = url.encoded_host_and_port();
+  endpoint.target = url.encoded_path().empty() ? "/" : std::string(url.encoded_path());
+  if (url.has_query()) {
+    endpoint.target += "?";
+    endpoint.target += url.encoded_query();
+  }
+  return endpoint;
+}
+
+std::shared_ptr<ssl::context> makeTlsContext(const URLSessionConfiguration& configuration,
+                                             error_code& error) {
+  auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
+  SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+  if (configuration.useSystemTrustStore) {
+    context->set_default_verify_paths(error);
+    if (error) {
+      return nullptr;
+    }
+  }
+  for (const auto& pem : configuration.additionalCertificateAuthorities) {
+    context->add_certificate_authority(asio::buffer(pem), error);
+    if (error) {
+      return nullptr;
+    }
+  }
+  context->set_verify_mode(ssl::verify_peer);
+  return context;
+}
+
+HttpResponse toHttpResponse(const websocket::response_type& response) {
+  HttpResponse result;
+  result.statusCode = static_cast<int>(response.result_int());
+  result.reason = std::string(response.reason());
+  for (const auto& field : response) {
+    result.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
+  }
+  result.body = response.body();
+  return result;
+}
+
+bool isWebSocketError(const error_code& error) {
+  return error.category() == websocket::make_error_code(websocket::error::closed).category();
+}
+
+}  // namespace
+
+/// One connection: resolve, TCP connect, TLS handshake, WebSocket handshake,
+/// then one read loop and one writer. It lives as long as an operation of
+/// its own is pending, holds its transport weakly, and reports its end to the
+/// transport exactly once (or not at all once detached). Runs on the main
+/// loop only.
+class URLSessionTransport::Session : public std::enable_shared_from_this<Session> {
+ public:
+  Session(std::weak_ptr<URLSessionTransport> transport, URLSessionConfiguration configuration)
+      : transport_(std::move(transport)),
+        configuration_(std::move(configuration)),
+        resolver_(EventLoop::main().context()) {}
+
+  void start(const boost::urls::url& url) {
+    error_code error;
+    auto endpoint = endpointOf(url, error);
+    if (!endpoint) {
+      return fail(error);
+    }
+    endpoint_ = std::move(*endpoint);
+    auto& context = EventLoop::main().context();
+    if (endpoint_.secure) {
+      auto tls = makeTlsContext(configuration_, error);
+      if (!tls) {
+        return fail(error);
+      }
+      tls_ = std::move(tls);
+      secure_ = std::make_unique<SecureStream>(context, *tls_);
+    } else {
+      plain_ = std::make_unique<PlainStream>(context);
+    }
+    resolver_.async_resolve(endpoint_.host, endpoint_.port,
+                            [self = shared_from_this()](error_code error, auto results) {
+                              self->onResolved(error, std::move(results));
+                            });
+  }
+
+  void write(std::string text) {
+    if (finished_ || closing_) {
+      return;
+    }
+    outbox_.push_back(std::move(text));
+    if (open_ && !writing_) {
+      writeNext();
+    }
+  }
+
+  void close(int code, std::optional<std::string> reason) {
+    if (finished_ || closing_) {
+      return;
+    }
+    closing_ = true;
+    if (!open_) {
+      // Still connecting: abandon the attempt; the pending step fails and
+      // reports the end.
+      cancel();
+      return;
+    }
+    websocket::close_reason closeReason(static_cast<std::uint16_t>(code));
+    if (reason) {
+      closeReason.reason.assign(reason->data(), std::min(reason->size(), closeReason.reason.max_size()));
+    }
+    withStream([&](auto& ws) {
+      ws.async_close(closeReason,
+                     [self = shared_from_this()](error_code error) { self->onClosed(error); });
+    });
+  }
+
+  // Ends the connection without any further report: the transport has moved
+  // on to a new session or is gone. An open connection is closed politely.
+  void detach() {
+    if (finished_) {
+      return;
+    }
+    finished_ = true;
+    if (open_ && !closing_) {
+      closing_ = true;
+      withStream([&](auto& ws) {
+        ws.async_close(websocket::close_code::going_away, [self = shared_from_this()](error_code) {});
+      });
+    } else if (!open_) {
+      cancel();
+    }
+  }
+
+ private:
+  using PlainStream = websocket::stream<beast::tcp_stream>;
+  using SecureStream = websocket::stream<beast::ssl_stream<beast::tcp_stream>>;
+
+  template <class F>
+  void withStream(F&& action) {
+    if (secure_) {
+      action(*secure_);
+    } else if (plain_) {
+      action(*plain_);
+    }
+  }
+
+  void cancel() {
+    resolver_.cancel();
+    withStream([](auto& ws) {
+      error_code ignored;
+      beast::get_lowest_layer(ws).socket().close(ignored);
+    });
+  }
+
+  void onResolved(error_code error, const tcp::resolver::results_type& results) {
+    if (error || closing_) {
+      return fail(error ? error : asio::error::operation_aborted);
+    }
+    withStream([&](auto& ws) {
+      auto& tcpStream = beast::get_lowest_layer(ws);
+      tcpStream.expires_after(configuration_.timeoutIntervalForRequest);
+      tcpStream.async_connect(results, [self = shared_from_this()](error_code error, const auto&) {
+        self->onConnected(error);
+      });
+    });
+  }
+
+  void onConnected(error_code error) {
+    if (error) {
+      return fail(error);
+    }
+    if (!secure_) {
+      return onTlsHandshake({});
+    }
+    auto& tls = secure_->next_layer();
+    // SNI carries host names only, never addresses.
+    if (!endpoint_.hostIsAddress &&
+        SSL_set_tlsext_host_name(tls.native_handle(), endpoint_.host.c_str()) != 1) {
+      return fail(error_code(static_cast<int>(::ERR_get_error()), asio::error::get_ssl_category()));
+    }
+    tls.set_verify_callback(ssl::host_name_verification(endpoint_.host));
+    tls.async_handshake(ssl::stream_base::client, [self = shared_from_this()](error_code error) {
+      self->onTlsHandshake(error);
+    });
+  }
+
+  void onTlsHandshake(error_code error) {
+    if (error) {
+      return fail(error);
+    }
+    withStream([&](auto& ws) {
+      // From here the WebSocket's own time-outs apply.
+      beast::get_lowest_layer(ws).expires_never();
+      websocket::stream_base::timeout timeouts{};
+      timeouts.handshake_timeout = configuration_.timeoutIntervalForRequest;
+      timeouts.idle_timeout = websocket::stream_base::none();
+      timeouts.keep_alive_pings = false;
+      ws.set_option(timeouts);
+      ws.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
+        request.set(http::field::user_agent, "VantorClient");
+      }));
+      ws.async_handshake(response_, endpoint_.hostHeader, endpoint_.target,
+                         [self = shared_from_this()](error_code error) { self->onHandshake(error); });
+    });
+  }
+
+  void onHandshake(error_code error) {
+    if (error) {
+      // A WebSocket-level refusal comes with the server's HTTP response.
+      std::optional<HttpResponse> response;
+      if (isWebSocketError(error)) {
+        response = toHttpResponse(response_);
+      }
+      return fail(error, std::move(response));
+    }
+    if (finished_) {
+      return;
+    }
+    open_ = true;
+    withStream([](auto& ws) { ws.text(true); });
+    if (auto transport = transport_.lock()) {
+      transport->opened();
+    }
+    if (!outbox_.empty() && !writing_ && !closing_) {
+      writeNext();
+    }
+    read();
+  }
+
+  void read() {
+    withStream([&](auto& ws) {
+      ws.async_read(buffer_, [self = shared_from_this()](error_code error, std::size_t) {
+        self->onRead(error);
+      });
+    });
+  }
+
+  void onRead(error_code error) {
+    if (finished_) {
+      return;
+    }
+    if (error == websocket::error::closed) {
+      int code = 0;
+      withStream([&](auto& ws) { code = ws.reason().code; });
+      return reportClosed(code);
+    }
+    if (error) {
+      if (closing_ && error == asio::error::operation_aborted) {
+        return;  // our own close reports the end
+      }
+      const auto transportError = TransportError::from(error);
+      detail::writeLineToStandardOutput("Error when receiving " + transportError.description);
+      return reportAbnormal(transportError, std::nullopt);
+    }
+    bool text = false;
+    withStream([&](auto& ws) { text = ws.got_text(); });
+    if (text) {
+      auto message = beast::buffers_to_string(buffer_.data());
+      buffer_.consume(buffer_.size());
+      if (auto transport = transport_.lock()) {
+        transport->received(message);
+      }
+    } else {
+      buffer_.consume(buffer_.size());
+      detail::writeLineToStandardOutput("Data received. This method is unsupported by the Client");
+    }
+    if (!finished_ && !transport_.expired()) {
+      read();
+    }
+  }
+
+  void writeNext() {
+    writing_ = true;
+    withStream([&](auto& ws) {
+      ws.async_write(asio::buffer(outbox_.front()),
+                     [self = shared_from_this()](error_code error, std::size_t) {
+                       self->onWritten(error);
+                     });
+    });
+  }
+
+  void onWritten(error_code error) {
+    writing_ = false;
+    if (error) {
+      outbox_.clear();  // the read side reports the broken connection
+      return;
+    }
+    outbox_.pop_front();
+    if (!outbox_.empty() && !closing_ && !finished_) {
+      writeNext();
+    }
+  }
+
+  void onClosed(error_code error) {
+    if (finished_) {
+      return;
+    }
+    if (!error || error == websocket::error::closed) {
+      int code = 0;
+      withStream([&](auto& ws) { code = ws.reason().code; });
+      return reportClosed(code);
+    }
+    reportAbnormal(TransportError::from(error), std::nullopt);
+  }
+
+  void fail(error_code error, std::optional<HttpResponse> response = std::nullopt) {
+    if (finished_) {
+      return;
+    }
+    reportAbnormal(TransportError::from(error), std::move(response));
+  }
+
+  void reportClosed(int code) {
+    finished_ = true;
+    if (auto transport = transport_.lock()) {
+      transport->closed(code);
+    }
+  }
+
+  void reportAbnormal(const TransportError& error, std::optional<HttpResponse> response) {
+    finished_ = true;
+    cancel();
+    if (auto transport = transport_.lock()) {
+      transport->abnormalErrorReceived(error, response);
+    }
+  }
+
+  std::weak_ptr<URLSessionTransport> transport_;
+  URLSessionConfiguration configuration_;
+  Endpoint endpoint_;
+  tcp::resolver resolver_;
+  std::shared_ptr<ssl::context> tls_;
+  std::unique_ptr<PlainStream> plain_;
+  std::unique_ptr<SecureStream> secure_;
+  websocket::response_type response_;
+  beast::flat_buffer buffer_;
+  std::deque<std::string> outbox_;
+  bool open_ = false;
+  bool writing_ = false;
+  bool closing_ = false;
+  bool finished_ = false;
+};
+
+std::shared_ptr<URLSessionTransport> URLSessionTransport::make(
+    boost::urls::url_view url, URLSessionConfiguration configuration) {
+  auto text = replaceAll(std::string(url.buffer()), "http://", "ws://");
+  text = replaceAll(std::move(text), "https://", "wss://");
+  auto parsed = boost::urls::parse_uri_reference(text);
+  if (!parsed) {
+    platform::fatalError("URLSessionTransport: the URL " + text + " does not parse");
+  }
+  return std::shared_ptr<URLSessionTransport>(
+      new URLSessionTransport(boost::urls::url(*parsed), std::move(configuration)));
+}
+
+URLSessionTransport::URLSessionTransport(boost::urls::url url, URLSessionConfiguration configuration)
+    : url_(std::move(url)), configuration_(std::move(configuration)) {}
+
+URLSessionTransport::~URLSessionTransport() {
+  if (session_) {
+    EventLoop::main().post([session = std::move(session_)] { session->detach(); });
+  }
+}
+
+std::shared_ptr<PhoenixTransportDelegate> URLSessionTransport::delegate() const {
+  std::lock_guard lock(mutex_);
+  return delegate_;
+}
+
+void URLSessionTransport::setDelegate(std::shared_ptr<PhoenixTransportDelegate> delegate) {
+  std::shared_ptr<PhoenixTransportDelegate> previous;
+  {
+    std::lock_guard lock(mutex_);
+    previous = std::exchange(delegate_, std::move(delegate));
+  }
+  // `previous` is released outside the lock: its destructor may call back.
+}
+
+void URLSessionTransport::connect() {
+  readyState_ = PhoenixTransportReadyState::connecting;
+  auto session = std::make_shared<Session>(weak_from_this(), configuration_);
+  std::shared_ptr<Session> previous;
+  {
+    std::lock_guard lock(mutex_);
+    previous = std::exchange(session_, session);
+  }
+  // Posted even on the loop thread, so that no report reaches the delegate
+  // from inside connect().
+  EventLoop::main().post([session, previous, url = url_] {
+    if (previous) {
+      previous->detach();
+    }
+    session->start(url);
+  });
+}
+
+void URLSessionTransport::disconnect(int code, std::optional<std::string> reason) {
+  readyState_ = PhoenixTransportReadyState::closing;
+  std::shared_ptr<Session> session;
+  {
+    std::lock_guard lock(mutex_);
+    session = session_;
+  }
+  if (session) {
+    EventLoop::main().post(
+        [session, code, reason = std::move(reason)]() mutable { session->close(code, std::move(reason)); });
+  }
+}
+
+void URLSessionTransport::send(std::string data) {
+  if (!detail::isValidUtf8(data)) {
+    platform::fatalError("URLSessionTransport: data to send is not valid UTF-8");
+  }
+  std::shared_ptr<Session> session;
+  {
+    std::lock_guard lock(mutex_);
+    session = session_;
+  }
+  if (session) {
+    EventLoop::main().post([session, data = std::move(data)]() mutable {
+      session->write(std::move(data));
+    });
+  }
+}
+
+void URLSessionTransport::opened() {
+  readyState_ = PhoenixTransportReadyState::open;
+  if (auto delegate = this->delegate()) {
+    delegate->onOpen();
+  }
+}
+
+void URLSessionTransport::received(const std::string& text) {
+  if (auto delegate = this->delegate()) {
+    delegate->onMessage(text);
+  }
+}
+
+void URLSessionTransport::closed(int code) {
+  readyState_ = PhoenixTransportReadyState::closed;
+  if (auto delegate = this->delegate()) {
+    delegate->onClose(code);
+  }
+}
+
+void URLSessionTransport::abnormalErrorReceived(const TransportError& error,
+                                                const std::optional<HttpResponse>& response) {
+  readyState_ = PhoenixTransportReadyState::closed;
+  if (auto delegate = this->delegate()) {
+    delegate->onError(error, response);
+  }
+  // Read again: the error report may have cleared the delegate.
+  if (auto delegate = this->delegate()) {
+    delegate->onClose(999);
+  }
+}
+
+}  // namespace vantor::realtime
