@@ -50,6 +50,14 @@ Message::Message(std::string ref, std::optional<std::string> joinRef, std::strin
       event_(std::move(event)),
       rawPayload_(std::make_shared<const Payload>(std::move(rawPayload))) {}
 
+Message::Message(std::string ref, std::optional<std::string> joinRef, std::string topic,
+                 std::string event, std::shared_ptr<const Payload> rawPayload)
+    : ref_(std::move(ref)),
+      joinRef_(std::move(joinRef)),
+      topic_(std::move(topic)),
+      event_(std::move(event)),
+      rawPayload_(rawPayload ? std::move(rawPayload) : std::make_shared<const Payload>()) {}
+
 const Payload& Message::payload() const noexcept {
   if (const auto* response = rawPayload_->if_contains("response")) {
     if (const auto* object = response->if_object()) {

@@ -27,6 +27,9 @@ class Message {
 
   Message(std::string ref, std::optional<std::string> joinRef, std::string topic, std::string event,
           Payload rawPayload);
+  /// As above, sharing an existing payload instead of copying it.
+  Message(std::string ref, std::optional<std::string> joinRef, std::string topic, std::string event,
+          std::shared_ptr<const Payload> rawPayload);
 
   /// The reference of the push that this message answers; "" when absent.
   [[nodiscard]] const std::string& ref() const noexcept { return ref_; }
@@ -36,6 +39,9 @@ class Message {
   [[nodiscard]] const std::string& event() const noexcept { return event_; }
   /// The fifth element of the frame, whole.
   [[nodiscard]] const Payload& rawPayload() const noexcept { return *rawPayload_; }
+  [[nodiscard]] const std::shared_ptr<const Payload>& sharedRawPayload() const noexcept {
+    return rawPayload_;
+  }
 
   /// The "response" object of a reply, when the raw payload has one that is
   /// an object; otherwise the raw payload.

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Binding.hpp"
+#include "vantor/realtime/ChannelState.hpp"
+#include "vantor/realtime/Defaults.hpp"
+#include "vantor/realtime/Message.hpp"
+#include "vantor/realtime/Payload.hpp"
+#include "vantor/realtime/SynchronizedArray.hpp"
+
+namespace vantor::realtime {
+
+class Push;
+class Socket;
+class TimeoutTimer;
+
+/// The client's membership in one topic over a shared socket.
+///
+/// `join()` sends "phx_join" with the channel's parameters once; after
+/// errors, join time-outs and reconnections the channel rejoins by itself on
+/// the socket's rejoin back-off. Pushes made while the channel cannot push
+/// are buffered and sent once the join succeeds. Incoming messages are
+/// dispatched to event bindings; replies reach the push waiting for them.
+/// Lifecycle messages that carry another join's reference are dropped as
+/// outdated. A channel joins once: after it is closed, make a new one.
+///
+/// Make channels with `Socket::channel`; the socket keeps them registered
+/// until they close. A channel holds its socket weakly.
+///
+/// Thread safety: every public member may be called from any thread; the
+/// work runs on the main event loop, and bindings are called there.
+class Channel : public std::enable_shared_from_this<Channel> {
+ public:
+  using Callback = std::function<void(const Message&)>;
+
+  /// Normally called by `Socket::channel`.
+  static std::shared_ptr<Channel> make(std::string topic, Payload params,
+                                       const std::shared_ptr<Socket>& socket);
+  ~Channel();
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+
+  /// Joins the topic; returns the join push, for its "ok", "error" and
+  /// "timeout" hooks. A second call stops the process.
+  std::shared_ptr<Push> join(std::optional<double> timeout = std::nullopt);
+  /// Leaves the topic and closes the channel once the server answers, the
+  /// leave times out, or at once when the channel cannot push.
+  std::shared_ptr<Push> leave(double timeout = Defaults::timeoutInterval);
+  /// Pushes an application event, or buffers it until the channel is
+  /// joined. Pushing before `join()` stops the process.
+  std::shared_ptr<Push> push(const std::string& event, Payload payload,
+                             double timeout = Defaults::timeoutInterval);
+
+  /// Adds a binding for `event`; returns its reference (the application's
+  /// first binding gets 3). The callback is held strongly.
+  int on(const std::string& event, Callback callback);
+  /// As `on`, holding `owner` weakly.
+  template <class Owner>
+  int delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
+                 std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
+  int onClose(Callback callback);
+  template <class Owner>
+  int delegateOnClose(const std::shared_ptr<Owner>& owner,
+                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+    return delegateOn("phx_close", owner, std::move(callback));
+  }
+  int onError(Callback callback);
+  template <class Owner>
+  int delegateOnError(const std::shared_ptr<Owner>& owner,
+                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+    return delegateOn("phx_error", owner, std::move(callback));
+  }
+  /// Removes the bindings of `event`, or only the one with `ref`. Without
+  /// `ref` the channel's own bindings of that event go too.
+  void off(const std::string& event, std::optional<int> ref = std::nullopt);
+  /// Sets a hook that may rewrite every message before bindings see it.
+  void onMessage(std::function<Message(const Message&)> callback);
+
+  /// Whether the socket should hand `message` to this channel.
+  [[nodiscard]] bool isMember(const Message& message) const;
+  /// Dispatches an incoming message to the bindings of its event.
+  void trigger(const Message& message);
+  /// Builds a message on this channel's topic and dispatches it. Without a
+  /// join reference the channel's own is used.
+  void trigger(const std::string& event, Payload payload, std::string ref = {},
+               std::optional<std::string> joinRef = std::nullopt);
+  /// Sends the join again (also used by the rejoin timer and the socket).
+  void rejoin(std::optional<double> timeout = std::nullopt);
+  /// Sets the state to joining and resends the join push.
+  void sendJoin(double timeout);
+  /// "chan_reply_" followed by `ref`.
+  static std::string replyEventName(const std::string& ref);
+
+  [[nodiscard]] const std::string& topic() const noexcept { return topic_; }
+  [[nodiscard]] Payload params() const;
+  void setParams(Payload params);
+  [[nodiscard]] std::shared_ptr<Socket> socket() const;
+  [[nodiscard]] ChannelState state() const;
+  [[nodiscard]] double timeout() const;
+  void setTimeout(double seconds);
+  [[nodiscard]] bool joinedOnce() const;
+  [[nodiscard]] std::shared_ptr<Push> joinPush() const;
+  [[nodiscard]] std::vector<std::shared_ptr<Push>> pushBuffer() const;
+  [[nodiscard]] std::vector<std::string> stateChangeRefs() const;
+  /// The reference of the join push; absent before the first join and after
+  /// the join push was reset.
+  [[nodiscard]] std::optional<std::string> joinRef() const;
+  /// Whether the socket is connected and the channel joined.
+  [[nodiscard]] bool canPush() const;
+  [[nodiscard]] bool isClosed() const { return state() == ChannelState::closed; }
+  [[nodiscard]] bool isErrored() const { return state() == ChannelState::errored; }
+  [[nodiscard]] bool isJoined() const { return state() == ChannelState::joined; }
+  [[nodiscard]] bool isJoining() const { return state() == ChannelState::joining; }
+  [[nodiscard]] bool isLeaving() const { return state() == ChannelState::leaving; }
+
+ private:
+  Channel(std::string topic, Payload params, const std::shared_ptr<Socket>& socket);
+  void wire();
+  void dispatch(const std::string& event, std::shared_ptr<const Payload> payload, std::string ref,
+                std::optional<std::string> joinRef);
+  void log(const std::string& line) const;
+  int bind(std::string event, Delegated<Message, void> callback);
+
+  template <class F>
+  auto onLoop(F&& work) const {
+    return platform::EventLoop::main().sync(std::forward<F>(work));
+  }
+
+  // Everything below, but the bindings, lives on the main loop.
+  const std::string topic_;
+  Payload params_;
+  std::weak_ptr<Socket> socket_;
+  ChannelState state_ = ChannelState::closed;
+  SynchronizedArray<Binding> syncBindingsDel_;
+  int bindingRef_ = 0;
+  double timeout_;
+  bool joinedOnce_ = false;
+  std::shared_ptr<Push> joinPush_;
+  std::vector<std::shared_ptr<Push>> pushBuffer_;
+  std::shared_ptr<TimeoutTimer> rejoinTimer_;
+  std::vector<std::string> stateChangeRefs_;
+  std::function<Message(const Message&)> onMessage_ = [](const Message& message) {
+    return message;
+  };
+};
+
+template <class Owner>
+int Channel::delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
+                        std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+  Delegated<Message, void> delegated;
+  delegated.delegate(owner, std::move(callback));
+  return bind(event, std::move(delegated));
+}
+
+}  // namespace vantor::realtime

@@ -1,0 +1,342 @@
+#pragma once
+
+#include <boost/json/value.hpp>
+#include <boost/url/url.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Defaults.hpp"
+#include "vantor/realtime/Delegated.hpp"
+#include "vantor/realtime/Message.hpp"
+#include "vantor/realtime/Payload.hpp"
+#include "vantor/realtime/PhoenixTransport.hpp"
+
+namespace vantor::realtime {
+
+class Channel;
+class HeartbeatTimer;
+class TimeoutTimer;
+
+namespace detail {
+std::string logText(const std::string& text);
+std::string logText(std::string_view text);
+std::string logText(const char* text);
+std::string logText(const Payload& payload);
+std::string logText(const Message& message);
+std::string logText(const std::optional<std::string>& text);
+std::string logText(const TransportError& error);
+std::string logText(const std::optional<HttpResponse>& response);
+/// The shortest decimal text that reads back as `seconds`, with at least
+/// one digit after the point: 0.01 gives "0.01", 5 gives "5.0".
+std::string shortestDecimal(double seconds);
+}  // namespace detail
+
+/// The realtime client's connection: one WebSocket at a time to a server
+/// that speaks the Phoenix Channels protocol (serializer "2.0.0").
+///
+/// A socket builds its endpoint URL, buffers outbound frames while it is
+/// not connected, hands out message references, keeps the connection alive
+/// with heartbeats, reconnects with a stepped back-off after an unexpected
+/// close, routes every received message to its channels and reports open,
+/// close, error and message events to registered callbacks.
+///
+/// Make sockets with `make`; they are shared objects. Releasing the last
+/// reference closes the connection without calling any callback.
+///
+/// Thread safety: every public member may be called from any thread while
+/// traffic flows. The socket lives on the main event loop: calls from other
+/// threads are carried onto it and wait for it, and every callback runs on
+/// the loop thread. Do not call into a socket from another thread while
+/// holding a lock that a callback of yours takes.
+class Socket : public std::enable_shared_from_this<Socket> {
+ public:
+  /// Close codes the client sends.
+  enum class CloseCode : int { abnormal = 999, normal = 1000, goingAway = 1001 };
+  /// Why the connection is closing or closed; only `unknown` and `abnormal`
+  /// lead to a reconnect.
+  enum class CloseStatus { unknown, clean, abnormal, temporary };
+
+  using ParamsClosure = std::function<std::optional<Payload>()>;
+  using TransportFactory = std::function<std::shared_ptr<PhoenixTransport>(const boost::urls::url&)>;
+  using Encoder = std::function<std::string(const boost::json::value&)>;
+  using Decoder = std::function<std::optional<boost::json::value>(std::string_view)>;
+  using BackOff = std::function<double(int)>;
+  using Logger = std::function<void(const std::string&)>;
+  using ErrorCallback =
+      std::function<void(const TransportError&, const std::optional<HttpResponse>&)>;
+
+  /// The code for a raw value; only 999, 1000 and 1001 have one.
+  static std::optional<CloseCode> closeCode(int rawValue) noexcept;
+  static CloseStatus closeStatus(CloseCode code) noexcept;
+
+  /// A socket for `endPoint` (ws, wss, http or https URL) whose transport
+  /// comes from `transport`, with parameters from `paramsClosure` (asked at
+  /// every `connect()`), sending `vsn`.
+  static std::shared_ptr<Socket> make(std::string endPoint, TransportFactory transport,
+                                      ParamsClosure paramsClosure = nullptr,
+                                      std::string vsn = std::string(Defaults::vsn));
+  /// A socket over `URLSessionTransport` with the default configuration and
+  /// fixed parameters.
+  static std::shared_ptr<Socket> make(std::string endPoint, std::optional<Payload> params = {},
+                                      std::string vsn = std::string(Defaults::vsn));
+  /// A socket over `URLSessionTransport` with the default configuration.
+  static std::shared_ptr<Socket> make(std::string endPoint, ParamsClosure paramsClosure,
+                                      std::string vsn = std::string(Defaults::vsn));
+
+  /// The URL a socket connects to: `endpoint` with "/websocket" appended to
+  /// its path unless the path already contains it, and the query replaced by
+  /// `vsn` followed by one item per parameter (its value's plain text). An
+  /// endpoint that does not parse stops the process ("Malformed URL: ...").
+  static boost::urls::url buildEndpointUrl(const std::string& endpoint,
+                                           const ParamsClosure& paramsClosure,
+                                           const std::string& vsn);
+
+  ~Socket();
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  // --- Connection ---------------------------------------------------------
+
+  /// Opens a connection unless one is open: rebuilds the endpoint URL (so
+  /// the parameters are fetched afresh) and starts a new transport.
+  void connect();
+
+  /// Closes the connection with `code` and does not reconnect. The close
+  /// callbacks run, then `callback`. Channels stay registered; a later
+  /// `connect()` works again.
+  void disconnect(CloseCode code = CloseCode::normal, std::function<void()> callback = nullptr);
+
+  [[nodiscard]] PhoenixTransportReadyState connectionState() const;
+  [[nodiscard]] bool isConnected() const;
+
+  // --- Messages -----------------------------------------------------------
+
+  /// Sends the frame [joinRef, ref, topic, event, payload] now when
+  /// connected, otherwise buffers it until the next open. A buffered frame
+  /// is encoded when it is finally sent.
+  void push(std::string topic, std::string event, Payload payload,
+            std::optional<std::string> ref = std::nullopt,
+            std::optional<std::string> joinRef = std::nullopt);
+
+  /// The next reference: the decimal text of a 64-bit counter shared by
+  /// message and callback references. The first is "1"; after the largest
+  /// value the counter wraps to "0".
+  std::string makeRef();
+
+  // --- Callbacks ----------------------------------------------------------
+  // Each returns the callback's reference (drawn from `makeRef`), for `off`.
+  // Plain forms hold the callback strongly; `delegate…` forms hold the owner
+  // weakly and skip the callback once the owner is gone.
+
+  std::string onOpen(std::function<void()> callback);
+  std::string onClose(std::function<void()> callback);
+  std::string onError(ErrorCallback callback);
+  std::string onMessage(std::function<void(const Message&)> callback);
+
+  template <class Owner>
+  std::string delegateOnOpen(const std::shared_ptr<Owner>& owner,
+                             std::type_identity_t<std::function<void(Owner&)>> callback);
+  template <class Owner>
+  std::string delegateOnClose(const std::shared_ptr<Owner>& owner,
+                              std::type_identity_t<std::function<void(Owner&)>> callback);
+  template <class Owner>
+  std::string delegateOnError(
+      const std::shared_ptr<Owner>& owner,
+      std::type_identity_t<std::function<void(Owner&, const TransportError&, const std::optional<HttpResponse>&)>>
+          callback);
+  template <class Owner>
+  std::string delegateOnMessage(const std::shared_ptr<Owner>& owner,
+                                std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
+
+  /// Empties all four callback lists.
+  void releaseCallbacks();
+  /// Removes the callbacks with these references from all four lists.
+  void off(const std::vector<std::string>& refs);
+
+  // --- Channels -----------------------------------------------------------
+
+  /// Makes a new channel on `topic` bound to this socket and registers it.
+  /// Never reuses an existing channel of the same topic.
+  std::shared_ptr<Channel> channel(const std::string& topic, Payload params = {});
+  /// Unregisters every channel whose join reference equals `channel`'s,
+  /// and the socket callbacks that `channel` registered.
+  void remove(const std::shared_ptr<Channel>& channel);
+  /// Makes the first joined or joining channel of `topic`, if any, leave.
+  void leaveOpenTopic(const std::string& topic);
+  /// The registered channels, in order of creation.
+  [[nodiscard]] std::vector<std::shared_ptr<Channel>> channels() const;
+  /// Withdraws buffered frames whose reference is `ref`.
+  void removeFromSendBuffer(const std::optional<std::string>& ref);
+
+  // --- Properties and options --------------------------------------------
+  // Options take effect for what happens after they are set.
+
+  [[nodiscard]] const std::string& endPoint() const noexcept { return endPoint_; }
+  [[nodiscard]] const std::string& vsn() const noexcept { return vsn_; }
+  [[nodiscard]] boost::urls::url endPointUrl() const;
+  /// The parameters from the parameters closure, if any.
+  [[nodiscard]] std::optional<Payload> params() const;
+  /// "wss" for https, "ws" for http, other schemes unchanged, "" for none.
+  [[nodiscard]] std::string websocketProtocol() const;
+  [[nodiscard]] CloseStatus closeStatus() const;
+
+  [[nodiscard]] double timeout() const;
+  void setTimeout(double seconds);
+  [[nodiscard]] double heartbeatInterval() const;
+  void setHeartbeatInterval(double seconds);
+  [[nodiscard]] std::chrono::nanoseconds heartbeatLeeway() const;
+  void setHeartbeatLeeway(std::chrono::nanoseconds leeway);
+  [[nodiscard]] bool skipHeartbeat() const;
+  void setSkipHeartbeat(bool skip);
+  void setReconnectAfter(BackOff backOff);
+  /// The reconnect delay in seconds for an attempt (from 1).
+  [[nodiscard]] double reconnectAfter(int tries) const;
+  void setRejoinAfter(BackOff backOff);
+  /// The channel rejoin delay in seconds for an attempt (from 1).
+  [[nodiscard]] double rejoinAfter(int tries) const;
+  /// Receives every log line, prefixed "VantorPhoenixClient: "; absent by
+  /// default, and then nothing is logged.
+  void setLogger(Logger logger);
+  void setEncoder(Encoder encode);
+  void setDecoder(Decoder decode);
+  /// Kept for the application; the socket does not read them.
+  [[nodiscard]] bool disableSSLCertValidation() const;
+  void setDisableSSLCertValidation(bool disable);
+  [[nodiscard]] std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites() const;
+  void setEnabledSSLCipherSuites(std::optional<std::vector<std::uint16_t>> suites);
+
+  /// Logs `items` joined with ", " when a logger is set.
+  template <class... Items>
+  void logItems(const Items&... items) const;
+
+ private:
+  friend struct SocketTestAccess;
+  class TransportDelegate;
+  using ErrorArguments = std::pair<TransportError, std::optional<HttpResponse>>;
+
+  template <class Input>
+  using CallbackList = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+
+  struct StateChangeCallbacks {
+    CallbackList<void> open;
+    CallbackList<void> close;
+    CallbackList<ErrorArguments> error;
+    CallbackList<Message> message;
+  };
+
+  struct BufferedFrame {
+    std::optional<std::string> ref;
+    std::function<void()> callback;
+  };
+
+  Socket(std::string endPoint, TransportFactory transport, ParamsClosure paramsClosure,
+         std::string vsn);
+  static std::shared_ptr<Socket> finishMaking(std::shared_ptr<Socket> socket);
+
+  template <class F>
+  auto onLoop(F&& work) const {
+    return platform::EventLoop::main().sync(std::forward<F>(work));
+  }
+
+  template <class Input>
+  std::string append(CallbackList<Input> StateChangeCallbacks::*list,
+                     Delegated<Input, void> callback);
+  void log(const std::string& line) const;
+
+  void teardown(CloseCode code, const std::function<void()>& callback);
+  void flushSendBuffer();
+  void resetHeartbeat();
+  void sendHeartbeat();
+  void triggerChannelError();
+
+  // Transport reports, through TransportDelegate.
+  void onConnectionOpen();
+  void onConnectionError(const TransportError& error, const std::optional<HttpResponse>& response);
+  void onConnectionMessage(const std::string& rawMessage);
+  void onConnectionClosed(int code);
+
+  // Everything below lives on the main loop.
+  const std::string endPoint_;
+  boost::urls::url endPointUrl_;
+  const ParamsClosure paramsClosure_;
+  const TransportFactory transport_;
+  Encoder encode_ = &Defaults::encode;
+  Decoder decode_ = &Defaults::decode;
+  double timeout_ = Defaults::timeoutInterval;
+  double heartbeatInterval_ = Defaults::heartbeatInterval;
+  std::chrono::nanoseconds heartbeatLeeway_ = Defaults::heartbeatLeeway;
+  BackOff reconnectAfter_ = &Defaults::reconnectSteppedBackOff;
+  BackOff rejoinAfter_ = &Defaults::rejoinSteppedBackOff;
+  Logger logger_;
+  bool skipHeartbeat_ = false;
+  bool disableSSLCertValidation_ = false;
+  std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;
+  StateChangeCallbacks stateChangeCallbacks_;
+  std::vector<std::shared_ptr<Channel>> channels_;
+  std::vector<BufferedFrame> sendBuffer_;
+  std::uint64_t ref_ = 0;
+  std::unique_ptr<HeartbeatTimer> heartbeatTimer_;
+  std::optional<std::string> pendingHeartbeatRef_;
+  std::shared_ptr<TimeoutTimer> reconnectTimer_;
+  CloseStatus closeStatus_ = CloseStatus::unknown;
+  std::shared_ptr<PhoenixTransport> connection_;
+  const std::string vsn_;
+};
+
+template <class Owner>
+std::string Socket::delegateOnOpen(const std::shared_ptr<Owner>& owner,
+                                   std::type_identity_t<std::function<void(Owner&)>> callback) {
+  Delegated<void, void> delegated;
+  delegated.delegate(owner, std::move(callback));
+  return append(&StateChangeCallbacks::open, std::move(delegated));
+}
+
+template <class Owner>
+std::string Socket::delegateOnClose(const std::shared_ptr<Owner>& owner,
+                                    std::type_identity_t<std::function<void(Owner&)>> callback) {
+  Delegated<void, void> delegated;
+  delegated.delegate(owner, std::move(callback));
+  return append(&StateChangeCallbacks::close, std::move(delegated));
+}
+
+template <class Owner>
+std::string Socket::delegateOnError(
+    const std::shared_ptr<Owner>& owner,
+    std::type_identity_t<std::function<void(Owner&, const TransportError&, const std::optional<HttpResponse>&)>>
+        callback) {
+  Delegated<ErrorArguments, void> delegated;
+  delegated.delegate(owner, [callback = std::move(callback)](Owner& self,
+                                                             const ErrorArguments& arguments) {
+    callback(self, arguments.first, arguments.second);
+  });
+  return append(&StateChangeCallbacks::error, std::move(delegated));
+}
+
+template <class Owner>
+std::string Socket::delegateOnMessage(const std::shared_ptr<Owner>& owner,
+                                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+  Delegated<Message, void> delegated;
+  delegated.delegate(owner, std::move(callback));
+  return append(&StateChangeCallbacks::message, std::move(delegated));
+}
+
+template <class... Items>
+void Socket::logItems(const Items&... items) const {
+  onLoop([&] {
+    if (!logger_) {
+      return;
+    }
+    std::string line;
+    bool first = true;
+    ((line += first ? "" : ", ", line += detail::logText(items), first = false), ...);
+    log(line);
+  });
+}
+
+}  // namespace vantor::realtime

@@ -1,0 +1,190 @@
+#include "vantor/realtime/Push.hpp"
+
+#include "vantor/platform/DispatchWorkItem.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/TimerQueue.hpp"
+
+namespace vantor::realtime {
+
+namespace {
+template <class F>
+auto onLoop(F&& work) {
+  return platform::EventLoop::main().sync(std::forward<F>(work));
+}
+}  // namespace
+
+std::shared_ptr<Push> Push::make(const std::shared_ptr<Channel>& channel, std::string event,
+                                 Payload payload, double timeout) {
+  return std::shared_ptr<Push>(new Push(channel, std::move(event), std::move(payload), timeout));
+}
+
+Push::Push(const std::shared_ptr<Channel>& channel, std::string event, Payload payload,
+           double timeout)
+    : channel_(channel), event_(std::move(event)), payload_(std::move(payload)), timeout_(timeout) {}
+
+Push::~Push() {
+  if (timeoutWorkItem_) {
+    timeoutWorkItem_->cancel();
+  }
+}
+
+void Push::send() {
+  onLoop([&] {
+    // A timed-out push is sent again only through resend().
+    if (hasReceived("timeout")) {
+      return;
+    }
+    startTimeout();
+    sent_ = true;
+    auto channel = channel_.lock();
+    auto socket = channel ? channel->socket() : nullptr;
+    if (!socket) {
+      return;
+    }
+    socket->push(channel->topic(), event_, payload_, ref_, channel->joinRef());
+  });
+}
+
+void Push::resend(double timeout) {
+  onLoop([&] {
+    timeout_ = timeout;
+    reset();
+    send();
+  });
+}
+
+std::shared_ptr<Push> Push::receive(const std::string& status, Hook callback) {
+  Delegated<Message, void> delegated;
+  delegated.manuallyDelegate(std::move(callback));
+  return receive(status, std::move(delegated));
+}
+
+std::shared_ptr<Push> Push::receive(const std::string& status, Delegated<Message, void> delegated) {
+  onLoop([&] {
+    // A hook added after the reply still sees it.
+    if (receivedMessage_ && receivedMessage_->status() == status) {
+      delegated.call(*receivedMessage_);
+    }
+    receiveHooks_[status].push_back(std::move(delegated));
+  });
+  return shared_from_this();
+}
+
+void Push::reset() {
+  onLoop([&] {
+    removeReplyBinding();
+    ref_.reset();
+    refEvent_.reset();
+    receivedMessage_.reset();
+    sent_ = false;
+  });
+}
+
+void Push::cancelTimeout() {
+  onLoop([&] {
+    if (timeoutWorkItem_) {
+      timeoutWorkItem_->cancel();
+    }
+    timeoutWorkItem_.reset();
+  });
+}
+
+void Push::startTimeout() {
+  onLoop([&] {
+    if (timeoutWorkItem_) {
+      timeoutWorkItem_->cancel();
+      timeoutWorkItem_.reset();
+    }
+    auto channel = channel_.lock();
+    auto socket = channel ? channel->socket() : nullptr;
+    if (!socket) {
+      return;
+    }
+    ref_ = socket->makeRef();
+    refEvent_ = Channel::replyEventName(*ref_);
+    channel->delegateOn<Push>(*refEvent_, shared_from_this(),
+                              [](Push& push, const Message& message) { push.replied(message); });
+    auto item = platform::DispatchWorkItem::make(
+        [self = shared_from_this()] { self->trigger("timeout", Payload{}); });
+    timeoutWorkItem_ = item;
+    TimerQueue::main().queue(timeout_, std::move(item));
+  });
+}
+
+void Push::replied(const Message& message) {
+  // The binding goes first, so that a reply is handled once.
+  removeReplyBinding();
+  cancelTimeout();
+  receivedMessage_ = message;
+  if (auto status = message.status()) {
+    matchReceive(*status, message);
+  }
+}
+
+bool Push::hasReceived(const std::string& status) const {
+  return onLoop([&] { return receivedMessage_ && receivedMessage_->status() == status; });
+}
+
+void Push::trigger(const std::string& status, Payload payload) {
+  onLoop([&] {
+    if (!refEvent_) {
+      return;
+    }
+    payload["status"] = status;
+    if (auto channel = channel_.lock()) {
+      channel->trigger(*refEvent_, std::move(payload), "", std::nullopt);
+    }
+  });
+}
+
+void Push::removeReplyBinding() {
+  if (!refEvent_) {
+    return;
+  }
+  if (auto channel = channel_.lock()) {
+    channel->off(*refEvent_);
+  }
+}
+
+void Push::matchReceive(const std::string& status, const Message& message) {
+  auto found = receiveHooks_.find(status);
+  if (found == receiveHooks_.end()) {
+    return;
+  }
+  auto hooks = found->second;  // a hook may add hooks
+  for (const auto& hook : hooks) {
+    hook.call(message);
+  }
+}
+
+std::shared_ptr<Channel> Push::channel() const {
+  return onLoop([&] { return channel_.lock(); });
+}
+Payload Push::payload() const {
+  return onLoop([&] { return payload_; });
+}
+void Push::setPayload(Payload payload) {
+  onLoop([&] { payload_ = std::move(payload); });
+}
+double Push::timeout() const {
+  return onLoop([&] { return timeout_; });
+}
+void Push::setTimeout(double seconds) {
+  onLoop([&] { timeout_ = seconds; });
+}
+std::optional<Message> Push::receivedMessage() const {
+  return onLoop([&] { return receivedMessage_; });
+}
+bool Push::sent() const {
+  return onLoop([&] { return sent_; });
+}
+std::optional<std::string> Push::ref() const {
+  return onLoop([&] { return ref_; });
+}
+std::optional<std::string> Push::refEvent() const {
+  return onLoop([&] { return refEvent_; });
+}
+
+}  // namespace vantor::realtime

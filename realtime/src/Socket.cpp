@@ -1,0 +1,621 @@
+#include "vantor/realtime/Socket.hpp"
+
+#include <algorithm>
+#include <boost/json/serialize.hpp>
+#include <boost/url/parse.hpp>
+#include <charconv>
+
+#include "Text.hpp"
+#include "vantor/platform/Fatal.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/ChannelEvent.hpp"
+#include "vantor/realtime/HeartbeatTimer.hpp"
+#include "vantor/realtime/TimeoutTimer.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
+
+namespace vantor::realtime {
+
+namespace json = boost::json;
+
+namespace detail {
+
+std::string logText(const std::string& text) { return text; }
+std::string logText(std::string_view text) { return std::string(text); }
+std::string logText(const char* text) { return text; }
+std::string logText(const Payload& payload) { return json::serialize(payload); }
+std::string logText(const Message& message) { return message.description(); }
+std::string logText(const std::optional<std::string>& text) { return text.value_or("nil"); }
+std::string logText(const TransportError& error) { return error.description; }
+std::string logText(const std::optional<HttpResponse>& response) {
+  if (!response) {
+    return "";
+  }
+  return "HTTP " + std::to_string(response->statusCode) + " " + response->reason;
+}
+
+std::string shortestDecimal(double seconds) {
+  char buffer[64];
+  auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, seconds);
+  std::string text(buffer, error == std::errc() ? end : buffer);
+  if (text.find_first_of(".eEn") == std::string::npos) {
+    text += ".0";  // "5" reads as an integer; seconds are written as 5.0
+  }
+  return text;
+}
+
+}  // namespace detail
+
+namespace {
+
+constexpr std::string_view logPrefix = "VantorPhoenixClient: ";
+
+// The plain text of a parameter value: strings as they are, other values as
+// JSON.
+std::string parameterText(const json::value& value) {
+  switch (value.kind()) {
+    case json::kind::string: return std::string(value.get_string());
+    case json::kind::double_: return detail::shortestDecimal(value.get_double());
+    default: return json::serialize(value);
+  }
+}
+
+}  // namespace
+
+/// Forwards one transport's reports to the socket, holding it weakly so that
+/// a transport never keeps its socket alive. Reports of a transport that is
+/// no longer the socket's connection are dropped.
+class Socket::TransportDelegate : public PhoenixTransportDelegate {
+ public:
+  TransportDelegate(std::weak_ptr<Socket> socket, const PhoenixTransport* transport)
+      : socket_(std::move(socket)), transport_(transport) {}
+
+  void onOpen() override {
+    if (auto socket = current()) {
+      socket->onConnectionOpen();
+    }
+  }
+  void onError(const TransportError& error, const std::optional<HttpResponse>& response) override {
+    if (auto socket = current()) {
+      socket->onConnectionError(error, response);
+    }
+  }
+  void onMessage(const std::string& message) override {
+    if (auto socket = current()) {
+      socket->onConnectionMessage(message);
+    }
+  }
+  void onClose(int code) override {
+    if (auto socket = current()) {
+      socket->onConnectionClosed(code);
+    }
+  }
+
+ private:
+  std::shared_ptr<Socket> current() const {
+    auto socket = socket_.lock();
+    if (!socket || socket->connection_.get() != transport_) {
+      return nullptr;
+    }
+    return socket;
+  }
+
+  std::weak_ptr<Socket> socket_;
+  const PhoenixTransport* transport_;
+};
+
+std::optional<Socket::CloseCode> Socket::closeCode(int rawValue) noexcept {
+  switch (rawValue) {
+    case 999: return CloseCode::abnormal;
+    case 1000: return CloseCode::normal;
+    case 1001: return CloseCode::goingAway;
+    default: return std::nullopt;
+  }
+}
+
+Socket::CloseStatus Socket::closeStatus(CloseCode code) noexcept {
+  switch (code) {
+    case CloseCode::abnormal: return CloseStatus::abnormal;
+    case CloseCode::normal: return CloseStatus::clean;
+    case CloseCode::goingAway: return CloseStatus::temporary;
+  }
+  return CloseStatus::unknown;
+}
+
+std::shared_ptr<Socket> Socket::make(std::string endPoint, TransportFactory transport,
+                                     ParamsClosure paramsClosure, std::string vsn) {
+  return finishMaking(std::shared_ptr<Socket>(new Socket(
+      std::move(endPoint), std::move(transport), std::move(paramsClosure), std::move(vsn))));
+}
+
+std::shared_ptr<Socket> Socket::make(std::string endPoint, std::optional<Payload> params,
+                                     std::string vsn) {
+  ParamsClosure closure;
+  if (params) {
+    closure = [params = std::move(params)] { return params; };
+  }
+  return make(std::move(endPoint), std::move(closure), std::move(vsn));
+}
+
+std::shared_ptr<Socket> Socket::make(std::string endPoint, ParamsClosure paramsClosure,
+                                     std::string vsn) {
+  return make(
+      std::move(endPoint),
+      [](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+        return URLSessionTransport::make(url);
+      },
+      std::move(paramsClosure), std::move(vsn));
+}
+
+Socket::Socket(std::string endPoint, TransportFactory transport, ParamsClosure paramsClosure,
+               std::string vsn)
+    : endPoint_(std::move(endPoint)),
+      endPointUrl_(buildEndpointUrl(endPoint_, paramsClosure, vsn)),
+      paramsClosure_(std::move(paramsClosure)),
+      transport_(std::move(transport)),
+      reconnectTimer_(TimeoutTimer::make()),
+      vsn_(std::move(vsn)) {}
+
+std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
+  socket->reconnectTimer_->callback.delegate(socket, [](Socket& self) {
+    self.logItems("Socket attempting to reconnect");
+    self.teardown(CloseCode::normal, [&self] { self.connect(); });
+  });
+  socket->reconnectTimer_->timerCalculation.delegate(socket, [](Socket& self, const int& tries) {
+    const double interval = self.reconnectAfter_(tries);
+    self.logItems("Socket reconnecting in " + detail::shortestDecimal(interval) + "s");
+    return interval;
+  });
+  return socket;
+}
+
+Socket::~Socket() {
+  // Nothing else can reach a socket being destroyed: close its connection
+  // without reporting to anybody.
+  if (connection_) {
+    connection_->setDelegate(nullptr);
+    connection_->disconnect(static_cast<int>(CloseCode::normal), std::nullopt);
+  }
+}
+
+boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
+                                          const ParamsClosure& paramsClosure,
+                                          const std::string& vsn) {
+  auto parsed = boost::urls::parse_uri_reference(endpoint);
+  if (!parsed) {
+    platform::fatalError("Malformed URL: " + endpoint);
+  }
+  boost::urls::url url(*parsed);
+  // A substring test on purpose: a path that mentions "/websocket" anywhere
+  // is taken as already pointing at the WebSocket endpoint.
+  std::string path(url.encoded_path());
+  if (path.find("/websocket") == std::string::npos) {
+    if (path.empty() || path.back() != '/') {
+      path += '/';
+    }
+    path += "websocket";
+    url.set_encoded_path(path);
+  }
+  url.remove_query();
+  auto query = url.params();
+  query.append({"vsn", vsn});
+  if (paramsClosure) {
+    if (auto params = paramsClosure()) {
+      for (const auto& entry : *params) {
+        query.append({entry.key(), parameterText(entry.value())});
+      }
+    }
+  }
+  return url;
+}
+
+// --- Connection --------------------------------------------------------------
+
+void Socket::connect() {
+  onLoop([&] {
+    if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+      return;
+    }
+    closeStatus_ = CloseStatus::unknown;
+    endPointUrl_ = buildEndpointUrl(endPoint_, paramsClosure_, vsn_);
+    connection_ = transport_(endPointUrl_);
+    connection_->setDelegate(std::make_shared<TransportDelegate>(weak_from_this(), connection_.get()));
+    connection_->connect();
+  });
+}
+
+void Socket::disconnect(CloseCode code, std::function<void()> callback) {
+  onLoop([&] {
+    closeStatus_ = closeStatus(code);
+    reconnectTimer_->reset();
+    teardown(code, callback);
+  });
+}
+
+void Socket::teardown(CloseCode code, const std::function<void()>& callback) {
+  // The delegate goes first, so this close is never reported back: no
+  // channel errors, no reconnect.
+  if (connection_) {
+    connection_->setDelegate(nullptr);
+    connection_->disconnect(static_cast<int>(code), std::nullopt);
+  }
+  connection_.reset();
+  if (heartbeatTimer_) {
+    heartbeatTimer_->stop();
+  }
+  auto callbacks = stateChangeCallbacks_.close;
+  for (const auto& [ref, closeCallback] : callbacks) {
+    closeCallback.call();
+  }
+  if (callback) {
+    callback();
+  }
+}
+
+PhoenixTransportReadyState Socket::connectionState() const {
+  return onLoop([&] {
+    return connection_ ? connection_->readyState() : PhoenixTransportReadyState::closed;
+  });
+}
+
+bool Socket::isConnected() const { return connectionState() == PhoenixTransportReadyState::open; }
+
+// --- Messages ----------------------------------------------------------------
+
+void Socket::push(std::string topic, std::string event, Payload payload,
+                  std::optional<std::string> ref, std::optional<std::string> joinRef) {
+  onLoop([&] {
+    // Encoded only when it is finally sent, so a later encoder applies.
+    auto send = [this, topic = std::move(topic), event = std::move(event),
+                 payload = std::move(payload), ref, joinRef] {
+      json::array frame{joinRef ? json::value(*joinRef) : json::value(nullptr),
+                        ref ? json::value(*ref) : json::value(nullptr), json::value(topic),
+                        json::value(event), json::value(payload)};
+      auto data = encode_(frame);
+      if (logger_) {
+        logItems("push", "Sending " + (detail::isValidUtf8(data) ? data : std::string()));
+      }
+      if (connection_) {
+        connection_->send(std::move(data));
+      }
+    };
+    if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+      send();
+    } else {
+      sendBuffer_.push_back({std::move(ref), std::move(send)});
+    }
+  });
+}
+
+std::string Socket::makeRef() {
+  return onLoop([&] {
+    ++ref_;  // wraps from the largest value to 0 by design
+    return std::to_string(ref_);
+  });
+}
+
+void Socket::flushSendBuffer() {
+  if (!connection_ || connection_->readyState() != PhoenixTransportReadyState::open ||
+      sendBuffer_.empty()) {
+    return;
+  }
+  auto buffered = std::exchange(sendBuffer_, {});
+  for (auto& frame : buffered) {
+    try {
+      frame.callback();
+    } catch (...) {
+      // A failed send must not hold back the frames after it.
+    }
+  }
+}
+
+void Socket::removeFromSendBuffer(const std::optional<std::string>& ref) {
+  onLoop([&] { std::erase_if(sendBuffer_, [&](const auto& frame) { return frame.ref == ref; }); });
+}
+
+// --- Callbacks -----------------------------------------------------------------
+
+template <class Input>
+std::string Socket::append(CallbackList<Input> StateChangeCallbacks::*list,
+                           Delegated<Input, void> callback) {
+  return onLoop([&] {
+    auto ref = makeRef();
+    (stateChangeCallbacks_.*list).emplace_back(ref, std::move(callback));
+    return ref;
+  });
+}
+
+template std::string Socket::append(CallbackList<void> StateChangeCallbacks::*,
+                                    Delegated<void, void>);
+template std::string Socket::append(CallbackList<ErrorArguments> StateChangeCallbacks::*,
+                                    Delegated<ErrorArguments, void>);
+template std::string Socket::append(CallbackList<Message> StateChangeCallbacks::*,
+                                    Delegated<Message, void>);
+
+std::string Socket::onOpen(std::function<void()> callback) {
+  Delegated<void, void> delegated;
+  delegated.manuallyDelegate(std::move(callback));
+  return append(&StateChangeCallbacks::open, std::move(delegated));
+}
+
+std::string Socket::onClose(std::function<void()> callback) {
+  Delegated<void, void> delegated;
+  delegated.manuallyDelegate(std::move(callback));
+  return append(&StateChangeCallbacks::close, std::move(delegated));
+}
+
+std::string Socket::onError(ErrorCallback callback) {
+  Delegated<ErrorArguments, void> delegated;
+  delegated.manuallyDelegate([callback = std::move(callback)](const ErrorArguments& arguments) {
+    callback(arguments.first, arguments.second);
+  });
+  return append(&StateChangeCallbacks::error, std::move(delegated));
+}
+
+std::string Socket::onMessage(std::function<void(const Message&)> callback) {
+  Delegated<Message, void> delegated;
+  delegated.manuallyDelegate(std::move(callback));
+  return append(&StateChangeCallbacks::message, std::move(delegated));
+}
+
+void Socket::releaseCallbacks() {
+  onLoop([&] { stateChangeCallbacks_ = {}; });
+}
+
+void Socket::off(const std::vector<std::string>& refs) {
+  onLoop([&] {
+    auto listed = [&](const auto& entry) {
+      return std::find(refs.begin(), refs.end(), entry.first) != refs.end();
+    };
+    std::erase_if(stateChangeCallbacks_.open, listed);
+    std::erase_if(stateChangeCallbacks_.close, listed);
+    std::erase_if(stateChangeCallbacks_.error, listed);
+    std::erase_if(stateChangeCallbacks_.message, listed);
+  });
+}
+
+// --- Channels ------------------------------------------------------------------
+
+std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload params) {
+  return onLoop([&] {
+    auto made = Channel::make(topic, std::move(params), shared_from_this());
+    channels_.push_back(made);
+    return made;
+  });
+}
+
+void Socket::remove(const std::shared_ptr<Channel>& channel) {
+  onLoop([&] {
+    off(channel->stateChangeRefs());
+    const auto joinRef = channel->joinRef();
+    std::erase_if(channels_, [&](const auto& registered) { return registered->joinRef() == joinRef; });
+  });
+}
+
+void Socket::leaveOpenTopic(const std::string& topic) {
+  onLoop([&] {
+    auto duplicate = std::find_if(channels_.begin(), channels_.end(), [&](const auto& channel) {
+      return channel->topic() == topic && (channel->isJoined() || channel->isJoining());
+    });
+    if (duplicate != channels_.end()) {
+      auto channel = *duplicate;  // leaving may unregister it
+      logItems("transport", "leaving duplicate topic: [" + topic + "]");
+      channel->leave(Defaults::timeoutInterval);
+    }
+  });
+}
+
+std::vector<std::shared_ptr<Channel>> Socket::channels() const {
+  return onLoop([&] { return channels_; });
+}
+
+// --- Heartbeat -------------------------------------------------------------------
+
+void Socket::resetHeartbeat() {
+  pendingHeartbeatRef_.reset();
+  if (heartbeatTimer_) {
+    heartbeatTimer_->stop();
+    heartbeatTimer_.reset();
+  }
+  if (skipHeartbeat_) {
+    return;
+  }
+  heartbeatTimer_ =
+      std::make_unique<HeartbeatTimer>(heartbeatInterval_, Defaults::heartbeatQueue(), heartbeatLeeway_);
+  heartbeatTimer_->start([weakSelf = weak_from_this()] {
+    if (auto self = weakSelf.lock()) {
+      self->sendHeartbeat();
+    }
+  });
+}
+
+void Socket::sendHeartbeat() {
+  if (!connection_ || connection_->readyState() != PhoenixTransportReadyState::open) {
+    return;
+  }
+  if (!pendingHeartbeatRef_) {
+    pendingHeartbeatRef_ = makeRef();
+    push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+    return;
+  }
+  // The last heartbeat got no reply within one interval. The delegate stays
+  // set, so the close comes back through onConnectionClosed and reconnects.
+  pendingHeartbeatRef_.reset();
+  logItems("transport", "heartbeat timeout. Attempting to re-establish connection");
+  closeStatus_ = CloseStatus::abnormal;
+  connection_->disconnect(static_cast<int>(CloseCode::normal), "heartbeat timeout");
+}
+
+// --- Transport events ----------------------------------------------------------
+
+void Socket::onConnectionOpen() {
+  logItems("transport", "Connected to " + endPoint_);
+  closeStatus_ = CloseStatus::unknown;
+  flushSendBuffer();
+  reconnectTimer_->reset();
+  resetHeartbeat();
+  auto callbacks = stateChangeCallbacks_.open;
+  for (const auto& [ref, callback] : callbacks) {
+    callback.call();
+  }
+}
+
+void Socket::onConnectionError(const TransportError& error,
+                               const std::optional<HttpResponse>& response) {
+  logItems("transport", error, response);
+  triggerChannelError();
+  auto callbacks = stateChangeCallbacks_.error;
+  const ErrorArguments arguments{error, response};
+  for (const auto& [ref, callback] : callbacks) {
+    callback.call(arguments);
+  }
+}
+
+void Socket::onConnectionClosed(int /*code*/) {
+  logItems("transport", "close");
+  triggerChannelError();
+  if (heartbeatTimer_) {
+    heartbeatTimer_->stop();
+  }
+  if (closeStatus_ == CloseStatus::unknown || closeStatus_ == CloseStatus::abnormal) {
+    reconnectTimer_->scheduleTimeout();
+  }
+  auto callbacks = stateChangeCallbacks_.close;
+  for (const auto& [ref, callback] : callbacks) {
+    callback.call();
+  }
+}
+
+void Socket::triggerChannelError() {
+  auto channels = channels_;
+  for (const auto& channel : channels) {
+    const auto state = channel->state();
+    if (state != ChannelState::errored && state != ChannelState::leaving &&
+        state != ChannelState::closed) {
+      channel->trigger(std::string(ChannelEvent::error), Payload{});
+    }
+  }
+}
+
+void Socket::onConnectionMessage(const std::string& rawMessage) {
+  logItems("receive ", rawMessage);
+  std::optional<Message> message;
+  if (auto decoded = decode_(rawMessage); decoded && decoded->is_array()) {
+    message = Message::fromJson(decoded->get_array());
+  }
+  if (!message) {
+    logItems("receive: Unable to parse JSON: " + rawMessage);
+    return;
+  }
+  if (pendingHeartbeatRef_ && *pendingHeartbeatRef_ == message->ref()) {
+    pendingHeartbeatRef_.reset();
+  }
+  if (message->event() == ChannelEvent::close) {
+    detail::writeLineToStandardOutput("Close Event Received");
+  }
+  auto channels = channels_;
+  for (const auto& channel : channels) {
+    if (channel->isMember(*message)) {
+      channel->trigger(*message);
+    }
+  }
+  auto callbacks = stateChangeCallbacks_.message;
+  for (const auto& [ref, callback] : callbacks) {
+    callback.call(*message);
+  }
+}
+
+// --- Properties and options ----------------------------------------------------
+
+boost::urls::url Socket::endPointUrl() const {
+  return onLoop([&] { return endPointUrl_; });
+}
+
+std::optional<Payload> Socket::params() const {
+  return onLoop([&] { return paramsClosure_ ? paramsClosure_() : std::nullopt; });
+}
+
+std::string Socket::websocketProtocol() const {
+  return onLoop([&]() -> std::string {
+    if (!endPointUrl_.has_scheme()) {
+      return "";
+    }
+    const std::string scheme(endPointUrl_.scheme());
+    if (scheme == "https") {
+      return "wss";
+    }
+    if (scheme == "http") {
+      return "ws";
+    }
+    return scheme;
+  });
+}
+
+Socket::CloseStatus Socket::closeStatus() const {
+  return onLoop([&] { return closeStatus_; });
+}
+
+double Socket::timeout() const {
+  return onLoop([&] { return timeout_; });
+}
+void Socket::setTimeout(double seconds) {
+  onLoop([&] { timeout_ = seconds; });
+}
+double Socket::heartbeatInterval() const {
+  return onLoop([&] { return heartbeatInterval_; });
+}
+void Socket::setHeartbeatInterval(double seconds) {
+  onLoop([&] { heartbeatInterval_ = seconds; });
+}
+std::chrono::nanoseconds Socket::heartbeatLeeway() const {
+  return onLoop([&] { return heartbeatLeeway_; });
+}
+void Socket::setHeartbeatLeeway(std::chrono::nanoseconds leeway) {
+  onLoop([&] { heartbeatLeeway_ = leeway; });
+}
+bool Socket::skipHeartbeat() const {
+  return onLoop([&] { return skipHeartbeat_; });
+}
+void Socket::setSkipHeartbeat(bool skip) {
+  onLoop([&] { skipHeartbeat_ = skip; });
+}
+void Socket::setReconnectAfter(BackOff backOff) {
+  onLoop([&] { reconnectAfter_ = std::move(backOff); });
+}
+double Socket::reconnectAfter(int tries) const {
+  return onLoop([&] { return reconnectAfter_(tries); });
+}
+void Socket::setRejoinAfter(BackOff backOff) {
+  onLoop([&] { rejoinAfter_ = std::move(backOff); });
+}
+double Socket::rejoinAfter(int tries) const {
+  return onLoop([&] { return rejoinAfter_(tries); });
+}
+void Socket::setLogger(Logger logger) {
+  onLoop([&] { logger_ = std::move(logger); });
+}
+void Socket::setEncoder(Encoder encode) {
+  onLoop([&] { encode_ = std::move(encode); });
+}
+void Socket::setDecoder(Decoder decode) {
+  onLoop([&] { decode_ = std::move(decode); });
+}
+bool Socket::disableSSLCertValidation() const {
+  return onLoop([&] { return disableSSLCertValidation_; });
+}
+void Socket::setDisableSSLCertValidation(bool disable) {
+  onLoop([&] { disableSSLCertValidation_ = disable; });
+}
+std::optional<std::vector<std::uint16_t>> Socket::enabledSSLCipherSuites() const {
+  return onLoop([&] { return enabledSSLCipherSuites_; });
+}
+void Socket::setEnabledSSLCipherSuites(std::optional<std::vector<std::uint16_t>> suites) {
+  onLoop([&] { enabledSSLCipherSuites_ = std::move(suites); });
+}
+
+void Socket::log(const std::string& line) const {
+  std::string prefixed(logPrefix);
+  prefixed += line;
+  logger_(prefixed);
+}
+
+}  // namespace vantor::realtime
