@@ -1,0 +1,151 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "vantor/testing/TestCertificates.hpp"
+
+namespace vantor::testing {
+
+/// A scriptable WebSocket server on the loopback interface, for tests.
+///
+/// It listens on 127.0.0.1 on a free port, upgrades every HTTP request that
+/// asks for it (unless told to refuse), records what clients send and lets a
+/// test push frames, close or drop connections at will. By default it echoes
+/// each text frame back. With `Options::tls` it serves wss with the given
+/// certificate and key.
+///
+/// The server runs its own `io_context` on a thread of its own; every network
+/// operation and every hook runs on that thread. Connections are numbered
+/// 0, 1, 2 ... in the order in which their upgrade completed (`ConnectionId`).
+///
+/// Misbehaving clients (vanishing, sending garbage, closing mid-handshake,
+/// failing TLS) only end their own connection. A handshake or a close
+/// handshake that stalls is given up after ten seconds.
+///
+/// Thread safety: every public member may be called from any thread, also
+/// from inside a hook. Calls from other threads are carried onto the server
+/// thread and wait for it, so their effect (a frame queued, a socket closed)
+/// has happened on the server side when they return; the client sees it
+/// later. The destructor must not race with other calls.
+class WebSocketTestServer {
+ public:
+  using ConnectionId = std::size_t;
+
+  /// Callbacks for code built on top of this server (the protocol server).
+  /// Each runs on the server thread; none runs after the destructor started.
+  struct Hooks {
+    /// Asked for each upgrade request, with its target (path and query).
+    /// Returning an HTTP status refuses the upgrade with it; `nullopt`
+    /// accepts. Not asked while `refuseHandshake` is in force.
+    std::function<std::optional<int>(const std::string& target)> screenHandshake;
+    /// A connection completed its upgrade.
+    std::function<void(ConnectionId, const std::string& target)> onOpen;
+    /// A text frame arrived (after it was recorded).
+    std::function<void(ConnectionId, const std::string& text)> onText;
+    /// A binary frame arrived (after it was recorded).
+    std::function<void(ConnectionId, const std::string& bytes)> onBinary;
+    /// An upgraded connection ended, for whatever reason.
+    std::function<void(ConnectionId)> onClosed;
+  };
+
+  // Every field has an initializer so that designated initializers that
+  // name only some of them compile without -Wmissing-field-initializers.
+  struct Options {
+    std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set, plain ws otherwise
+    bool echo = true;                                    ///< initial value of `setEcho`
+    Hooks hooks = {};
+  };
+
+  /// A close frame that a client sent.
+  struct CloseFrame {
+    ConnectionId connection;
+    std::uint16_t code;
+    std::string reason;
+  };
+
+  /// Listens on 127.0.0.1 on a free port and starts the server thread.
+  /// Throws `std::system_error` when the port cannot be opened or OpenSSL
+  /// rejects the TLS certificate or key.
+  WebSocketTestServer();
+  explicit WebSocketTestServer(Options options);
+  /// Closes the listener and every connection abruptly, stops and joins the
+  /// server thread. Hooks are not called for the connections it ends.
+  ~WebSocketTestServer();
+
+  WebSocketTestServer(const WebSocketTestServer&) = delete;
+  WebSocketTestServer& operator=(const WebSocketTestServer&) = delete;
+
+  [[nodiscard]] std::uint16_t port() const;
+  [[nodiscard]] bool usesTls() const;
+  /// "ws://127.0.0.1:<port><pathAndQuery>" or, with TLS,
+  /// "wss://localhost:<port><pathAndQuery>" (the name the certificate holds).
+  /// A `pathAndQuery` without a leading "/" gets one.
+  [[nodiscard]] std::string url(std::string_view pathAndQuery = "/") const;
+
+  /// Echo each received text frame back to its sender (default true).
+  void setEcho(bool echo);
+  /// Answers every later upgrade request with this HTTP status and a short
+  /// text body, then closes the connection; `nullopt` accepts again. The
+  /// refused requests still appear in `handshakeTargets()`.
+  void refuseHandshake(std::optional<int> httpStatus);
+
+  /// Waits until `count` connections have been upgraded since the start
+  /// (cumulative). False when the timeout passes first.
+  bool waitForConnections(std::size_t count, std::chrono::milliseconds timeout) const;
+  /// Waits until exactly `count` connections are open. False on timeout.
+  bool waitForOpenConnections(std::size_t count, std::chrono::milliseconds timeout) const;
+  [[nodiscard]] std::size_t openConnections() const;
+  /// Upgraded connections since the start, open or not.
+  [[nodiscard]] std::size_t connectionCount() const;
+
+  /// Queues a text frame to every open connection.
+  void sendText(std::string text);
+  /// Queues a binary frame to every open connection.
+  void sendBinary(std::string bytes);
+  /// Starts the close handshake with `code` on every open connection, after
+  /// the frames queued before. Later sends to those connections are dropped.
+  void closeWith(std::uint16_t code, std::string reason = {});
+  /// Ends every open connection at once: the TCP socket is shut down and
+  /// closed without a close frame.
+  void dropConnections();
+
+  /// The same, for one connection. An unknown or ended connection is ignored.
+  void sendTextTo(ConnectionId connection, std::string text);
+  void sendBinaryTo(ConnectionId connection, std::string bytes);
+  void closeConnection(ConnectionId connection, std::uint16_t code, std::string reason = {});
+  void dropConnection(ConnectionId connection);
+
+  /// Every text frame received from any connection, in order of arrival.
+  [[nodiscard]] std::vector<std::string> receivedTexts() const;
+  /// Waits until at least `count` text frames have been received in all.
+  bool waitForReceived(std::size_t count, std::chrono::milliseconds timeout) const;
+  /// Every binary frame received, in order of arrival.
+  [[nodiscard]] std::vector<std::string> receivedBinaries() const;
+  /// Close frames that clients sent to start a close handshake, in order of
+  /// arrival. Answers to the server's own close are not included.
+  [[nodiscard]] std::vector<CloseFrame> receivedCloseFrames() const;
+  /// Request targets (path and query) of every upgrade request seen,
+  /// accepted or refused, in order of arrival.
+  [[nodiscard]] std::vector<std::string> handshakeTargets() const;
+
+  /// Runs `work` on the server thread and waits for it: inline when called
+  /// on that thread. Exceptions thrown by `work` reach the caller.
+  void execute(const std::function<void()>& work) const;
+  /// Runs `work` on the server thread once `delay` has passed, unless the
+  /// server is destroyed first.
+  void runAfter(std::chrono::milliseconds delay, std::function<void()> work);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vantor::testing

@@ -1,0 +1,628 @@
+// The only translation unit of the test servers that includes Beast: the
+// protocol server is built on the hooks and sends of this one.
+#include "vantor/testing/WebSocketTestServer.hpp"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <future>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+
+namespace vantor::testing {
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = asio::ssl;
+namespace websocket = beast::websocket;
+using tcp = asio::ip::tcp;
+using ConnectionId = WebSocketTestServer::ConnectionId;
+
+// Long enough never to trip in a healthy test, short enough that a stalled
+// client does not hold a connection for the rest of the run.
+constexpr auto kHandshakeTimeout = std::chrono::seconds(10);
+constexpr std::size_t kMaxMessageSize = 1 << 20;
+
+struct Outgoing {
+  enum class Kind { text, binary, close } kind;
+  std::string data;  // the payload, or the close reason
+  std::uint16_t code = 0;
+};
+
+class Session;
+
+// Everything of the server that lives on its thread. Outside the public class
+// so that the sessions, in this file's anonymous namespace, can name it.
+class ServerCore {
+ public:
+  using Hooks = WebSocketTestServer::Hooks;
+  using Options = WebSocketTestServer::Options;
+  using CloseFrame = WebSocketTestServer::CloseFrame;
+
+  explicit ServerCore(Options options);
+  ~ServerCore();
+  ServerCore(const ServerCore&) = delete;
+  ServerCore& operator=(const ServerCore&) = delete;
+
+  // Called by sessions, on the server thread.
+  std::optional<int> screen(const std::string& target);
+  void opened(const std::shared_ptr<Session>& session, const std::string& target);
+  void textReceived(const std::shared_ptr<Session>& session, ConnectionId id, std::string text);
+  void binaryReceived(ConnectionId id, std::string bytes);
+  void closeFrameReceived(ConnectionId id, const websocket::close_reason& reason);
+  void finished(std::uint64_t key, std::optional<ConnectionId> id);
+
+  // Server thread only.
+  void forEachOpen(const std::function<void(Session&)>& action);
+  void withOpen(ConnectionId id, const std::function<void(Session&)>& action);
+  void execute(const std::function<void()>& work);
+
+  template <class Predicate>
+  bool waitFor(std::chrono::milliseconds timeout, Predicate predicate) {
+    std::unique_lock lock(recordsMutex_);
+    return changed_.wait_for(lock, timeout, [&] { return predicate(records_); });
+  }
+  template <class F>
+  auto read(F f) {
+    std::lock_guard lock(recordsMutex_);
+    return f(records_);
+  }
+
+  // Declared first so that it is destroyed after everything that refers to it.
+  std::optional<ssl::context> tls_;
+  asio::io_context io_;
+  std::uint16_t port_ = 0;
+
+  // Server-thread state.
+  bool echo_;
+  std::optional<int> refusal_;
+  Hooks hooks_;
+  bool stopping_ = false;
+
+ private:
+  struct Records {
+    std::size_t connections = 0;
+    std::size_t open = 0;
+    std::vector<std::string> texts;
+    std::vector<std::string> binaries;
+    std::vector<CloseFrame> closeFrames;
+    std::vector<std::string> targets;
+  };
+  template <class F>
+  void record(F f) {
+    {
+      std::lock_guard lock(recordsMutex_);
+      f(records_);
+    }
+    changed_.notify_all();
+  }
+
+  void accept();
+  void runLoop();
+
+  tcp::acceptor acceptor_;
+  std::uint64_t nextKey_ = 0;
+  ConnectionId nextId_ = 0;
+  std::unordered_map<std::uint64_t, std::shared_ptr<Session>> sessions_;
+  std::map<ConnectionId, std::weak_ptr<Session>> open_;
+
+  mutable std::mutex recordsMutex_;
+  std::condition_variable changed_;
+  Records records_;
+
+  asio::executor_work_guard<asio::io_context::executor_type> work_;
+  std::thread thread_;
+};
+
+// One accepted TCP connection, from its TLS and HTTP handshake until it ends.
+// Lives on the server thread; its handlers keep it alive.
+class Session : public std::enable_shared_from_this<Session> {
+ public:
+  virtual ~Session() = default;
+  // Set by the server when the upgrade completes, before any hook runs.
+  std::optional<ConnectionId> id;
+  virtual void start() = 0;
+  virtual void enqueue(Outgoing item) = 0;
+  virtual void drop() = 0;
+};
+
+template <class NextLayer>
+class StreamSession final : public Session {
+  static constexpr bool kTls = !std::is_same_v<NextLayer, beast::tcp_stream>;
+
+ public:
+  template <class... Args>
+  StreamSession(ServerCore& server, std::uint64_t key, Args&&... args)
+      : server_(server), key_(key), ws_(std::forward<Args>(args)...) {}
+
+  void start() override {
+    beast::get_lowest_layer(ws_).expires_after(kHandshakeTimeout);
+    if constexpr (kTls) {
+      ws_.next_layer().async_handshake(ssl::stream_base::server,
+                                       [self = self()](beast::error_code ec) {
+                                         if (ec) {
+                                           return self->finish();
+                                         }
+                                         self->readRequest();
+                                       });
+    } else {
+      readRequest();
+    }
+  }
+
+  void enqueue(Outgoing item) override {
+    if (!id || finished_ || closeQueued_) {
+      return;
+    }
+    closeQueued_ = item.kind == Outgoing::Kind::close;
+    queue_.push_back(std::move(item));
+    writeNext();
+  }
+
+  void drop() override {
+    if (finished_) {
+      return;
+    }
+    beast::error_code ignored;
+    beast::get_lowest_layer(ws_).socket().shutdown(tcp::socket::shutdown_both, ignored);
+    beast::get_lowest_layer(ws_).close();
+  }
+
+ private:
+  std::shared_ptr<StreamSession> self() {
+    return std::static_pointer_cast<StreamSession>(shared_from_this());
+  }
+
+  void readRequest() {
+    parser_.emplace();
+    parser_->header_limit(8 * 1024);
+    parser_->body_limit(4 * 1024);
+    http::async_read(ws_.next_layer(), buffer_, *parser_,
+                     [self = self()](beast::error_code ec, std::size_t) {
+                       if (ec) {
+                         return self->finish();
+                       }
+                       self->onRequest();
+                     });
+  }
+
+  void onRequest() {
+    const auto& request = parser_->get();
+    if (!websocket::is_upgrade(request)) {
+      return refuse(400, "a WebSocket upgrade was expected\n");
+    }
+    target_ = std::string(request.target());
+    if (auto status = server_.screen(target_)) {
+      return refuse(*status, "handshake refused by the test server\n");
+    }
+    beast::get_lowest_layer(ws_).expires_never();
+    ws_.set_option(websocket::stream_base::timeout{kHandshakeTimeout, websocket::stream_base::none(),
+                                                   false});
+    ws_.read_message_max(kMaxMessageSize);
+    ws_.async_accept(request, [self = self()](beast::error_code ec) {
+      if (ec) {
+        return self->finish();
+      }
+      self->server_.opened(self, self->target_);
+      self->readNext();
+    });
+  }
+
+  void refuse(int status, std::string body) {
+    response_.emplace(static_cast<http::status>(status), parser_->get().version());
+    response_->set(http::field::content_type, "text/plain");
+    response_->keep_alive(false);
+    response_->body() = std::move(body);
+    response_->prepare_payload();
+    http::async_write(ws_.next_layer(), *response_,
+                      [self = self()](beast::error_code, std::size_t) {
+                        // Half-close first so that the client reads the whole
+                        // response rather than a reset.
+                        beast::error_code ignored;
+                        beast::get_lowest_layer(self->ws_).socket().shutdown(
+                            tcp::socket::shutdown_send, ignored);
+                        self->finish();
+                      });
+  }
+
+  void readNext() {
+    ws_.async_read(readBuffer_, [self = self()](beast::error_code ec, std::size_t) {
+      if (ec) {
+        if (ec == websocket::error::closed) {
+          self->server_.closeFrameReceived(*self->id, self->ws_.reason());
+        }
+        return self->finish();
+      }
+      auto data = beast::buffers_to_string(self->readBuffer_.data());
+      self->readBuffer_.consume(self->readBuffer_.size());
+      if (self->ws_.got_text()) {
+        self->server_.textReceived(self, *self->id, std::move(data));
+      } else {
+        self->server_.binaryReceived(*self->id, std::move(data));
+      }
+      self->readNext();
+    });
+  }
+
+  void writeNext() {
+    if (writing_ || queue_.empty() || finished_) {
+      return;
+    }
+    writing_ = true;
+    current_ = std::move(queue_.front());
+    queue_.pop_front();
+    if (current_.kind == Outgoing::Kind::close) {
+      // The pending read ends with `closed` once the client answers.
+      ws_.async_close(websocket::close_reason(static_cast<websocket::close_code>(current_.code), current_.data),
+                      [self = self()](beast::error_code) { self->writing_ = false; });
+      return;
+    }
+    ws_.text(current_.kind == Outgoing::Kind::text);
+    ws_.async_write(asio::buffer(current_.data),
+                    [self = self()](beast::error_code ec, std::size_t) {
+                      self->writing_ = false;
+                      if (!ec) {
+                        self->writeNext();
+                      }
+                    });
+  }
+
+  void finish() {
+    if (finished_) {
+      return;
+    }
+    finished_ = true;
+    queue_.clear();
+    beast::get_lowest_layer(ws_).close();
+    server_.finished(key_, id);
+  }
+
+  ServerCore& server_;
+  std::uint64_t key_;
+  websocket::stream<NextLayer> ws_;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+  std::optional<http::response<http::string_body>> response_;
+  std::string target_;
+  beast::flat_buffer readBuffer_;
+  std::deque<Outgoing> queue_;
+  Outgoing current_{Outgoing::Kind::text, {}, 0};
+  bool writing_ = false;
+  bool closeQueued_ = false;
+  bool finished_ = false;
+};
+
+using PlainSession = StreamSession<beast::tcp_stream>;
+using TlsSession = StreamSession<ssl::stream<beast::tcp_stream>>;
+
+ServerCore::ServerCore(Options options)
+    : echo_(options.echo),
+      hooks_(std::move(options.hooks)),
+      acceptor_(io_),
+      work_(asio::make_work_guard(io_)) {
+  if (options.tls) {
+    tls_.emplace(ssl::context::tls_server);
+    tls_->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
+                      ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1);
+    tls_->use_certificate_chain(asio::buffer(options.tls->serverCertificatePem));
+    tls_->use_private_key(asio::buffer(options.tls->serverPrivateKeyPem), ssl::context::pem);
+  }
+  tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), 0);
+  acceptor_.open(endpoint.protocol());
+  acceptor_.set_option(tcp::acceptor::reuse_address(true));
+  acceptor_.bind(endpoint);
+  acceptor_.listen();
+  port_ = acceptor_.local_endpoint().port();
+  accept();
+  thread_ = std::thread([this] { runLoop(); });
+}
+
+ServerCore::~ServerCore() {
+  asio::post(io_, [this] {
+    stopping_ = true;
+    beast::error_code ignored;
+    acceptor_.close(ignored);
+    for (auto& [key, session] : sessions_) {
+      session->drop();
+    }
+    // Completions of the drops are not run: no hook may fire from here on.
+    io_.stop();
+  });
+  thread_.join();
+  // Handlers still queued in the context hold sessions too; they go when the
+  // context is destroyed, after these members.
+  open_.clear();
+  sessions_.clear();
+}
+
+void ServerCore::runLoop() {
+  for (;;) {
+    try {
+      io_.run();
+      return;
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "WebSocketTestServer: handler threw: %s\n", e.what());
+    }
+  }
+}
+
+void ServerCore::accept() {
+  acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
+    if (ec == asio::error::operation_aborted || stopping_) {
+      return;
+    }
+    if (!ec) {
+      auto key = nextKey_++;
+      std::shared_ptr<Session> session;
+      if (tls_) {
+        session = std::make_shared<TlsSession>(*this, key, std::move(socket), *tls_);
+      } else {
+        session = std::make_shared<PlainSession>(*this, key, std::move(socket));
+      }
+      sessions_.emplace(key, session);
+      session->start();
+    }
+    accept();
+  });
+}
+
+std::optional<int> ServerCore::screen(const std::string& target) {
+  record([&](Records& r) { r.targets.push_back(target); });
+  if (refusal_) {
+    return refusal_;
+  }
+  if (hooks_.screenHandshake) {
+    return hooks_.screenHandshake(target);
+  }
+  return std::nullopt;
+}
+
+void ServerCore::opened(const std::shared_ptr<Session>& session, const std::string& target) {
+  auto id = nextId_++;
+  session->id = id;
+  open_.emplace(id, session);
+  record([](Records& r) {
+    ++r.connections;
+    ++r.open;
+  });
+  if (hooks_.onOpen) {
+    hooks_.onOpen(id, target);
+  }
+}
+
+void ServerCore::textReceived(const std::shared_ptr<Session>& session,
+                                             ConnectionId id, std::string text) {
+  record([&](Records& r) { r.texts.push_back(text); });
+  if (echo_) {
+    session->enqueue({Outgoing::Kind::text, text});
+  }
+  if (hooks_.onText) {
+    hooks_.onText(id, text);
+  }
+}
+
+void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
+  record([&](Records& r) { r.binaries.push_back(bytes); });
+  if (hooks_.onBinary) {
+    hooks_.onBinary(id, bytes);
+  }
+}
+
+void ServerCore::closeFrameReceived(ConnectionId id,
+                                                   const websocket::close_reason& reason) {
+  record([&](Records& r) {
+    r.closeFrames.push_back({id, static_cast<std::uint16_t>(reason.code),
+                             std::string(reason.reason.data(), reason.reason.size())});
+  });
+}
+
+void ServerCore::finished(std::uint64_t key, std::optional<ConnectionId> id) {
+  sessions_.erase(key);
+  if (!id) {
+    return;
+  }
+  open_.erase(*id);
+  record([](Records& r) { --r.open; });
+  if (hooks_.onClosed && !stopping_) {
+    hooks_.onClosed(*id);
+  }
+}
+
+void ServerCore::forEachOpen(const std::function<void(Session&)>& action) {
+  // Copy first: an action may end a connection and so change the map.
+  std::vector<std::shared_ptr<Session>> sessions;
+  for (auto& [id, weak] : open_) {
+    if (auto session = weak.lock()) {
+      sessions.push_back(std::move(session));
+    }
+  }
+  for (auto& session : sessions) {
+    action(*session);
+  }
+}
+
+void ServerCore::withOpen(ConnectionId id,
+                                         const std::function<void(Session&)>& action) {
+  if (auto it = open_.find(id); it != open_.end()) {
+    if (auto session = it->second.lock()) {
+      action(*session);
+    }
+  }
+}
+
+void ServerCore::execute(const std::function<void()>& work) {
+  if (io_.get_executor().running_in_this_thread()) {
+    work();
+    return;
+  }
+  std::promise<void> done;
+  auto future = done.get_future();
+  asio::post(io_, [&] {
+    try {
+      work();
+      done.set_value();
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
+  });
+  future.get();
+}
+
+}  // namespace
+
+class WebSocketTestServer::Impl : public ServerCore {
+ public:
+  using ServerCore::ServerCore;
+};
+
+WebSocketTestServer::WebSocketTestServer() : WebSocketTestServer(Options{}) {}
+
+WebSocketTestServer::WebSocketTestServer(Options options)
+    : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+WebSocketTestServer::~WebSocketTestServer() = default;
+
+std::uint16_t WebSocketTestServer::port() const { return impl_->port_; }
+
+bool WebSocketTestServer::usesTls() const { return impl_->tls_.has_value(); }
+
+std::string WebSocketTestServer::url(std::string_view pathAndQuery) const {
+  std::string result = usesTls() ? "wss://localhost:" : "ws://127.0.0.1:";
+  result += std::to_string(port());
+  if (pathAndQuery.empty() || pathAndQuery.front() != '/') {
+    result += '/';
+  }
+  result += pathAndQuery;
+  return result;
+}
+
+void WebSocketTestServer::setEcho(bool echo) {
+  impl_->execute([&] { impl_->echo_ = echo; });
+}
+
+void WebSocketTestServer::refuseHandshake(std::optional<int> httpStatus) {
+  impl_->execute([&] { impl_->refusal_ = httpStatus; });
+}
+
+bool WebSocketTestServer::waitForConnections(std::size_t count,
+                                             std::chrono::milliseconds timeout) const {
+  return impl_->waitFor(timeout, [&](const auto& r) { return r.connections >= count; });
+}
+
+bool WebSocketTestServer::waitForOpenConnections(std::size_t count,
+                                                 std::chrono::milliseconds timeout) const {
+  return impl_->waitFor(timeout, [&](const auto& r) { return r.open == count; });
+}
+
+std::size_t WebSocketTestServer::openConnections() const {
+  return impl_->read([](const auto& r) { return r.open; });
+}
+
+std::size_t WebSocketTestServer::connectionCount() const {
+  return impl_->read([](const auto& r) { return r.connections; });
+}
+
+void WebSocketTestServer::sendText(std::string text) {
+  impl_->execute([&] {
+    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::text, text}); });
+  });
+}
+
+void WebSocketTestServer::sendBinary(std::string bytes) {
+  impl_->execute([&] {
+    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::binary, bytes}); });
+  });
+}
+
+void WebSocketTestServer::closeWith(std::uint16_t code, std::string reason) {
+  impl_->execute([&] {
+    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::close, reason, code}); });
+  });
+}
+
+void WebSocketTestServer::dropConnections() {
+  impl_->execute([&] { impl_->forEachOpen([](Session& s) { s.drop(); }); });
+}
+
+void WebSocketTestServer::sendTextTo(ConnectionId connection, std::string text) {
+  impl_->execute([&] {
+    impl_->withOpen(connection,
+                    [&](Session& s) { s.enqueue({Outgoing::Kind::text, std::move(text)}); });
+  });
+}
+
+void WebSocketTestServer::sendBinaryTo(ConnectionId connection, std::string bytes) {
+  impl_->execute([&] {
+    impl_->withOpen(connection,
+                    [&](Session& s) { s.enqueue({Outgoing::Kind::binary, std::move(bytes)}); });
+  });
+}
+
+void WebSocketTestServer::closeConnection(ConnectionId connection, std::uint16_t code,
+                                          std::string reason) {
+  impl_->execute([&] {
+    impl_->withOpen(connection, [&](Session& s) {
+      s.enqueue({Outgoing::Kind::close, std::move(reason), code});
+    });
+  });
+}
+
+void WebSocketTestServer::dropConnection(ConnectionId connection) {
+  impl_->execute([&] { impl_->withOpen(connection, [](Session& s) { s.drop(); }); });
+}
+
+std::vector<std::string> WebSocketTestServer::receivedTexts() const {
+  return impl_->read([](const auto& r) { return r.texts; });
+}
+
+bool WebSocketTestServer::waitForReceived(std::size_t count,
+                                          std::chrono::milliseconds timeout) const {
+  return impl_->waitFor(timeout, [&](const auto& r) { return r.texts.size() >= count; });
+}
+
+std::vector<std::string> WebSocketTestServer::receivedBinaries() const {
+  return impl_->read([](const auto& r) { return r.binaries; });
+}
+
+std::vector<WebSocketTestServer::CloseFrame> WebSocketTestServer::receivedCloseFrames() const {
+  return impl_->read([](const auto& r) { return r.closeFrames; });
+}
+
+std::vector<std::string> WebSocketTestServer::handshakeTargets() const {
+  return impl_->read([](const auto& r) { return r.targets; });
+}
+
+void WebSocketTestServer::execute(const std::function<void()>& work) const {
+  impl_->execute(work);
+}
+
+void WebSocketTestServer::runAfter(std::chrono::milliseconds delay, std::function<void()> work) {
+  auto* impl = impl_.get();
+  asio::post(impl->io_, [impl, delay, work = std::move(work)]() mutable {
+    auto timer = std::make_shared<asio::steady_timer>(impl->io_, delay);
+    timer->async_wait([timer, work = std::move(work)](beast::error_code ec) {
+      if (!ec) {
+        work();
+      }
+    });
+  });
+}
+
+}  // namespace vantor::testing
