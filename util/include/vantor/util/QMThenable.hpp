@@ -119,8 +119,8 @@ class QMThenable {
 
   /// Chains `body(const T&)` (`body()` for `void`), which returns nothing, on
   /// the value. The returned `QMPromise<void>` settles once `body` has run:
-  /// fulfilled,
-  /// or rejected with the earlier rejection or with what `body` threw.
+  /// fulfilled, or rejected with the earlier rejection or with what `body`
+  /// threw.
   template <typename F>
   auto done(F&& body) const {
     static_assert(std::is_void_v<typename detail::BodyResult<T, std::decay_t<F>>::type>,
