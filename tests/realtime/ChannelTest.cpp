@@ -1,0 +1,405 @@
+#include "vantor/realtime/Channel.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include "support/Eventually.hpp"
+#include "support/FakeTransport.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/realtime/Socket.hpp"
+
+namespace vantor::realtime {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::eventually;
+using testing::FakeTransport;
+using testing::FakeTransports;
+using testing::LogRecorder;
+using ::testing::ElementsAre;
+namespace json = boost::json;
+
+// One decoded outbound frame.
+struct Frame {
+  std::optional<std::string> joinRef;
+  std::optional<std::string> ref;
+  std::string topic;
+  std::string event;
+  json::object payload;
+};
+
+Frame frameOf(const std::string& text) {
+  auto array = json::parse(text).as_array();
+  auto optionalText = [](const json::value& value) -> std::optional<std::string> {
+    return value.is_string() ? std::optional<std::string>(value.get_string()) : std::nullopt;
+  };
+  return {optionalText(array[0]), optionalText(array[1]), std::string(array[2].as_string()),
+          std::string(array[3].as_string()), array[4].as_object()};
+}
+
+class ChannelWithFakeTransport : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    socket = Socket::make("ws://h/socket", transports.factory());
+    socket->setLogger(log.logger());
+    socket->setSkipHeartbeat(true);
+    socket->setRejoinAfter([](int) { return 0.005; });
+    socket->setReconnectAfter([](int) { return 0.005; });
+  }
+
+  std::shared_ptr<FakeTransport> open() {
+    socket->connect();
+    auto transport = transports.last();
+    transport->open();
+    return transport;
+  }
+
+  std::vector<Frame> framesSent(const std::shared_ptr<FakeTransport>& transport) {
+    std::vector<Frame> frames;
+    for (const auto& text : transport->sent()) {
+      frames.push_back(frameOf(text));
+    }
+    return frames;
+  }
+
+  Frame lastFrame(const std::shared_ptr<FakeTransport>& transport, const std::string& event) {
+    auto frames = framesSent(transport);
+    for (auto it = frames.rbegin(); it != frames.rend(); ++it) {
+      if (it->event == event) {
+        return *it;
+      }
+    }
+    ADD_FAILURE() << "no " << event << " frame was sent";
+    return {};
+  }
+
+  static void reply(const std::shared_ptr<FakeTransport>& transport, const Frame& to,
+                    const std::string& status, const json::object& response = {}) {
+    json::array frame{to.joinRef ? json::value(*to.joinRef) : json::value(nullptr), *to.ref,
+                      to.topic, "phx_reply", json::object{{"status", status}, {"response", response}}};
+    transport->receive(json::serialize(frame));
+  }
+
+  // Joins `channel` and answers the join with "ok".
+  void joinOk(const std::shared_ptr<FakeTransport>& transport, const std::shared_ptr<Channel>& channel) {
+    reply(transport, lastFrame(transport, "phx_join"), "ok");
+    ASSERT_EQ(channel->state(), ChannelState::joined);
+  }
+
+  FakeTransports transports;
+  LogRecorder log;
+  std::shared_ptr<Socket> socket;
+};
+
+TEST_F(ChannelWithFakeTransport, JoinsWithItsParamsAndFlushesBufferedPushesInOrderOnce) {
+  auto channel = socket->channel("room:1", {{"user_id", "u1"}});
+  EXPECT_EQ(channel->state(), ChannelState::closed);
+  channel->join();
+  EXPECT_EQ(channel->state(), ChannelState::joining);
+  auto first = channel->push("a", {{"n", 1}});   // socket still down: buffered twice over
+  auto transport = open();
+  auto second = channel->push("b", {{"n", 2}});  // joining: buffered by the channel
+
+  auto join = lastFrame(transport, "phx_join");
+  EXPECT_EQ(join.joinRef, join.ref) << "a join carries its own reference as join reference";
+  EXPECT_EQ(join.payload, (json::object{{"user_id", "u1"}}));
+  joinOk(transport, channel);
+
+  auto frames = framesSent(transport);
+  std::vector<std::string> events;
+  for (const auto& frame : frames) {
+    events.push_back(frame.event);
+    if (frame.event != "phx_join") {
+      EXPECT_EQ(frame.joinRef, join.ref);
+    }
+  }
+  EXPECT_THAT(events, ElementsAre("phx_join", "a", "b"));
+  EXPECT_NE(first->ref(), second->ref());
+  EXPECT_TRUE(channel->pushBuffer().empty());
+}
+
+TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  channel->join();
+  joinOk(transport, channel);
+
+  std::vector<std::string> seen;
+  auto one = channel->push("one", {});
+  one->receive("ok", [&](const Message& reply) {
+    seen.push_back("one:" + std::string(reply.payload().at("v").as_string()));
+  });
+  auto two = channel->push("two", {});
+  two->receive("ok", [&](const Message&) { seen.push_back("two:ok"); })
+      ->receive("error", [&](const Message&) { seen.push_back("two:error"); });
+
+  reply(transport, lastFrame(transport, "two"), "error");
+  reply(transport, lastFrame(transport, "one"), "ok", {{"v", "x"}});
+  reply(transport, lastFrame(transport, "one"), "ok", {{"v", "again"}});  // handled once
+  EXPECT_THAT(seen, ElementsAre("two:error", "one:x"));
+
+  // A hook added after the reply still sees it, at once.
+  one->receive("ok", [&](const Message&) { seen.push_back("late"); });
+  EXPECT_THAT(seen, ElementsAre("two:error", "one:x", "late"));
+}
+
+TEST_F(ChannelWithFakeTransport, AReplyWithoutStatusIsStoredButRunsNoHook) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  channel->join();
+  joinOk(transport, channel);
+  auto push = channel->push("e", {});
+  int hooks = 0;
+  push->receive("ok", [&](const Message&) { ++hooks; });
+  auto frame = lastFrame(transport, "e");
+  transport->receive(json::serialize(json::array{*frame.joinRef, *frame.ref, "room:1", "phx_reply",
+                                                 json::object{{"response", json::object{}}}}));
+  EXPECT_EQ(hooks, 0);
+  EXPECT_TRUE(push->receivedMessage());
+}
+
+TEST_F(ChannelWithFakeTransport, ALateReplyAfterTheTimeOutReachesNobodyAndResendTakesANewRef) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  channel->join();
+  joinOk(transport, channel);
+
+  std::atomic<int> timeouts{0};
+  std::atomic<int> oks{0};
+  auto push = channel->push("slow", {}, 0.01);
+  push->receive("timeout", [&](const Message& message) {
+    ++timeouts;
+    EXPECT_EQ(message.ref(), "");
+    EXPECT_EQ(message.rawPayload().at("status"), "timeout");
+  });
+  push->receive("ok", [&](const Message&) { ++oks; });
+  auto original = lastFrame(transport, "slow");
+  ASSERT_TRUE(eventually([&] { return timeouts == 1; }));
+  reply(transport, original, "ok");
+  EXPECT_EQ(oks, 0);
+
+  push->send();  // a timed-out push is not sent again by send()
+  EXPECT_EQ(framesSent(transport).size(), 2U);
+  push->resend(5.0);
+  auto resent = lastFrame(transport, "slow");
+  EXPECT_NE(resent.ref, original.ref);
+  reply(transport, original, "ok");
+  EXPECT_EQ(oks, 0) << "the old reference reaches no binding";
+  reply(transport, resent, "ok");
+  EXPECT_EQ(oks, 1);
+}
+
+TEST_F(ChannelWithFakeTransport, AServerErrorMakesTheChannelRejoinWithANewJoinReference) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  std::vector<std::string> errors;
+  channel->onError([&](const Message& message) { errors.push_back(message.event()); });
+  channel->join();
+  joinOk(transport, channel);
+  auto firstJoinRef = channel->joinRef();
+
+  transport->receive(json::serialize(json::array{*firstJoinRef, *firstJoinRef, "room:1", "phx_error", json::object{}}));
+  EXPECT_EQ(channel->state(), ChannelState::errored);
+  EXPECT_THAT(errors, ElementsAre("phx_error"));
+  EXPECT_TRUE(log.contains("VantorPhoenixClient: channel, error topic: room:1 joinRef: " + *firstJoinRef +
+                           " mesage: Message(joinRef: " + *firstJoinRef + ", ref: " + *firstJoinRef +
+                           ", topic: room:1, event: phx_error, payload: {})"));
+
+  auto pushedWhileErrored = channel->push("after", {});
+  ASSERT_TRUE(eventually([&] { return framesSent(transport).size() == 2; })) << "the rejoin";
+  auto rejoin = lastFrame(transport, "phx_join");
+  EXPECT_NE(rejoin.joinRef, firstJoinRef);
+  reply(transport, rejoin, "ok");
+  EXPECT_EQ(channel->state(), ChannelState::joined);
+  EXPECT_EQ(lastFrame(transport, "after").joinRef, rejoin.joinRef);
+}
+
+TEST_F(ChannelWithFakeTransport, ADroppedConnectionErrorsEveryOpenChannelAndRejoinsThemAfterReopen) {
+  auto transport = open();
+  auto a = socket->channel("room:a");
+  auto b = socket->channel("room:b");
+  a->join();
+  joinOk(transport, a);
+  b->join();
+  joinOk(transport, b);
+  auto oldRefs = std::pair{a->joinRef(), b->joinRef()};
+
+  transport->fail("connection reset");
+  EXPECT_EQ(a->state(), ChannelState::errored);
+  EXPECT_EQ(b->state(), ChannelState::errored);
+  ASSERT_TRUE(eventually([&] { return transports.count() == 2; }));
+  auto reopened = transports.last();
+  reopened->open();
+  ASSERT_TRUE(eventually([&] { return framesSent(reopened).size() == 2; }));
+  for (const auto& frame : framesSent(reopened)) {
+    EXPECT_EQ(frame.event, "phx_join");
+    reply(reopened, frame, "ok");
+  }
+  EXPECT_EQ(a->state(), ChannelState::joined);
+  EXPECT_EQ(b->state(), ChannelState::joined);
+  EXPECT_NE(a->joinRef(), oldRefs.first);
+  EXPECT_NE(b->joinRef(), oldRefs.second);
+}
+
+TEST_F(ChannelWithFakeTransport, OutdatedLifecycleMessagesAreDroppedButApplicationEventsPass) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  std::vector<std::string> seen;
+  channel->on("news", [&](const Message&) { seen.push_back("news"); });
+  channel->onClose([&](const Message&) { seen.push_back("close"); });
+  channel->join();
+  joinOk(transport, channel);
+
+  transport->receive(R"(["stale", null, "room:1", "phx_close", {}])");
+  transport->receive(R"(["stale", null, "room:1", "news", {}])");
+  transport->receive(R"(["stale", null, "room:other", "news", {}])");
+  EXPECT_THAT(seen, ElementsAre("news"));
+  EXPECT_EQ(channel->state(), ChannelState::joined);
+  EXPECT_TRUE(log.contains(
+      "VantorPhoenixClient: channel, dropping outdated message, room:1, phx_close, {}, stale"));
+}
+
+TEST_F(ChannelWithFakeTransport, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  std::vector<std::string> reasons;
+  channel->onClose([&](const Message& message) {
+    reasons.emplace_back(message.payload().at("reason").as_string());
+  });
+  channel->join();
+  joinOk(transport, channel);
+  transport->fail("gone");  // errored; a rejoin is pending on the socket's reopen
+  socket->disconnect();
+
+  channel->leave();
+  EXPECT_EQ(channel->state(), ChannelState::closed);
+  EXPECT_THAT(reasons, ElementsAre("leave"));
+  EXPECT_TRUE(socket->channels().empty());
+  EXPECT_TRUE(log.contains("VantorPhoenixClient: channel, leave room:1"));
+
+  auto reopened = (socket->connect(), transports.last());
+  reopened->open();
+  std::this_thread::sleep_for(30ms);
+  for (const auto& frame : framesSent(reopened)) {
+    EXPECT_NE(frame.event, "phx_join") << "a left channel never rejoins";
+  }
+}
+
+TEST_F(ChannelWithFakeTransport, AJoinTimeOutSendsALeaveAndRetries) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  channel->join(0.01);
+  ASSERT_TRUE(eventually([&] {
+    auto frames = framesSent(transport);
+    return frames.size() >= 3;  // join, leave, join again
+  }));
+  auto frames = framesSent(transport);
+  EXPECT_EQ(frames[0].event, "phx_join");
+  EXPECT_EQ(frames[1].event, "phx_leave");
+  EXPECT_EQ(frames[2].event, "phx_join");
+  EXPECT_NE(frames[2].ref, frames[0].ref);
+  EXPECT_TRUE(log.contains("VantorPhoenixClient: channel, timeout room:1 " + *frames[0].ref +
+                           " after 0.01s"));
+  socket->disconnect();
+}
+
+TEST_F(ChannelWithFakeTransport, AJoinErrorRetriesOnTheRejoinBackOff) {
+  auto transport = open();
+  auto channel = socket->channel("room:secret");
+  channel->join();
+  reply(transport, lastFrame(transport, "phx_join"), "error", {{"reason", "unauthorized"}});
+  EXPECT_EQ(channel->state(), ChannelState::errored);
+  ASSERT_TRUE(eventually([&] { return framesSent(transport).size() == 2; }));
+  EXPECT_EQ(channel->state(), ChannelState::joining);
+  socket->disconnect();
+}
+
+TEST_F(ChannelWithFakeTransport, JoiningATopicAgainMakesTheOlderChannelLeave) {
+  auto transport = open();
+  auto older = socket->channel("room:1");
+  older->join();
+  joinOk(transport, older);
+  auto newer = socket->channel("room:1");
+  newer->join();
+  // A leave closes the channel locally at once; the server still hears of it.
+  EXPECT_EQ(older->state(), ChannelState::closed);
+  EXPECT_THAT(socket->channels(), ElementsAre(newer));
+  EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, leaving duplicate topic: [room:1]"));
+  auto frames = framesSent(transport);
+  ASSERT_EQ(frames.size(), 3U);
+  EXPECT_EQ(frames[1].event, "phx_leave");
+  EXPECT_EQ(frames[2].event, "phx_join");
+}
+
+TEST_F(ChannelWithFakeTransport, BindingsAreNumberedFromThreeAndRemovedByEventOrReference) {
+  auto channel = socket->channel("room:1");
+  std::vector<int> calls;
+  EXPECT_EQ(channel->on("x", [&](const Message&) { calls.push_back(3); }), 3);
+  EXPECT_EQ(channel->on("x", [&](const Message&) { calls.push_back(4); }), 4);
+  EXPECT_EQ(channel->on("y", [&](const Message&) { calls.push_back(5); }), 5);
+  channel->off("x", 5);  // the reference belongs to "y": nothing happens
+  channel->trigger("x", {});
+  channel->trigger("y", {});
+  EXPECT_THAT(calls, ElementsAre(3, 4, 5));
+  channel->off("x", 3);
+  channel->trigger("x", {});
+  EXPECT_THAT(calls, ElementsAre(3, 4, 5, 4));
+  channel->off("x");
+  channel->trigger("x", {});
+  EXPECT_THAT(calls, ElementsAre(3, 4, 5, 4));
+}
+
+TEST_F(ChannelWithFakeTransport, BindingsMayChangeTheBindingListWhileTriggered) {
+  auto channel = socket->channel("room:1");
+  int later = 0;
+  channel->on("x", [&](const Message&) {
+    channel->on("x", [&](const Message&) { ++later; });
+    channel->off("x", 3);
+  });
+  channel->trigger("x", {});
+  EXPECT_EQ(later, 0) << "changes affect the next trigger";
+  channel->trigger("x", {});
+  EXPECT_EQ(later, 1);
+}
+
+struct Owner {};
+
+TEST_F(ChannelWithFakeTransport, BindingsKeepNoOwnerAliveAndARemovedChannelIsFreed) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  auto owner = std::make_shared<Owner>();
+  std::weak_ptr<Owner> weakOwner = owner;
+  channel->delegateOn<Owner>("x", owner, [](Owner&, const Message&) {});
+  channel->join()->delegateReceive<Owner>("ok", owner, [](Owner&, const Message&) {});
+  owner.reset();
+  EXPECT_TRUE(weakOwner.expired());
+
+  joinOk(transport, channel);
+  channel->push("slow", {}, 30.0);  // a pending time-out must not keep it alive
+  channel->leave();
+  reply(transport, lastFrame(transport, "phx_leave"), "ok");
+  EXPECT_EQ(channel->state(), ChannelState::closed);
+  EXPECT_TRUE(socket->channels().empty());
+  std::weak_ptr<Channel> weakChannel = channel;
+  channel.reset();
+  EXPECT_TRUE(weakChannel.expired());
+}
+
+TEST(ChannelDeathTest, JoiningTwiceOrPushingBeforeJoiningStopsTheProcess) {
+  FakeTransports transports;
+  auto socket = Socket::make("ws://h/socket", transports.factory());
+  auto channel = socket->channel("room:1");
+  EXPECT_DEATH(channel->push("hello", {}),
+               "Tried to push hello to room:1 before joining. Use channel.join\\(\\) before "
+               "pushing events");
+  channel->join();
+  EXPECT_DEATH(channel->join(),
+               "tried to join multiple times. 'join' can only be called a single time per "
+               "channel instance");
+}
+
+}  // namespace
+}  // namespace vantor::realtime

@@ -1,0 +1,188 @@
+#include "vantor/realtime/TimeoutTimer.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <future>
+#include <thread>
+
+#include "vantor/platform/DispatchQueue.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Defaults.hpp"
+#include "vantor/realtime/HeartbeatTimer.hpp"
+#include "vantor/realtime/TimerQueue.hpp"
+
+namespace vantor::realtime {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::EventLoop;
+
+template <class Predicate>
+bool eventually(Predicate predicate, std::chrono::milliseconds limit = 10s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!predicate()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+TEST(TimerQueue, RoundsToWholeMillisecondsHalvesAwayFromZero) {
+  EXPECT_EQ(TimerQueue::milliseconds(0.0004), 0ms);
+  EXPECT_EQ(TimerQueue::milliseconds(0.0005), 1ms);
+  EXPECT_EQ(TimerQueue::milliseconds(0.01), 10ms);
+  EXPECT_EQ(TimerQueue::milliseconds(2.4996), 2500ms);
+  EXPECT_EQ(TimerQueue::milliseconds(-0.0005), -1ms);
+}
+
+TEST(TimerQueueDeathTest, IntervalsThatAreNotFiniteOrTooLargeStopTheProcess) {
+  EXPECT_DEATH(TimerQueue::milliseconds(INFINITY), "either infinite or NaN");
+  EXPECT_DEATH(TimerQueue::milliseconds(std::nan("")), "either infinite or NaN");
+  EXPECT_DEATH(TimerQueue::milliseconds(1e17), "greater than Int64.max");
+  EXPECT_DEATH(TimerQueue::milliseconds(-1e17), "less than Int64.min");
+}
+
+// Records what a TimeoutTimer asks and does, on the loop thread.
+struct RetryOwner {
+  std::vector<int> attemptsAsked;
+  std::atomic<int> fired{0};
+  double delay = 0.001;
+};
+
+std::shared_ptr<TimeoutTimer> timerFor(const std::shared_ptr<RetryOwner>& owner) {
+  auto timer = TimeoutTimer::make();
+  timer->callback.delegate(owner, [](RetryOwner& self) { ++self.fired; });
+  timer->timerCalculation.delegate(owner, [](RetryOwner& self, const int& attempt) {
+    self.attemptsAsked.push_back(attempt);
+    return self.delay;
+  });
+  return timer;
+}
+
+TEST(TimeoutTimer, CountsFiringsAndAsksForTheNextAttempt) {
+  auto owner = std::make_shared<RetryOwner>();
+  auto timer = timerFor(owner);
+  for (int expected = 1; expected <= 3; ++expected) {
+    timer->scheduleTimeout();
+    ASSERT_TRUE(eventually([&] { return owner->fired == expected; }));
+    EXPECT_EQ(timer->tries(), expected);
+    EXPECT_FALSE(timer->isPending());
+  }
+  timer->reset();
+  timer->scheduleTimeout();
+  ASSERT_TRUE(eventually([&] { return owner->fired == 4; }));
+  auto asked = EventLoop::main().sync([&] { return owner->attemptsAsked; });
+  EXPECT_EQ(asked, (std::vector<int>{1, 2, 3, 1}));
+}
+
+TEST(TimeoutTimer, SchedulingTwiceLeavesOneFiringForTheSameAttempt) {
+  auto owner = std::make_shared<RetryOwner>();
+  owner->delay = 0.02;
+  auto timer = timerFor(owner);
+  timer->scheduleTimeout();
+  timer->scheduleTimeout();
+  ASSERT_TRUE(eventually([&] { return owner->fired == 1; }));
+  std::this_thread::sleep_for(60ms);
+  EXPECT_EQ(owner->fired, 1);
+  EXPECT_EQ(EventLoop::main().sync([&] { return owner->attemptsAsked; }), (std::vector<int>{1, 1}));
+}
+
+TEST(TimeoutTimer, ResetWithdrawsThePendingFiring) {
+  auto owner = std::make_shared<RetryOwner>();
+  owner->delay = 0.02;
+  auto timer = timerFor(owner);
+  timer->scheduleTimeout();
+  EXPECT_TRUE(timer->isPending());
+  timer->reset();
+  EXPECT_FALSE(timer->isPending());
+  std::this_thread::sleep_for(60ms);
+  EXPECT_EQ(owner->fired, 0);
+}
+
+TEST(TimeoutTimer, ACalculationWhoseOwnerIsGoneSchedulesNothing) {
+  auto owner = std::make_shared<RetryOwner>();
+  auto timer = timerFor(owner);
+  owner.reset();
+  timer->scheduleTimeout();
+  EXPECT_FALSE(timer->isPending());
+  EXPECT_EQ(timer->tries(), 0);
+}
+
+TEST(TimeoutTimer, ReleasingTheTimerWithdrawsItsFiring) {
+  auto owner = std::make_shared<RetryOwner>();
+  owner->delay = 0.01;
+  auto timer = timerFor(owner);
+  timer->scheduleTimeout();
+  timer.reset();
+  std::this_thread::sleep_for(40ms);
+  EXPECT_EQ(owner->fired, 0);
+}
+
+TEST(HeartbeatTimer, RepeatsUntilStoppedAndNeverFiresAfterwards) {
+  HeartbeatTimer timer(0.002, Defaults::heartbeatQueue(), Defaults::heartbeatLeeway);
+  EXPECT_FALSE(timer.isValid());
+  std::atomic<int> ticks{0};
+  std::atomic<bool> onQueueThread{true};
+  timer.start([&] {
+    ++ticks;
+    if (!EventLoop::main().isCurrentThread()) {
+      onQueueThread = false;
+    }
+  });
+  EXPECT_TRUE(timer.isValid());
+  ASSERT_TRUE(eventually([&] { return ticks >= 3; }));
+  timer.stop();
+  EXPECT_FALSE(timer.isValid());
+  const int atStop = ticks;
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(ticks, atStop);
+  EXPECT_TRUE(onQueueThread);
+}
+
+TEST(HeartbeatTimer, AReplacedHandlerIsNeverCalledAgain) {
+  HeartbeatTimer timer(0.002, Defaults::heartbeatQueue(), Defaults::heartbeatLeeway);
+  std::atomic<int> first{0};
+  std::atomic<int> second{0};
+  timer.start([&] { ++first; });
+  ASSERT_TRUE(eventually([&] { return first >= 1; }));
+  timer.start([&] { ++second; });
+  const int firstAtReplace = first;
+  ASSERT_TRUE(eventually([&] { return second >= 3; }));
+  EXPECT_EQ(first, firstAtReplace);
+  timer.fire();
+  EXPECT_GE(second, 4);
+  timer.stop();
+  timer.fire();  // nothing stored any more: no effect
+}
+
+TEST(HeartbeatTimer, ATimerIsEqualOnlyToItself) {
+  HeartbeatTimer a(30, Defaults::heartbeatQueue(), Defaults::heartbeatLeeway);
+  HeartbeatTimer b(30, Defaults::heartbeatQueue(), Defaults::heartbeatLeeway);
+  EXPECT_TRUE(a == a);
+  EXPECT_FALSE(a == b);
+  EXPECT_EQ(a.uuid().size(), 36U);
+  EXPECT_EQ(a.uuid(), [&] {
+    auto upper = a.uuid();
+    for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return upper;
+  }());
+}
+
+TEST(HeartbeatTimer, StoppingFromItsOwnHandlerEndsIt) {
+  HeartbeatTimer timer(0.001, Defaults::heartbeatQueue(), Defaults::heartbeatLeeway);
+  std::atomic<int> ticks{0};
+  timer.start([&] {
+    ++ticks;
+    timer.stop();
+  });
+  ASSERT_TRUE(eventually([&] { return ticks >= 1; }));
+  std::this_thread::sleep_for(20ms);
+  EXPECT_EQ(ticks, 1);
+}
+
+}  // namespace
+}  // namespace vantor::realtime

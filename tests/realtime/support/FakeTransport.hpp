@@ -1,0 +1,132 @@
+#pragma once
+
+#include <boost/url/url.hpp>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/PhoenixTransport.hpp"
+
+namespace vantor::realtime::testing {
+
+/// A transport that records what the socket asks of it and lets a test play
+/// the server's side: open, deliver frames, close, fail. Reports reach the
+/// delegate on the main loop, as a real transport's do.
+class FakeTransport : public PhoenixTransport {
+ public:
+  struct Disconnect {
+    int code;
+    std::optional<std::string> reason;
+  };
+
+  [[nodiscard]] PhoenixTransportReadyState readyState() const override {
+    std::lock_guard lock(mutex_);
+    return state_;
+  }
+  [[nodiscard]] std::shared_ptr<PhoenixTransportDelegate> delegate() const override {
+    std::lock_guard lock(mutex_);
+    return delegate_;
+  }
+  void setDelegate(std::shared_ptr<PhoenixTransportDelegate> delegate) override {
+    std::lock_guard lock(mutex_);
+    delegate_ = std::move(delegate);
+  }
+  void connect() override {
+    std::lock_guard lock(mutex_);
+    state_ = PhoenixTransportReadyState::connecting;
+    ++connects_;
+  }
+  void disconnect(int code, std::optional<std::string> reason) override {
+    std::lock_guard lock(mutex_);
+    state_ = PhoenixTransportReadyState::closing;
+    disconnects_.push_back({code, std::move(reason)});
+  }
+  void send(std::string data) override {
+    std::lock_guard lock(mutex_);
+    sent_.push_back(std::move(data));
+  }
+
+  // --- The server's side ---
+  void open() {
+    setState(PhoenixTransportReadyState::open);
+    report([](auto& delegate) { delegate.onOpen(); });
+  }
+  void receive(const std::string& text) {
+    report([&](auto& delegate) { delegate.onMessage(text); });
+  }
+  void closeWith(int code) {
+    setState(PhoenixTransportReadyState::closed);
+    report([&](auto& delegate) { delegate.onClose(code); });
+  }
+  void fail(const std::string& description, std::optional<HttpResponse> response = std::nullopt) {
+    setState(PhoenixTransportReadyState::closed);
+    TransportError error{boost::system::errc::make_error_code(boost::system::errc::connection_reset),
+                         description};
+    report([&](auto& delegate) { delegate.onError(error, response); });
+    report([](auto& delegate) { delegate.onClose(999); });
+  }
+
+  [[nodiscard]] std::vector<std::string> sent() const {
+    std::lock_guard lock(mutex_);
+    return sent_;
+  }
+  [[nodiscard]] std::vector<Disconnect> disconnects() const {
+    std::lock_guard lock(mutex_);
+    return disconnects_;
+  }
+  [[nodiscard]] int connects() const {
+    std::lock_guard lock(mutex_);
+    return connects_;
+  }
+
+ private:
+  void setState(PhoenixTransportReadyState state) {
+    std::lock_guard lock(mutex_);
+    state_ = state;
+  }
+  template <class F>
+  void report(F&& call) {
+    platform::EventLoop::main().sync([&] {
+      if (auto target = delegate()) {
+        call(*target);
+      }
+    });
+  }
+
+  mutable std::mutex mutex_;
+  PhoenixTransportReadyState state_ = PhoenixTransportReadyState::closed;
+  std::shared_ptr<PhoenixTransportDelegate> delegate_;
+  std::vector<std::string> sent_;
+  std::vector<Disconnect> disconnects_;
+  int connects_ = 0;
+};
+
+/// A socket factory that hands out fake transports and keeps them for the
+/// test, in order of creation.
+struct FakeTransports {
+  std::mutex mutex;
+  std::vector<std::shared_ptr<FakeTransport>> made;
+  std::vector<std::string> urls;
+
+  auto factory() {
+    return [this](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+      auto transport = std::make_shared<FakeTransport>();
+      std::lock_guard lock(mutex);
+      made.push_back(transport);
+      urls.emplace_back(url.buffer());
+      return transport;
+    };
+  }
+  std::shared_ptr<FakeTransport> last() {
+    std::lock_guard lock(mutex);
+    return made.empty() ? nullptr : made.back();
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex);
+    return made.size();
+  }
+};
+
+}  // namespace vantor::realtime::testing
