@@ -27,7 +27,7 @@ demo: setup
 
 demo-signin: setup
 	@scripts/build.sh normal vantor-signin-demo
-	@build/normal/demo/vantor-signin-demo $(ARGS)
+	@build/normal/demo/signin/vantor-signin-demo $(ARGS)
 
 bench: setup
 	@scripts/build.sh normal vantor-bench

@@ -12,4 +12,4 @@ if [ -n "${URL:-}" ]; then
   for p in ${PARAMS:-}; do args+=(--param "$p"); done
 fi
 # shellcheck disable=SC2086
-exec build/normal/demo/vantor-demo "${args[@]}" ${ARGS:-}
+exec build/normal/demo/realtime/vantor-demo "${args[@]}" ${ARGS:-}
