@@ -1,0 +1,64 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace vantor::account {
+
+/// Where and how `QMOAuthAccountManager` signs users in: an OAuth 2.0 /
+/// OpenID Connect service given by its issuer (endpoints found through
+/// discovery) or by explicit endpoints, or both (explicit endpoints win).
+///
+/// Endpoints must be https; plain http is accepted only for loopback hosts
+/// (127.0.0.0/8, ::1, "localhost"), for local development and tests.
+struct QMOAuthServiceConfiguration {
+  /// How the client proves itself at the token endpoint.
+  enum class ClientAuthentication {
+    /// HTTP Basic with the form-encoded client id and secret (the default of
+    /// OpenID Connect).
+    clientSecretBasic,
+    /// `client_id` and `client_secret` in the request body.
+    clientSecretPost,
+    /// `client_id` only, for public clients; PKCE protects the code.
+    none,
+  };
+
+  /// Display name of the service. The sign-in controller expects the
+  /// redirect's path to contain it lower-cased without white space, so it
+  /// goes with the registered redirect URI.
+  std::string serviceName = "Quelmo Connect";
+
+  /// OpenID Connect issuer; its "/.well-known/openid-configuration" is read
+  /// once, on the first sign-in, and must name the same issuer.
+  std::optional<std::string> issuer;
+  std::optional<std::string> authorizationEndpoint;
+  std::optional<std::string> tokenEndpoint;
+  /// Asked for the e-mail (and `sub`) when the ID token lacks the e-mail.
+  std::optional<std::string> userinfoEndpoint;
+
+  /// Scopes to ask for.
+  std::vector<std::string> scopes{"openid", "email"};
+  /// Further authorization request parameters, for example
+  /// {"prompt", "consent"} for services that issue refresh tokens only then.
+  std::vector<std::pair<std::string, std::string>> additionalAuthorizationParameters;
+
+  ClientAuthentication clientAuthentication = ClientAuthentication::clientSecretBasic;
+
+  /// Turns the obfuscated client id and secret of the credentials record
+  /// into clear text, at the moment they are sent. Empty means identity.
+  std::function<std::string(std::string_view obfuscated)> deobfuscate;
+
+  /// TLS trust: the system's certificate authorities, plus these (PEM).
+  bool useSystemTrustStore = true;
+  std::vector<std::string> additionalCertificateAuthorities;
+
+  /// Limit for each HTTP request (connect, TLS, request and response).
+  std::chrono::milliseconds requestTimeout{std::chrono::seconds(15)};
+};
+
+}  // namespace vantor::account

@@ -1,0 +1,232 @@
+#include "AccountStore.hpp"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <boost/json.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "vantor/util/LogAccounts.hpp"
+
+namespace vantor::account::detail {
+
+namespace json = boost::json;
+namespace fs = std::filesystem;
+using util::logAccounts;
+
+namespace {
+
+constexpr int formatVersion = 1;
+
+json::value optionalText(const std::optional<std::string>& text) {
+  return text ? json::value(*text) : json::value(nullptr);
+}
+
+std::int64_t toUnixSeconds(std::chrono::system_clock::time_point time) {
+  return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+json::object toJson(const StoredAccount& account) {
+  json::object tokens;
+  tokens["accessToken"] = optionalText(account.tokens.accessToken);
+  tokens["refreshToken"] = optionalText(account.tokens.refreshToken);
+  tokens["idToken"] = optionalText(account.tokens.idToken);
+  tokens["tokenType"] = optionalText(account.tokens.tokenType);
+  tokens["expiresAt"] = account.tokens.expiresAt
+                            ? json::value(toUnixSeconds(*account.tokens.expiresAt))
+                            : json::value(nullptr);
+  json::object object;
+  object["uuid"] = account.uuid;
+  object["class"] = account.classTypeIdentifier;
+  object["serviceName"] = optionalText(account.serviceName);
+  object["identifier"] = optionalText(account.identifier);
+  object["email"] = optionalText(account.email);
+  object["tokens"] = std::move(tokens);
+  return object;
+}
+
+// Reading throws std::exception (from Boost.JSON's accessors, or our own)
+// for anything that is not a store; load() turns that into "corrupt".
+std::optional<std::string> textAt(const json::object& object, std::string_view key) {
+  const auto* value = object.if_contains(key);
+  if (value == nullptr || value->is_null()) {
+    return std::nullopt;
+  }
+  return std::string(value->as_string());
+}
+
+StoredAccount fromJson(const json::value& value) {
+  const auto& object = value.as_object();
+  StoredAccount account;
+  account.uuid = std::string(object.at("uuid").as_string());
+  account.classTypeIdentifier = std::string(object.at("class").as_string());
+  account.serviceName = textAt(object, "serviceName");
+  account.identifier = textAt(object, "identifier");
+  account.email = textAt(object, "email");
+  const auto& tokens = object.at("tokens").as_object();
+  account.tokens.accessToken = textAt(tokens, "accessToken");
+  account.tokens.refreshToken = textAt(tokens, "refreshToken");
+  account.tokens.idToken = textAt(tokens, "idToken");
+  account.tokens.tokenType = textAt(tokens, "tokenType");
+  if (const auto* expires = tokens.if_contains("expiresAt"); expires && !expires->is_null()) {
+    account.tokens.expiresAt =
+        std::chrono::system_clock::time_point(std::chrono::seconds(expires->to_number<std::int64_t>()));
+  }
+  if (account.uuid.empty()) {
+    throw std::runtime_error("account without uuid");
+  }
+  return account;
+}
+
+std::string errnoText() { return std::strerror(errno); }
+
+// Makes `directory` and missing parents with mode 0700, and tightens an
+// existing `directory` to 0700: the file in it holds tokens.
+bool makePrivateDirectory(const fs::path& directory) {
+  std::error_code error;
+  fs::path partial;
+  for (const auto& part : directory) {
+    partial /= part;
+    if (::mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) {
+      logAccounts().error("Could not create the account folder: " + errnoText());
+      return false;
+    }
+  }
+  if (::chmod(directory.c_str(), 0700) != 0) {
+    logAccounts().error("Could not restrict the account folder: " + errnoText());
+    return false;
+  }
+  return true;
+}
+
+bool writeAll(int fd, const std::string& text) {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    auto n = ::write(fd, text.data() + written, text.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+void syncDirectory(const fs::path& directory) {
+  int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::fsync(fd);
+    ::close(fd);
+  }
+}
+
+std::string timestamp() {
+  auto now = std::chrono::system_clock::now();
+  return std::to_string(
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count());
+}
+
+}  // namespace
+
+std::vector<StoredAccount> AccountStore::load() {
+  std::ifstream in(file_, std::ios::binary);
+  if (!in) {
+    return {};  // no store yet
+  }
+  std::stringstream content;
+  content << in.rdbuf();
+  in.close();
+  try {
+    auto document = json::parse(content.str()).as_object();
+    if (document.at("version").to_number<int>() != formatVersion) {
+      throw std::runtime_error("unknown version");
+    }
+    std::vector<StoredAccount> accounts;
+    for (const auto& entry : document.at("accounts").as_array()) {
+      accounts.push_back(fromJson(entry));
+    }
+    return accounts;
+  } catch (const std::exception& e) {
+    auto aside = file_;
+    aside += ".corrupt-" + timestamp();
+    std::error_code error;
+    fs::rename(file_, aside, error);
+    if (error) {
+      logAccounts().error("The account store " + file_.string() + " is unreadable (" + e.what() +
+                          ") and could not be moved aside: " + error.message());
+    } else {
+      logAccounts().error("The account store " + file_.string() + " was unreadable (" + e.what() +
+                          "); it was moved to " + aside.string() + " and sign-in starts afresh");
+    }
+    return {};
+  }
+}
+
+bool AccountStore::save(const std::vector<StoredAccount>& accounts) {
+  auto directory = file_.parent_path();
+  if (!makePrivateDirectory(directory)) {
+    return false;
+  }
+  json::array list;
+  for (const auto& account : accounts) {
+    list.push_back(toJson(account));
+  }
+  json::object document;
+  document["version"] = formatVersion;
+  document["accounts"] = std::move(list);
+  auto text = json::serialize(document);
+
+  // mkstemp makes the file with mode 0600, so tokens are never readable by
+  // others, not even while the file is written.
+  std::string temporary = (directory / (file_.filename().string() + ".XXXXXX")).string();
+  int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    logAccounts().error("Could not write the account store: " + errnoText());
+    return false;
+  }
+  bool written = ::fchmod(fd, 0600) == 0 && writeAll(fd, text) && ::fsync(fd) == 0;
+  written = (::close(fd) == 0) && written;
+  if (!written || ::rename(temporary.c_str(), file_.c_str()) != 0) {
+    logAccounts().error("Could not write the account store: " + errnoText());
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  syncDirectory(directory);
+  return true;
+}
+
+fs::path userConfigurationDirectory(const std::function<const char*(const char*)>& environment) {
+  auto get = [&environment](const char* name) -> std::string {
+    const char* value = environment ? environment(name) : std::getenv(name);
+    return value != nullptr ? value : "";
+  };
+  auto home = [&get]() -> fs::path {
+    if (auto value = get("HOME"); !value.empty()) {
+      return value;
+    }
+    if (const auto* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
+      return entry->pw_dir;
+    }
+    return "/";
+  };
+#if defined(__APPLE__)
+  return home() / "Library" / "Application Support";
+#else
+  // Relative values are invalid by the XDG rules and are ignored.
+  if (fs::path xdg = get("XDG_CONFIG_HOME"); xdg.is_absolute()) {
+    return xdg;
+  }
+  return home() / ".config";
+#endif
+}
+
+}  // namespace vantor::account::detail

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "vantor/account/QMAccountTokens.hpp"
+
+namespace vantor::account::detail {
+
+// What the store keeps of one account.
+struct StoredAccount {
+  std::string uuid;
+  std::string classTypeIdentifier;
+  std::optional<std::string> serviceName;
+  std::optional<std::string> identifier;
+  std::optional<std::string> email;
+  QMAccountTokens tokens;
+
+  friend bool operator==(const StoredAccount&, const StoredAccount&) = default;
+};
+
+// The accounts file: a JSON document that holds tokens, so it lives in a
+// folder of mode 0700, has mode 0600, and is only ever replaced whole
+// (written to a temporary file beside it, flushed, then renamed over it).
+//
+// Not thread-safe: the account manager serialises its use.
+class AccountStore {
+ public:
+  explicit AccountStore(std::filesystem::path file) : file_(std::move(file)) {}
+
+  [[nodiscard]] const std::filesystem::path& file() const noexcept { return file_; }
+
+  // The stored accounts; none when there is no file yet. A file that cannot
+  // be read as a store is moved aside to "<file>.corrupt-<time>" (never
+  // deleted), logged, and taken as empty.
+  std::vector<StoredAccount> load();
+
+  // Replaces the file with `accounts`. False (and logged) on failure, when
+  // the previous file is left as it was.
+  bool save(const std::vector<StoredAccount>& accounts);
+
+ private:
+  std::filesystem::path file_;
+};
+
+// The user's configuration directory: $XDG_CONFIG_HOME when it is an
+// absolute path, else "$HOME/.config" (Linux); "$HOME/Library/Application
+// Support" (macOS). `environment` reads a variable (std::getenv by default).
+std::filesystem::path userConfigurationDirectory(
+    const std::function<const char*(const char*)>& environment = nullptr);
+
+}  // namespace vantor::account::detail

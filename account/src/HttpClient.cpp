@@ -1,0 +1,272 @@
+// The only source of this library that includes Beast.
+#include "HttpClient.hpp"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <boost/url/parse.hpp>
+#include <memory>
+#include <optional>
+
+#include "OAuthSupport.hpp"
+
+namespace vantor::account::detail {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace ssl = asio::ssl;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
+
+namespace {
+
+constexpr std::uint64_t bodyLimit = 1024 * 1024;
+
+struct Target {
+  bool secure = false;
+  bool hostIsAddress = false;
+  std::string host;
+  std::string port;
+  std::string hostHeader;
+  std::string path;
+};
+
+std::optional<Target> targetOf(const std::string& text, std::string& failure) {
+  auto url = boost::urls::parse_absolute_uri(text);
+  if (!url) {
+    failure = "not an absolute URL";
+    return std::nullopt;
+  }
+  Target target;
+  if (url->scheme_id() == boost::urls::scheme::https) {
+    target.secure = true;
+  } else if (url->scheme_id() != boost::urls::scheme::http) {
+    failure = "not an http or https URL";
+    return std::nullopt;
+  } else if (!isLoopbackURL(text)) {
+    failure = "plain http is only allowed for loopback hosts";
+    return std::nullopt;
+  }
+  switch (url->host_type()) {
+    case boost::urls::host_type::ipv4:
+      target.host = url->host_ipv4_address().to_string();
+      target.hostIsAddress = true;
+      break;
+    case boost::urls::host_type::ipv6:
+      target.host = url->host_ipv6_address().to_string();
+      target.hostIsAddress = true;
+      break;
+    case boost::urls::host_type::name:
+      target.host = url->host_name();
+      break;
+    default:
+      break;
+  }
+  if (target.host.empty()) {
+    failure = "the URL has no host";
+    return std::nullopt;
+  }
+  target.port = url->has_port() ? std::string(url->port()) : (target.secure ? "443" : "80");
+  target.hostHeader = url->encoded_host_and_port();
+  target.path = url->encoded_path().empty() ? "/" : std::string(url->encoded_path());
+  if (url->has_query()) {
+    target.path += "?";
+    target.path += url->encoded_query();
+  }
+  return target;
+}
+
+std::shared_ptr<ssl::context> makeTlsContext(const HttpClientOptions& options, error_code& error) {
+  auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
+  SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+  if (options.useSystemTrustStore) {
+    context->set_default_verify_paths(error);
+    if (error) {
+      return nullptr;
+    }
+  }
+  for (const auto& pem : options.additionalCertificateAuthorities) {
+    context->add_certificate_authority(asio::buffer(pem), error);
+    if (error) {
+      return nullptr;
+    }
+  }
+  context->set_verify_mode(ssl::verify_peer);
+  return context;
+}
+
+// One request: resolve, connect, TLS handshake when secure, write, read.
+// Every step runs under one overall deadline.
+class Exchange : public std::enable_shared_from_this<Exchange> {
+ public:
+  Exchange(asio::io_context& context, HttpClientOptions options, HttpCompletion completion)
+      : context_(context),
+        options_(std::move(options)),
+        completion_(std::move(completion)),
+        resolver_(context) {}
+
+  void start(const HttpRequest& request) {
+    std::string failure;
+    auto target = targetOf(request.url, failure);
+    if (!target) {
+      return finish(failure);
+    }
+    target_ = std::move(*target);
+    deadline_ = std::chrono::steady_clock::now() + options_.timeout;
+    if (target_.secure) {
+      error_code error;
+      tls_ = makeTlsContext(options_, error);
+      if (!tls_) {
+        return finish("TLS set-up failed: " + error.message());
+      }
+      secure_.emplace(context_, *tls_);
+    } else {
+      plain_.emplace(context_);
+    }
+    request_.method_string(request.method);
+    request_.target(target_.path);
+    request_.version(11);
+    request_.set(http::field::host, target_.hostHeader);
+    request_.set(http::field::user_agent, "VantorClient");
+    request_.set(http::field::connection, "close");
+    for (const auto& [name, value] : request.headers) {
+      request_.set(name, value);
+    }
+    if (!request.body.empty() || request.method == "POST") {
+      request_.body() = request.body;
+      request_.prepare_payload();
+    }
+    parser_.body_limit(bodyLimit);
+    resolver_.async_resolve(target_.host, target_.port,
+                            [self = shared_from_this()](error_code error, tcp::resolver::results_type results) {
+                              self->onResolved(error, std::move(results));
+                            });
+  }
+
+ private:
+  beast::tcp_stream& tcpStream() { return secure_ ? secure_->next_layer() : *plain_; }
+
+  void armDeadline() { tcpStream().expires_at(deadline_); }
+
+  void onResolved(error_code error, tcp::resolver::results_type results) {
+    if (error) {
+      return finish("could not resolve the host: " + error.message());
+    }
+    armDeadline();
+    tcpStream().async_connect(results, [self = shared_from_this()](error_code error, const tcp::endpoint&) {
+      self->onConnected(error);
+    });
+  }
+
+  void onConnected(error_code error) {
+    if (error) {
+      return finish("could not connect: " + error.message());
+    }
+    if (!secure_) {
+      return write();
+    }
+    // SNI carries host names only, never addresses.
+    if (!target_.hostIsAddress &&
+        SSL_set_tlsext_host_name(secure_->native_handle(), target_.host.c_str()) != 1) {
+      return finish("could not set the TLS server name");
+    }
+    secure_->set_verify_callback(ssl::host_name_verification(target_.host));
+    armDeadline();
+    secure_->async_handshake(ssl::stream_base::client, [self = shared_from_this()](error_code error) {
+      if (error) {
+        return self->finish("TLS handshake failed: " + error.message());
+      }
+      self->write();
+    });
+  }
+
+  void write() {
+    armDeadline();
+    auto written = [self = shared_from_this()](error_code error, std::size_t) {
+      if (error) {
+        return self->finish("could not send the request: " + error.message());
+      }
+      self->read();
+    };
+    if (secure_) {
+      http::async_write(*secure_, request_, std::move(written));
+    } else {
+      http::async_write(*plain_, request_, std::move(written));
+    }
+  }
+
+  void read() {
+    armDeadline();
+    auto received = [self = shared_from_this()](error_code error, std::size_t) {
+      if (error) {
+        return self->finish("could not read the response: " + error.message());
+      }
+      HttpOutcome outcome;
+      outcome.status = static_cast<int>(self->parser_.get().result_int());
+      outcome.body = std::move(self->parser_.get().body());
+      self->finish(std::move(outcome));
+    };
+    if (secure_) {
+      http::async_read(*secure_, buffer_, parser_, std::move(received));
+    } else {
+      http::async_read(*plain_, buffer_, parser_, std::move(received));
+    }
+  }
+
+  void finish(std::string failure) {
+    HttpOutcome outcome;
+    outcome.failure = std::move(failure);
+    finish(std::move(outcome));
+  }
+
+  void finish(HttpOutcome outcome) {
+    // The connection is not reused ("Connection: close"); closing the TCP
+    // socket without a TLS close_notify is fine for a finished response.
+    error_code ignored;
+    if (secure_ || plain_) {
+      tcpStream().socket().close(ignored);
+    }
+    if (auto completion = std::exchange(completion_, nullptr)) {
+      completion(std::move(outcome));
+    }
+  }
+
+  asio::io_context& context_;
+  const HttpClientOptions options_;
+  HttpCompletion completion_;
+  tcp::resolver resolver_;
+  Target target_;
+  std::chrono::steady_clock::time_point deadline_;
+  std::shared_ptr<ssl::context> tls_;
+  std::optional<beast::ssl_stream<beast::tcp_stream>> secure_;
+  std::optional<beast::tcp_stream> plain_;
+  http::request<http::string_body> request_;
+  http::response_parser<http::string_body> parser_;
+  beast::flat_buffer buffer_;
+};
+
+}  // namespace
+
+void sendHttpRequest(asio::io_context& context, HttpRequest request,
+                     const HttpClientOptions& options, HttpCompletion completion) {
+  auto exchange = std::make_shared<Exchange>(context, options, std::move(completion));
+  // Started on the context, so that the completion never runs on the
+  // caller's stack, even when the request fails at once.
+  asio::post(context, [exchange, request = std::move(request)] { exchange->start(request); });
+}
+
+HttpOutcome sendHttpRequestAndWait(HttpRequest request, const HttpClientOptions& options) {
+  asio::io_context context(1);
+  HttpOutcome result;
+  sendHttpRequest(context, std::move(request), options,
+                  [&result](HttpOutcome outcome) { result = std::move(outcome); });
+  context.run();
+  return result;
+}
+
+}  // namespace vantor::account::detail

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "ServiceEndpoints.hpp"
+#include "vantor/account/QMAccount.hpp"
+#include "vantor/account/QMOAuthAccountManager.hpp"
+#include "vantor/account/QMWebServiceAuthorizer.hpp"
+
+namespace vantor::account::detail {
+
+// What one sign-in sent in its authorization request, and needs again for
+// the code exchange.
+struct SignIn {
+  std::string state;
+  std::string codeVerifier;
+  std::optional<std::string> nonce;
+  Endpoints endpoints;
+  std::string obfuscatedClientId;
+  std::string obfuscatedClientSecret;
+  std::string redirectURI;
+};
+
+// The authoriser of accounts made by QMOAuthAccountManager: authorization
+// code flow with `state`, PKCE (S256) and, for OpenID Connect, `nonce`.
+// Holds its manager and account weakly, so an account does not keep its
+// manager alive. Thread safety: every member may be called from any thread.
+class OAuthAuthorizer : public QMWebServiceAuthorizer {
+ public:
+  OAuthAuthorizer(std::weak_ptr<QMOAuthAccountManager> manager,
+                  std::shared_ptr<ServiceEndpoints> endpoints, std::weak_ptr<QMAccount> account)
+      : manager_(std::move(manager)), endpoints_(std::move(endpoints)), account_(std::move(account)) {}
+
+  std::optional<std::string> authorizationURL() override;
+  void exchangeCode(const std::string& code, bool addToStore,
+                    const std::string& redirectURL) override;
+
+ private:
+  const std::weak_ptr<QMOAuthAccountManager> manager_;
+  const std::shared_ptr<ServiceEndpoints> endpoints_;
+  const std::weak_ptr<QMAccount> account_;
+  std::mutex mutex_;
+  std::optional<SignIn> pending_;
+};
+
+// True when `redirectURL` carries exactly one `state`, equal to `expected`.
+bool redirectStateMatches(const std::string& redirectURL, const std::string& expected);
+
+}  // namespace vantor::account::detail

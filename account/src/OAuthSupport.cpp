@@ -1,0 +1,170 @@
+#include "OAuthSupport.hpp"
+
+#include <openssl/rand.h>
+#include <openssl/sha.h>
+
+#include <array>
+#include <boost/json/parse.hpp>
+#include <boost/url/parse.hpp>
+#include <stdexcept>
+
+#include "vantor/platform/Fatal.hpp"
+
+namespace vantor::account::detail {
+
+namespace {
+
+constexpr std::string_view standardAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view urlAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+std::string encode(std::string_view bytes, std::string_view alphabet, bool pad) {
+  std::string out;
+  out.reserve((bytes.size() + 2) / 3 * 4);
+  std::size_t i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    auto n = (static_cast<unsigned char>(bytes[i]) << 16) |
+             (static_cast<unsigned char>(bytes[i + 1]) << 8) | static_cast<unsigned char>(bytes[i + 2]);
+    out += alphabet[(n >> 18) & 63];
+    out += alphabet[(n >> 12) & 63];
+    out += alphabet[(n >> 6) & 63];
+    out += alphabet[n & 63];
+  }
+  auto rest = bytes.size() - i;
+  if (rest > 0) {
+    unsigned n = static_cast<unsigned char>(bytes[i]) << 16;
+    if (rest == 2) {
+      n |= static_cast<unsigned char>(bytes[i + 1]) << 8;
+    }
+    out += alphabet[(n >> 18) & 63];
+    out += alphabet[(n >> 12) & 63];
+    if (rest == 2) {
+      out += alphabet[(n >> 6) & 63];
+    }
+    if (pad) {
+      out.append(3 - rest, '=');
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string base64Encode(std::string_view bytes) { return encode(bytes, standardAlphabet, true); }
+
+std::string base64UrlEncode(std::string_view bytes) { return encode(bytes, urlAlphabet, false); }
+
+std::optional<std::string> base64UrlDecode(std::string_view text) {
+  while (!text.empty() && text.back() == '=') {
+    text.remove_suffix(1);
+  }
+  if (text.size() % 4 == 1) {
+    return std::nullopt;
+  }
+  std::string out;
+  unsigned buffer = 0;
+  int bits = 0;
+  for (char c : text) {
+    auto value = urlAlphabet.find(c);
+    if (value == std::string_view::npos) {
+      return std::nullopt;
+    }
+    buffer = (buffer << 6) | static_cast<unsigned>(value);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out += static_cast<char>((buffer >> bits) & 0xff);
+    }
+  }
+  return out;
+}
+
+std::string randomToken(std::size_t byteCount) {
+  std::string bytes(byteCount, '\0');
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(byteCount)) != 1) {
+    // Without a working random generator no sign-in can be made safe.
+    platform::fatalError("The system's random number generator failed");
+  }
+  return base64UrlEncode(bytes);
+}
+
+std::string pkceChallenge(std::string_view verifier) {
+  std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
+  SHA256(reinterpret_cast<const unsigned char*>(verifier.data()), verifier.size(), digest.data());
+  return base64UrlEncode(std::string_view(reinterpret_cast<const char*>(digest.data()), digest.size()));
+}
+
+std::string formEncodeComponent(std::string_view text) {
+  static constexpr char hex[] = "0123456789ABCDEF";
+  std::string out;
+  for (char c : text) {
+    auto u = static_cast<unsigned char>(c);
+    if ((u >= 'A' && u <= 'Z') || (u >= 'a' && u <= 'z') || (u >= '0' && u <= '9') || c == '-' ||
+        c == '.' || c == '_' || c == '*') {
+      out += c;
+    } else if (c == ' ') {
+      out += '+';
+    } else {
+      out += '%';
+      out += hex[u >> 4];
+      out += hex[u & 15];
+    }
+  }
+  return out;
+}
+
+std::string formEncode(const FormFields& fields) {
+  std::string out;
+  for (const auto& [name, value] : fields) {
+    if (!out.empty()) {
+      out += '&';
+    }
+    out += formEncodeComponent(name);
+    out += '=';
+    out += formEncodeComponent(value);
+  }
+  return out;
+}
+
+bool isLoopbackURL(std::string_view text) {
+  auto url = boost::urls::parse_absolute_uri(text);
+  if (!url) {
+    return false;
+  }
+  switch (url->host_type()) {
+    case boost::urls::host_type::ipv4:
+      return url->host_ipv4_address().to_bytes()[0] == 127;
+    case boost::urls::host_type::ipv6:
+      return url->host_ipv6_address().is_loopback();
+    case boost::urls::host_type::name: {
+      std::string host = url->host_name();
+      for (auto& c : host) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      }
+      return host == "localhost";
+    }
+    default:
+      return false;
+  }
+}
+
+std::optional<boost::json::object> jwtClaims(std::string_view jwt) {
+  auto first = jwt.find('.');
+  auto second = first == std::string_view::npos ? first : jwt.find('.', first + 1);
+  if (second == std::string_view::npos || jwt.find('.', second + 1) != std::string_view::npos) {
+    return std::nullopt;
+  }
+  auto payload = base64UrlDecode(jwt.substr(first + 1, second - first - 1));
+  if (!payload) {
+    return std::nullopt;
+  }
+  boost::system::error_code error;
+  auto value = boost::json::parse(*payload, error);
+  if (error || !value.is_object()) {
+    return std::nullopt;
+  }
+  return std::move(value.as_object());
+}
+
+}  // namespace vantor::account::detail

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <boost/json/object.hpp>
+
+namespace vantor::account::detail {
+
+// Encodings and small crypto pieces of OAuth 2.0 and OpenID Connect that do
+// no I/O.
+
+std::string base64Encode(std::string_view bytes);
+// Unpadded, with '-' and '_' (RFC 4648 section 5), as PKCE and JWTs use it.
+std::string base64UrlEncode(std::string_view bytes);
+// Accepts input with or without padding; none for anything else.
+std::optional<std::string> base64UrlDecode(std::string_view text);
+
+// `byteCount` bytes from the system's cryptographic generator, base64url
+// encoded: unguessable `state`, `nonce` and PKCE verifier values.
+std::string randomToken(std::size_t byteCount);
+
+// The PKCE S256 challenge for `verifier`: base64url(SHA-256(verifier)).
+std::string pkceChallenge(std::string_view verifier);
+
+using FormFields = std::vector<std::pair<std::string, std::string>>;
+
+// application/x-www-form-urlencoded.
+std::string formEncode(const FormFields& fields);
+std::string formEncodeComponent(std::string_view text);
+
+// True for http URLs that may go without TLS: loopback hosts only.
+bool isLoopbackURL(std::string_view url);
+
+// The claims of a JWT in compact form, without checking its signature; none
+// when it is not three base64url parts with a JSON object in the middle.
+std::optional<boost::json::object> jwtClaims(std::string_view jwt);
+
+}  // namespace vantor::account::detail

@@ -1,0 +1,341 @@
+#include "vantor/account/QMQuelmoConnectController.hpp"
+
+#include <boost/url/parse.hpp>
+#include <cctype>
+#include <mutex>
+#include <typeindex>
+
+#include "vantor/account/QMAccountConstants.hpp"
+#include "vantor/account/QMAccountFactory.hpp"
+#include "vantor/account/QMAccountManager.hpp"
+#include "vantor/account/QMHostApplication.hpp"
+#include "vantor/account/QMNotificationCenter.hpp"
+#include "vantor/account/QMWorkspace.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/platform/Fatal.hpp"
+#include "vantor/util/LogAccounts.hpp"
+#include "vantor/util/QMExternallyResolvablePromise.hpp"
+
+namespace vantor::account {
+
+using platform::EventLoop;
+
+namespace {
+
+struct Configuration {
+  std::mutex mutex;
+  std::optional<std::string> clientId;
+  std::optional<std::string> clientSecret;
+  std::optional<std::string> redirectURI;
+  std::optional<std::string> redirectURIState;
+  std::optional<std::string> deleteAccountURL;
+};
+
+Configuration& configuration() {
+  static Configuration* const shared = new Configuration();
+  return *shared;
+}
+
+std::optional<std::string> read(std::optional<std::string> Configuration::*field) {
+  auto& config = configuration();
+  std::lock_guard lock(config.mutex);
+  return config.*field;
+}
+
+void write(std::optional<std::string> Configuration::*field, std::optional<std::string> value) {
+  auto& config = configuration();
+  std::lock_guard lock(config.mutex);
+  config.*field = std::move(value);
+}
+
+std::string replaceAll(std::string text, std::string_view placeholder, std::string_view value) {
+  for (auto at = text.find(placeholder); at != std::string::npos;
+       at = text.find(placeholder, at + value.size())) {
+    text.replace(at, placeholder.size(), value);
+  }
+  return text;
+}
+
+// The form in which the service's name appears in its redirect paths.
+std::string serviceKey(std::string_view serviceName) {
+  std::string key;
+  for (char c : serviceName) {
+    if (!std::isspace(static_cast<unsigned char>(c))) {
+      key += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+  }
+  return key;
+}
+
+std::exception_ptr exceptionFor(QMQuelmoConnectControllerError error) {
+  return std::make_exception_ptr(QMQuelmoConnectControllerException(error));
+}
+
+}  // namespace
+
+void QMQuelmoConnectController::setClientId(std::optional<std::string> value) {
+  write(&Configuration::clientId, std::move(value));
+}
+std::optional<std::string> QMQuelmoConnectController::clientId() {
+  return read(&Configuration::clientId);
+}
+void QMQuelmoConnectController::setClientSecret(std::optional<std::string> value) {
+  write(&Configuration::clientSecret, std::move(value));
+}
+std::optional<std::string> QMQuelmoConnectController::clientSecret() {
+  return read(&Configuration::clientSecret);
+}
+void QMQuelmoConnectController::setRedirectURI(std::optional<std::string> value) {
+  write(&Configuration::redirectURI, std::move(value));
+}
+std::optional<std::string> QMQuelmoConnectController::redirectURI() {
+  return read(&Configuration::redirectURI);
+}
+void QMQuelmoConnectController::setRedirectURIState(std::optional<std::string> value) {
+  write(&Configuration::redirectURIState, std::move(value));
+}
+std::optional<std::string> QMQuelmoConnectController::redirectURIState() {
+  return read(&Configuration::redirectURIState);
+}
+void QMQuelmoConnectController::setDeleteAccountURL(std::optional<std::string> value) {
+  write(&Configuration::deleteAccountURL, std::move(value));
+}
+std::optional<std::string> QMQuelmoConnectController::deleteAccountURL() {
+  return read(&Configuration::deleteAccountURL);
+}
+
+QMQuelmoConnectController& QMQuelmoConnectController::shared() {
+  // Never destroyed: notifications and loop work may still reach it while the
+  // process exits.
+  static QMQuelmoConnectController* const instance = new QMQuelmoConnectController();
+  return *instance;
+}
+
+QMQuelmoConnectController::QMQuelmoConnectController()
+    : appName_(QMHostApplication::name()), bundleIdentifier_(QMHostApplication::bundleIdentifier()) {
+  auto id = clientId();
+  if (!id) {
+    platform::fatalError("ERROR: clientId must be set before instantiating QMQuelmoConnectController");
+  }
+  auto secret = clientSecret();
+  if (!secret) {
+    platform::fatalError(
+        "ERROR: clientSecret must be set before instantiating QMQuelmoConnectController");
+  }
+  auto redirect = redirectURI();
+  if (!redirect) {
+    platform::fatalError(
+        "ERROR: redirectURI must be set before instantiating QMQuelmoConnectController");
+  }
+  webServiceClientCredentials_.emplace_back(
+      std::move(*id), std::move(*secret), std::move(*redirect), redirectURIState(),
+      QMWebServiceProvider::quelmoConnect, std::string(QMQuelmoConnectAccount::typeIdentifier),
+      std::type_index(typeid(QMQuelmoConnectAccount)));
+
+  auto manager = QMAccountManager::shared();
+  manager->setDelegateOfWebServiceRequirements(this);
+  manager->setAppIdentifyingDelegate(this);
+
+  observers_.emplace_back(QMNotificationCenter::defaultCenter().addObserver(
+      std::string(QMAccountConstants::QuelmoConnect::accountDidChangeNotificationString),
+      [this] { accountDidChange(); }));
+}
+
+std::shared_ptr<QMQuelmoConnectAccount> QMQuelmoConnectController::account() const {
+  return EventLoop::main().sync([this] { return account_; });
+}
+
+std::optional<QMQuelmoConnectController::Error> QMQuelmoConnectController::error() const {
+  return EventLoop::main().sync([this] { return error_; });
+}
+
+void QMQuelmoConnectController::sendWillChange() {
+  // State only changes on the loop, so this normally emits at once; the
+  // post keeps the signal on the loop should that ever change.
+  EventLoop::main().dispatch([this] { objectWillChange_(); });
+}
+
+void QMQuelmoConnectController::setAccount(std::shared_ptr<QMQuelmoConnectAccount> account) {
+  sendWillChange();
+  account_ = std::move(account);
+}
+
+void QMQuelmoConnectController::setError(std::optional<Error> error) {
+  sendWillChange();
+  error_ = error;
+}
+
+std::shared_ptr<QMQuelmoConnectAccount> QMQuelmoConnectController::firstQuelmoConnectAccount()
+    const {
+  for (auto& stored : QMAccountManager::shared()->accounts()) {
+    if (auto account = std::dynamic_pointer_cast<QMQuelmoConnectAccount>(stored)) {
+      return account;
+    }
+  }
+  return nullptr;
+}
+
+void QMQuelmoConnectController::load() {
+  EventLoop::main().sync([this] {
+    if (QMAccountManager::shared()->delegateOfWebServiceRequirements() == nullptr) {
+      platform::fatalError("delegateOfWebServiceRequirements not set");
+    }
+    if (auto stored = firstQuelmoConnectAccount()) {
+      setAccount(std::move(stored));
+    } else {
+      setError(Error::notLoggedIn);
+    }
+  });
+}
+
+void QMQuelmoConnectController::login(CompletionHandler handler) {
+  EventLoop::main().sync([this, &handler] { loginOnLoop(std::move(handler)); });
+}
+
+void QMQuelmoConnectController::loginOnLoop(CompletionHandler handler) {
+  if (account_ || !QMAccountManager::shared()->accounts().empty()) {
+    throw Exception(Error::alreadyLoggedIn);
+  }
+  auto created = QMAccountFactory::shared()->createAccount(std::nullopt, 0,
+                                                           QMWebServiceProvider::quelmoConnect);
+  auto account = std::dynamic_pointer_cast<QMQuelmoConnectAccount>(created);
+  if (!account) {
+    throw Exception(Error::accountCreationFailed);
+  }
+  auto authorizer = account->webServiceAuthorizer();
+  if (!authorizer) {
+    throw Exception(Error::invalidAccount);
+  }
+  auto url = authorizer->authorizationURL();
+  if (!url) {
+    throw Exception(Error::invalidAccount);
+  }
+  preliminaryAccount_ = std::move(account);
+  completionHandler_ = std::move(handler);
+  if (!QMWorkspace::open(*url)) {
+    util::logAccounts().error("Could not open the sign-in page in the browser");
+  }
+}
+
+util::QMPromise<std::shared_ptr<QMAccount>> QMQuelmoConnectController::login() {
+  auto pending = std::make_shared<util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>>>();
+  try {
+    login([pending](const LoginResult& result) {
+      if (const auto* account = std::get_if<std::shared_ptr<QMAccount>>(&result)) {
+        pending->fulfill(*account);
+      } else {
+        pending->reject(exceptionFor(std::get<Error>(result)));
+      }
+    });
+  } catch (const Exception& e) {
+    pending->reject(exceptionFor(e.error()));
+  }
+  return pending->promise();
+}
+
+util::QMPromise<std::shared_ptr<QMAccount>> QMQuelmoConnectController::loginIfNeeded() {
+  auto current = EventLoop::main().sync([this]() -> std::shared_ptr<QMAccount> {
+    return account_ && account_->token() ? account_ : nullptr;
+  });
+  if (current) {
+    util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>> ready;
+    ready.fulfill(std::move(current));
+    return ready.promise();
+  }
+  return login();
+}
+
+void QMQuelmoConnectController::logout() {
+  EventLoop::main().sync([this] {
+    if (!account_) {
+      return;
+    }
+    QMAccountManager::shared()->removeAccount(account_);
+    preliminaryAccount_.reset();
+    setAccount(nullptr);
+  });
+}
+
+bool QMQuelmoConnectController::isLoggedIn() const {
+  return EventLoop::main().sync(
+      [this] { return account_ && account_->token().has_value() && !error_; });
+}
+
+void QMQuelmoConnectController::deleteAccount() {
+  EventLoop::main().sync([this] {
+    auto pageTemplate = deleteAccountURL();
+    if (!account_ || !pageTemplate) {
+      return;
+    }
+    auto url = replaceAll(*pageTemplate, "<identifier>", account_->identifier().value_or(""));
+    url = replaceAll(std::move(url), "<email>", account_->email().value_or(""));
+    if (!boost::urls::parse_absolute_uri(url)) {
+      util::logAccounts().warning("The delete-account page is not a valid URL");
+      return;
+    }
+    QMWorkspace::open(url);
+  });
+}
+
+bool QMQuelmoConnectController::isValidResponse(std::string_view url) {
+  return url.find("qmaccounts/quelmoconnect") != std::string_view::npos;
+}
+
+void QMQuelmoConnectController::handleOAuthResponse(std::string_view url) {
+  EventLoop::main().sync([this, url] { handleOAuthResponseOnLoop(url); });
+}
+
+void QMQuelmoConnectController::handleOAuthResponseOnLoop(std::string_view url) {
+  if (!preliminaryAccount_) {
+    throw Exception(Error::notLoggedIn);
+  }
+  auto serviceName = preliminaryAccount_->serviceName();
+  if (!serviceName) {
+    throw Exception(Error::invalidAccount);
+  }
+  auto authorizer = preliminaryAccount_->webServiceAuthorizer();
+  if (!authorizer) {
+    throw Exception(Error::invalidAccount);
+  }
+  auto parsed = boost::urls::parse_uri_reference(url);
+  if (!parsed) {
+    throw Exception(Error::internal);
+  }
+  if (parsed->path().find(serviceKey(*serviceName)) == std::string::npos) {
+    throw Exception(Error::accountMismatch);
+  }
+  std::optional<std::string> code;
+  // '+' stays '+': codes are opaque, and only %-escapes are decoded.
+  for (auto param : parsed->params(boost::urls::encoding_opts(false, false, false))) {
+    if (param.key == "code" && param.has_value) {
+      code = param.value;
+    }
+  }
+  if (!code) {
+    throw Exception(Error::authenticationFailed);
+  }
+  authorizer->exchangeCode(*code, true, std::string(url));
+}
+
+void QMQuelmoConnectController::accountDidChange() {
+  sendWillChange();
+  auto stored = firstQuelmoConnectAccount();
+  preliminaryAccount_.reset();
+  // Taken out first, so a handler that starts another sign-in keeps its own.
+  auto handler = std::exchange(completionHandler_, nullptr);
+  if (stored) {
+    setAccount(stored);
+    setError(std::nullopt);
+    if (handler) {
+      handler(LoginResult(std::shared_ptr<QMAccount>(stored)));
+    }
+  } else {
+    setAccount(nullptr);
+    setError(Error::notLoggedIn);
+    if (handler) {
+      handler(LoginResult(Error::notLoggedIn));
+    }
+  }
+}
+
+}  // namespace vantor::account
