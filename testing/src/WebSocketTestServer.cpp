@@ -2,6 +2,8 @@
 // protocol server is built on the hooks and sends of this one.
 #include "vantor/testing/WebSocketTestServer.hpp"
 
+#include "Recorder.hpp"
+
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -14,12 +16,11 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
-#include <condition_variable>
 #include <cstdio>
+#include <atomic>
 #include <deque>
 #include <future>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -57,7 +58,8 @@ class ServerCore {
   using CloseFrame = WebSocketTestServer::CloseFrame;
 
   explicit ServerCore(Options options);
-  ~ServerCore();
+  ~ServerCore() { stop(); }
+  void stop();
   ServerCore(const ServerCore&) = delete;
   ServerCore& operator=(const ServerCore&) = delete;
 
@@ -72,18 +74,9 @@ class ServerCore {
   // Server thread only.
   void forEachOpen(const std::function<void(Session&)>& action);
   void withOpen(ConnectionId id, const std::function<void(Session&)>& action);
-  void execute(const std::function<void()>& work);
 
-  template <class Predicate>
-  bool waitFor(std::chrono::milliseconds timeout, Predicate predicate) {
-    std::unique_lock lock(recordsMutex_);
-    return changed_.wait_for(lock, timeout, [&] { return predicate(records_); });
-  }
-  template <class F>
-  auto read(F f) {
-    std::lock_guard lock(recordsMutex_);
-    return f(records_);
-  }
+  // Any thread.
+  void execute(const std::function<void()>& work);
 
   // Declared first so that it is destroyed after everything that refers to it.
   std::optional<ssl::context> tls_;
@@ -94,9 +87,8 @@ class ServerCore {
   bool echo_;
   std::optional<int> refusal_;
   Hooks hooks_;
-  bool stopping_ = false;
+  std::atomic<bool> stopped_{false};
 
- private:
   struct Records {
     std::size_t connections = 0;
     std::size_t open = 0;
@@ -105,15 +97,9 @@ class ServerCore {
     std::vector<CloseFrame> closeFrames;
     std::vector<std::string> targets;
   };
-  template <class F>
-  void record(F f) {
-    {
-      std::lock_guard lock(recordsMutex_);
-      f(records_);
-    }
-    changed_.notify_all();
-  }
+  Recorder<Records> records_;
 
+ private:
   void accept();
   void runLoop();
 
@@ -122,10 +108,6 @@ class ServerCore {
   ConnectionId nextId_ = 0;
   std::unordered_map<std::uint64_t, std::shared_ptr<Session>> sessions_;
   std::map<ConnectionId, std::weak_ptr<Session>> open_;
-
-  mutable std::mutex recordsMutex_;
-  std::condition_variable changed_;
-  Records records_;
 
   asio::executor_work_guard<asio::io_context::executor_type> work_;
   std::thread thread_;
@@ -324,7 +306,7 @@ ServerCore::ServerCore(Options options)
     tls_->use_certificate_chain(asio::buffer(options.tls->serverCertificatePem));
     tls_->use_private_key(asio::buffer(options.tls->serverPrivateKeyPem), ssl::context::pem);
   }
-  tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), 0);
+  tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), options.port);
   acceptor_.open(endpoint.protocol());
   acceptor_.set_option(tcp::acceptor::reuse_address(true));
   acceptor_.bind(endpoint);
@@ -334,9 +316,11 @@ ServerCore::ServerCore(Options options)
   thread_ = std::thread([this] { runLoop(); });
 }
 
-ServerCore::~ServerCore() {
+void ServerCore::stop() {
+  if (stopped_.exchange(true)) {
+    return;
+  }
   asio::post(io_, [this] {
-    stopping_ = true;
     beast::error_code ignored;
     acceptor_.close(ignored);
     for (auto& [key, session] : sessions_) {
@@ -347,9 +331,10 @@ ServerCore::~ServerCore() {
   });
   thread_.join();
   // Handlers still queued in the context hold sessions too; they go when the
-  // context is destroyed, after these members.
+  // context is destroyed.
   open_.clear();
   sessions_.clear();
+  records_.update([](Records& r) { r.open = 0; });
 }
 
 void ServerCore::runLoop() {
@@ -365,7 +350,7 @@ void ServerCore::runLoop() {
 
 void ServerCore::accept() {
   acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
-    if (ec == asio::error::operation_aborted || stopping_) {
+    if (ec == asio::error::operation_aborted) {
       return;
     }
     if (!ec) {
@@ -384,7 +369,7 @@ void ServerCore::accept() {
 }
 
 std::optional<int> ServerCore::screen(const std::string& target) {
-  record([&](Records& r) { r.targets.push_back(target); });
+  records_.update([&](Records& r) { r.targets.push_back(target); });
   if (refusal_) {
     return refusal_;
   }
@@ -398,7 +383,7 @@ void ServerCore::opened(const std::shared_ptr<Session>& session, const std::stri
   auto id = nextId_++;
   session->id = id;
   open_.emplace(id, session);
-  record([](Records& r) {
+  records_.update([](Records& r) {
     ++r.connections;
     ++r.open;
   });
@@ -409,7 +394,7 @@ void ServerCore::opened(const std::shared_ptr<Session>& session, const std::stri
 
 void ServerCore::textReceived(const std::shared_ptr<Session>& session,
                                              ConnectionId id, std::string text) {
-  record([&](Records& r) { r.texts.push_back(text); });
+  records_.update([&](Records& r) { r.texts.push_back(text); });
   if (echo_) {
     session->enqueue({Outgoing::Kind::text, text});
   }
@@ -419,7 +404,7 @@ void ServerCore::textReceived(const std::shared_ptr<Session>& session,
 }
 
 void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
-  record([&](Records& r) { r.binaries.push_back(bytes); });
+  records_.update([&](Records& r) { r.binaries.push_back(bytes); });
   if (hooks_.onBinary) {
     hooks_.onBinary(id, bytes);
   }
@@ -427,7 +412,7 @@ void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
 
 void ServerCore::closeFrameReceived(ConnectionId id,
                                                    const websocket::close_reason& reason) {
-  record([&](Records& r) {
+  records_.update([&](Records& r) {
     r.closeFrames.push_back({id, static_cast<std::uint16_t>(reason.code),
                              std::string(reason.reason.data(), reason.reason.size())});
   });
@@ -439,8 +424,8 @@ void ServerCore::finished(std::uint64_t key, std::optional<ConnectionId> id) {
     return;
   }
   open_.erase(*id);
-  record([](Records& r) { --r.open; });
-  if (hooks_.onClosed && !stopping_) {
+  records_.update([](Records& r) { --r.open; });
+  if (hooks_.onClosed) {
     hooks_.onClosed(*id);
   }
 }
@@ -468,6 +453,9 @@ void ServerCore::withOpen(ConnectionId id,
 }
 
 void ServerCore::execute(const std::function<void()>& work) {
+  if (stopped_) {
+    return;
+  }
   if (io_.get_executor().running_in_this_thread()) {
     work();
     return;
@@ -499,6 +487,8 @@ WebSocketTestServer::WebSocketTestServer(Options options)
 
 WebSocketTestServer::~WebSocketTestServer() = default;
 
+void WebSocketTestServer::stop() { impl_->stop(); }
+
 std::uint16_t WebSocketTestServer::port() const { return impl_->port_; }
 
 bool WebSocketTestServer::usesTls() const { return impl_->tls_.has_value(); }
@@ -523,20 +513,20 @@ void WebSocketTestServer::refuseHandshake(std::optional<int> httpStatus) {
 
 bool WebSocketTestServer::waitForConnections(std::size_t count,
                                              std::chrono::milliseconds timeout) const {
-  return impl_->waitFor(timeout, [&](const auto& r) { return r.connections >= count; });
+  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.connections >= count; });
 }
 
 bool WebSocketTestServer::waitForOpenConnections(std::size_t count,
                                                  std::chrono::milliseconds timeout) const {
-  return impl_->waitFor(timeout, [&](const auto& r) { return r.open == count; });
+  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.open == count; });
 }
 
 std::size_t WebSocketTestServer::openConnections() const {
-  return impl_->read([](const auto& r) { return r.open; });
+  return impl_->records_.read([](const auto& r) { return r.open; });
 }
 
 std::size_t WebSocketTestServer::connectionCount() const {
-  return impl_->read([](const auto& r) { return r.connections; });
+  return impl_->records_.read([](const auto& r) { return r.connections; });
 }
 
 void WebSocketTestServer::sendText(std::string text) {
@@ -589,24 +579,24 @@ void WebSocketTestServer::dropConnection(ConnectionId connection) {
 }
 
 std::vector<std::string> WebSocketTestServer::receivedTexts() const {
-  return impl_->read([](const auto& r) { return r.texts; });
+  return impl_->records_.read([](const auto& r) { return r.texts; });
 }
 
 bool WebSocketTestServer::waitForReceived(std::size_t count,
                                           std::chrono::milliseconds timeout) const {
-  return impl_->waitFor(timeout, [&](const auto& r) { return r.texts.size() >= count; });
+  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.texts.size() >= count; });
 }
 
 std::vector<std::string> WebSocketTestServer::receivedBinaries() const {
-  return impl_->read([](const auto& r) { return r.binaries; });
+  return impl_->records_.read([](const auto& r) { return r.binaries; });
 }
 
 std::vector<WebSocketTestServer::CloseFrame> WebSocketTestServer::receivedCloseFrames() const {
-  return impl_->read([](const auto& r) { return r.closeFrames; });
+  return impl_->records_.read([](const auto& r) { return r.closeFrames; });
 }
 
 std::vector<std::string> WebSocketTestServer::handshakeTargets() const {
-  return impl_->read([](const auto& r) { return r.targets; });
+  return impl_->records_.read([](const auto& r) { return r.targets; });
 }
 
 void WebSocketTestServer::execute(const std::function<void()>& work) const {

@@ -146,6 +146,24 @@ TEST(WebSocketTestServer, ServesWssToClientsThatTrustTheCaOnly) {
   EXPECT_EQ(server.connectionCount(), 1U);
 }
 
+TEST(WebSocketTestServer, StopEndsEverythingAndFreesThePortForARestart) {
+  WebSocketTestServer server;
+  BlockingClient client(server.url());
+  ASSERT_TRUE(server.waitForConnections(1, kWait));
+  server.stop();
+  EXPECT_EQ(client.read().kind, Kind::error);
+  EXPECT_EQ(server.openConnections(), 0U);
+  server.sendText("ignored after stop");
+  server.stop();
+
+  WebSocketTestServer::Options options;
+  options.port = server.port();
+  WebSocketTestServer restarted(std::move(options));
+  BlockingClient again(restarted.url());
+  again.sendText("back");
+  EXPECT_EQ(again.read().data, "back");
+}
+
 TEST(WebSocketTestServer, DestroyingWithOpenConnectionsIsClean) {
   for (int round = 0; round < 5; ++round) {
     auto server = std::make_unique<WebSocketTestServer>();

@@ -16,7 +16,7 @@ namespace vantor::testing {
 
 /// A scriptable WebSocket server on the loopback interface, for tests.
 ///
-/// It listens on 127.0.0.1 on a free port, upgrades every HTTP request that
+/// It listens on 127.0.0.1 (on a free port unless told otherwise), upgrades every HTTP request that
 /// asks for it (unless told to refuse), records what clients send and lets a
 /// test push frames, close or drop connections at will. By default it echoes
 /// each text frame back. With `Options::tls` it serves wss with the given
@@ -60,6 +60,7 @@ class WebSocketTestServer {
   // name only some of them compile without -Wmissing-field-initializers.
   struct Options {
     std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set, plain ws otherwise
+    std::uint16_t port = 0;                              ///< 0: a free port
     bool echo = true;                                    ///< initial value of `setEcho`
     Hooks hooks = {};
   };
@@ -71,17 +72,25 @@ class WebSocketTestServer {
     std::string reason;
   };
 
-  /// Listens on 127.0.0.1 on a free port and starts the server thread.
+  /// Listens on 127.0.0.1 and starts the server thread.
   /// Throws `std::system_error` when the port cannot be opened or OpenSSL
   /// rejects the TLS certificate or key.
   WebSocketTestServer();
   explicit WebSocketTestServer(Options options);
-  /// Closes the listener and every connection abruptly, stops and joins the
-  /// server thread. Hooks are not called for the connections it ends.
+  /// Calls `stop()`.
   ~WebSocketTestServer();
 
   WebSocketTestServer(const WebSocketTestServer&) = delete;
   WebSocketTestServer& operator=(const WebSocketTestServer&) = delete;
+
+  /// Closes the listener and every connection abruptly and joins the server
+  /// thread; the port is free again afterwards (a new server may take it
+  /// with `Options::port`, to play a restarted server). Once it returns no
+  /// hook and no `runAfter` work runs; hooks are not called for the
+  /// connections it ends. Calls that act on connections do nothing
+  /// afterwards; the records stay readable. Must not be called from a hook.
+  /// Calling it again does nothing.
+  void stop();
 
   [[nodiscard]] std::uint16_t port() const;
   [[nodiscard]] bool usesTls() const;
@@ -137,7 +146,8 @@ class WebSocketTestServer {
   [[nodiscard]] std::vector<std::string> handshakeTargets() const;
 
   /// Runs `work` on the server thread and waits for it: inline when called
-  /// on that thread. Exceptions thrown by `work` reach the caller.
+  /// on that thread. Exceptions thrown by `work` reach the caller. After
+  /// `stop()` the work is not run.
   void execute(const std::function<void()>& work) const;
   /// Runs `work` on the server thread once `delay` has passed, unless the
   /// server is destroyed first.

@@ -1,0 +1,222 @@
+#pragma once
+
+#include <boost/json/object.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "vantor/testing/TestCertificates.hpp"
+#include "vantor/testing/WebSocketTestServer.hpp"
+
+namespace vantor::testing {
+
+/// A loopback server that plays the server side of the Phoenix Channels
+/// protocol (JSON serializer "2.0.0": every frame is the array
+/// [join_ref, ref, topic, event, payload], null for an absent reference),
+/// with channels and presence, for tests and demos.
+///
+/// Endpoint: clients connect to `url()` with "/websocket" appended and the
+/// query `vsn=2.0.0&<params>`. Another path is refused with HTTP 404, a
+/// missing or other `vsn` with HTTP 400. The query parameters of each
+/// accepted connection are kept (`connectParams()`).
+///
+/// What the server answers:
+/// - "heartbeat" on topic "phoenix": [null, ref, "phoenix", "phx_reply",
+///   {"status":"ok","response":{}}], unless `setHeartbeatReplies(false)`.
+/// - "phx_join": the ok reply [join_ref, ref, topic, "phx_reply",
+///   {"status":"ok","response":{}}]; for a topic marked with `forbidTopic`
+///   an "error" reply with {"reason": reason}; for a topic marked with
+///   `ignoreJoins` nothing at all. Joining a topic that the connection has
+///   already joined first closes the older channel with
+///   [old_join_ref, old_join_ref, topic, "phx_close", {}]; the newer join wins.
+/// - "phx_leave": the ok reply, then [join_ref, join_ref, topic, "phx_close",
+///   {}]. A leave for a topic that the connection has not joined gets an ok
+///   reply only (the client may have raced a server-side close); a leave
+///   that carries an older join ref than the current channel's is ignored.
+/// - Any other event on a topic that the connection has not joined:
+///   [join_ref, ref, topic, "phx_reply", {"status":"error",
+///   "response":{"reason":"unmatched topic"}}] with the frame's own join ref.
+/// - Events on a joined channel, replies carry the channel's join ref:
+///   - "echo": ok reply whose response is the payload;
+///   - "fail": "error" reply whose response is the payload;
+///   - "delayed": ok reply with the payload after payload["delay_ms"]
+///     milliseconds (0 when absent), if the channel still exists by then;
+///   - "noreply": no reply at all;
+///   - "broadcast": [null, null, topic, "broadcast", payload] to every member
+///     of the topic on every connection, the sender included; no reply;
+///   - "push_back": [join_ref, null, topic, "pushed", payload] to the sender
+///     only; no reply;
+///   - any other event: ok reply with an empty response.
+///
+/// Presence (unless `Options::presence` is false): a member whose join
+/// payload has "user_id" (a string, or an integer taken as its decimal text)
+/// is tracked under that key; one meta per join, {"phx_ref": unique string}
+/// plus the fields of the join payload's "presence_meta" object, if any. A
+/// user on two connections has two metas. Right after every successful join
+/// reply the joining member gets [join_ref, null, topic, "presence_state",
+/// state], and when a tracked member comes or goes (join, leave, channel
+/// crash or close, dropped connection) every current member of the topic
+/// gets [null, null, topic, "presence_diff", {"joins":{...},"leaves":{...}}];
+/// the joining member receives its own join diff too. With
+/// `presenceDiffBeforeState` the joining member's diff is sent before its
+/// "presence_state" rather than after it.
+///
+/// Bad input from a client (unparsable JSON, a frame of the wrong shape, a
+/// binary frame) is recorded and otherwise ignored; the connection stays up.
+///
+/// Connections are numbered 0, 1, 2 ... in the order in which they opened,
+/// the same numbers as `Frame::connection`, the index in `connectParams()`
+/// and the ids of the raw `webSocket()` layer.
+///
+/// Threads: the server runs on the thread of its `WebSocketTestServer`. The
+/// `trace` callback runs on that thread.
+///
+/// Thread safety: every public member may be called from any thread; calls
+/// are carried onto the server thread and return once the server has acted
+/// (frames queued, sockets closed), not once the client has seen it. The
+/// destructor must not race with other calls. Making and destroying many
+/// servers in one process is fine.
+class PhoenixTestServer {
+ public:
+  using ConnectionId = WebSocketTestServer::ConnectionId;
+
+  // Every field has an initializer so that designated initializers that
+  // name only some of them compile without -Wmissing-field-initializers.
+  struct Options {
+    std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set
+    std::uint16_t port = 0;                              ///< 0: a free port
+    /// Path of the endpoint that `url()` gives; the client adds "/websocket".
+    std::string endpointPath = "/socket";
+    bool presence = true;                  ///< send presence_state and presence_diff
+    bool presenceDiffBeforeState = false;  ///< initial `setPresenceDiffBeforeState`
+    /// Called on the server thread with one line per frame received ("<- ")
+    /// or sent ("-> "), prefixed by the connection number. For demos.
+    std::function<void(const std::string&)> trace = nullptr;
+  };
+
+  /// A well-formed frame received from a client.
+  struct Frame {
+    ConnectionId connection;
+    std::optional<std::string> joinRef;
+    std::optional<std::string> ref;
+    std::string topic;
+    std::string event;
+    boost::json::object payload;
+  };
+
+  /// Starts listening on 127.0.0.1 (see `WebSocketTestServer`).
+  PhoenixTestServer();
+  explicit PhoenixTestServer(Options options);
+  /// Stops the server and ends every connection abruptly.
+  ~PhoenixTestServer();
+
+  PhoenixTestServer(const PhoenixTestServer&) = delete;
+  PhoenixTestServer& operator=(const PhoenixTestServer&) = delete;
+
+  // --- Where to connect -----------------------------------------------------
+
+  [[nodiscard]] std::uint16_t port() const;
+  /// The endpoint to give the client, e.g. "ws://127.0.0.1:<port>/socket" or
+  /// "wss://localhost:<port>/socket"; the client appends "/websocket".
+  [[nodiscard]] std::string url() const;
+
+  // --- Connections ----------------------------------------------------------
+
+  /// Waits until `count` connections have opened since the start.
+  bool waitForConnections(std::size_t count, std::chrono::milliseconds timeout) const;
+  /// Waits until exactly `count` connections are open.
+  bool waitForOpenConnections(std::size_t count, std::chrono::milliseconds timeout) const;
+  [[nodiscard]] std::size_t openConnections() const;
+  /// The query parameters of each accepted connection, "vsn" included, in
+  /// order of connection. A repeated name keeps its last value.
+  [[nodiscard]] std::vector<std::map<std::string, std::string>> connectParams() const;
+
+  // --- What clients sent ----------------------------------------------------
+
+  /// Every well-formed frame received, heartbeats included, in order.
+  [[nodiscard]] std::vector<Frame> receivedFrames() const;
+  /// The frames on `topic` with `event`; an empty `event` matches any event.
+  [[nodiscard]] std::vector<Frame> receivedFrames(std::string_view topic,
+                                                  std::string_view event = {}) const;
+  [[nodiscard]] std::size_t countReceived(std::string_view topic, std::string_view event = {}) const;
+  /// Waits until at least `count` frames matching `topic` and `event` (as
+  /// above) have been received.
+  bool waitForFrames(std::string_view topic, std::string_view event, std::size_t count,
+                     std::chrono::milliseconds timeout) const;
+  /// Heartbeats received ("heartbeat" on "phoenix"), answered or not.
+  [[nodiscard]] std::size_t heartbeatsReceived() const;
+  /// Text frames that were not well-formed frames, as received.
+  [[nodiscard]] std::vector<std::string> invalidFrames() const;
+  /// Binary frames received (ignored by the protocol).
+  [[nodiscard]] std::size_t binaryFramesReceived() const;
+
+  // --- Channels -------------------------------------------------------------
+
+  /// Later joins of `topic` get an "error" reply with {"reason": reason}.
+  void forbidTopic(const std::string& topic, const std::string& reason = "unauthorized");
+  /// Later joins of `topic` get no reply at all (for join time-outs).
+  void ignoreJoins(const std::string& topic);
+  /// Undoes `forbidTopic` and `ignoreJoins`.
+  void allowTopic(const std::string& topic);
+  /// Channels joined on `topic`, over all connections.
+  [[nodiscard]] std::size_t memberCount(const std::string& topic) const;
+  /// Waits until exactly `count` channels are joined on `topic`.
+  bool waitForMembers(const std::string& topic, std::size_t count,
+                      std::chrono::milliseconds timeout) const;
+  /// Ends the channel on `topic` as a crash: [join_ref, join_ref, topic,
+  /// "phx_error", {}] to the member on `connection`, or to every member when
+  /// none is given. The members are gone afterwards (presence leaves follow).
+  void crashChannel(const std::string& topic, std::optional<ConnectionId> connection = std::nullopt);
+  /// The same with "phx_close": the server ended the channel.
+  void closeChannel(const std::string& topic, std::optional<ConnectionId> connection = std::nullopt);
+  /// [null, null, topic, event, payload] to every member of `topic`.
+  void broadcast(const std::string& topic, const std::string& event, boost::json::object payload);
+  /// [join_ref, null, topic, event, payload] to the member on `connection`,
+  /// or to every member of `topic`.
+  void push(const std::string& topic, const std::string& event, boost::json::object payload,
+            std::optional<ConnectionId> connection = std::nullopt);
+
+  // --- Heartbeats and presence ----------------------------------------------
+
+  /// Stop (false) or resume (true) answering heartbeats. Default true.
+  void setHeartbeatReplies(bool answer);
+  /// Send a joining member's own "presence_diff" before its "presence_state".
+  void setPresenceDiffBeforeState(bool diffFirst);
+  /// The presence state of `topic` as a joining member would receive it now.
+  [[nodiscard]] boost::json::object presenceState(const std::string& topic) const;
+
+  // --- Faults on the connection ---------------------------------------------
+
+  /// Answers later upgrade requests with this HTTP status; `nullopt` undoes it.
+  void refuseHandshake(std::optional<int> httpStatus);
+  /// Shuts down and closes the TCP connections, without a close frame.
+  void dropConnections();
+  void dropConnection(ConnectionId connection);
+  /// Runs the close handshake with `code`.
+  void closeWith(std::uint16_t code, std::string reason = {});
+  void closeConnection(ConnectionId connection, std::uint16_t code, std::string reason = {});
+  /// Sends `text` as it is, e.g. "not json" or "[1,2,3,4,5]", to one or all
+  /// connections.
+  void sendRaw(std::string text, std::optional<ConnectionId> connection = std::nullopt);
+  /// Sends a binary frame to one or all connections.
+  void sendBinary(std::string bytes, std::optional<ConnectionId> connection = std::nullopt);
+
+  /// The WebSocket layer underneath, for anything not covered above (close
+  /// frames received, raw texts, handshake targets). Turning its echo on
+  /// would confuse clients.
+  [[nodiscard]] WebSocketTestServer& webSocket();
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace vantor::testing

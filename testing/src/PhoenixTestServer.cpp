@@ -1,0 +1,663 @@
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+#include <boost/json/array.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <boost/json/value.hpp>
+#include <boost/url/parse.hpp>
+
+#include <algorithm>
+#include <utility>
+
+#include "Recorder.hpp"
+
+namespace vantor::testing {
+namespace {
+
+namespace json = boost::json;
+using ConnectionId = PhoenixTestServer::ConnectionId;
+using Frame = PhoenixTestServer::Frame;
+using Ref = std::optional<std::string>;
+
+constexpr std::string_view kVersion = "2.0.0";
+
+json::value toJson(const Ref& ref) { return ref ? json::value(*ref) : json::value(nullptr); }
+
+bool readRef(const json::value& value, Ref& out) {
+  if (value.is_null()) {
+    return true;
+  }
+  if (const auto* text = value.if_string()) {
+    out = std::string(*text);
+    return true;
+  }
+  return false;
+}
+
+// A frame as this protocol version defines it; anything else is rejected.
+std::optional<Frame> decodeFrame(ConnectionId connection, const std::string& text) {
+  boost::system::error_code ec;
+  auto value = json::parse(text, ec);
+  if (ec || !value.is_array() || value.as_array().size() != 5) {
+    return std::nullopt;
+  }
+  const auto& items = value.as_array();
+  Frame frame{connection, std::nullopt, std::nullopt, {}, {}, {}};
+  if (!readRef(items[0], frame.joinRef) || !readRef(items[1], frame.ref) || !items[2].is_string() ||
+      !items[3].is_string() || !items[4].is_object()) {
+    return std::nullopt;
+  }
+  frame.topic = items[2].as_string();
+  frame.event = items[3].as_string();
+  frame.payload = items[4].as_object();
+  return frame;
+}
+
+bool matches(const Frame& frame, std::string_view topic, std::string_view event) {
+  return frame.topic == topic && (event.empty() || frame.event == event);
+}
+
+// The presence key of a join: "user_id" as a string, or an integer's text.
+std::optional<std::string> presenceKey(const json::object& joinPayload) {
+  const auto* userId = joinPayload.if_contains("user_id");
+  if (userId == nullptr) {
+    return std::nullopt;
+  }
+  if (const auto* text = userId->if_string()) {
+    return std::string(*text);
+  }
+  if (userId->is_int64()) {
+    return std::to_string(userId->as_int64());
+  }
+  if (userId->is_uint64()) {
+    return std::to_string(userId->as_uint64());
+  }
+  return std::nullopt;
+}
+
+std::chrono::milliseconds delayOf(const json::object& payload) {
+  const auto* delay = payload.if_contains("delay_ms");
+  if (delay == nullptr || !delay->is_number()) {
+    return std::chrono::milliseconds(0);
+  }
+  boost::system::error_code ec;
+  auto ms = delay->to_number<double>(ec);
+  return std::chrono::milliseconds(ec || ms < 0 ? 0 : static_cast<std::int64_t>(ms));
+}
+
+json::object replyPayload(std::string_view status, json::object response) {
+  return {{"status", status}, {"response", std::move(response)}};
+}
+
+std::string normalisedPath(std::string path) {
+  while (!path.empty() && path.back() == '/') {
+    path.pop_back();
+  }
+  if (path.empty() || path.front() != '/') {
+    path.insert(path.begin(), '/');
+  }
+  return path;
+}
+
+}  // namespace
+
+class PhoenixTestServer::Impl {
+ public:
+  explicit Impl(Options options);
+  // The server thread must stop before the state that its hooks use goes.
+  ~Impl() { ws_->stop(); }
+  Impl(const Impl&) = delete;
+  Impl& operator=(const Impl&) = delete;
+
+  WebSocketTestServer& ws() { return *ws_; }
+  const std::string& endpointPath() const { return endpointPath_; }
+
+  // Carries `f` onto the server thread and returns its result.
+  template <class F>
+  auto onServer(F f) {
+    decltype(f()) result{};
+    ws_->execute([&] { result = f(); });
+    return result;
+  }
+  void onServerDo(const std::function<void()>& f) { ws_->execute(f); }
+
+  // Everything below runs on the server thread.
+  std::optional<int> screen(const std::string& target) const;
+  void opened(ConnectionId connection, const std::string& target);
+  void received(ConnectionId connection, const std::string& text);
+  void closed(ConnectionId connection);
+
+  void endChannels(const std::string& topic, std::optional<ConnectionId> connection,
+                   std::string_view event);
+  void pushToMembers(const std::string& topic, std::optional<ConnectionId> connection,
+                     const std::string& event, const json::object& payload);
+  void broadcast(const std::string& topic, std::string_view event, const json::object& payload);
+  json::object presenceState(const std::string& topic) const;
+
+  struct Rule {
+    bool ignore = false;
+    std::string reason;
+  };
+  std::map<std::string, Rule> rules_;
+  bool answerHeartbeats_ = true;
+  bool diffBeforeState_;
+
+  struct Records {
+    std::vector<std::map<std::string, std::string>> params;
+    std::vector<Frame> frames;
+    std::vector<std::string> invalid;
+    std::size_t binaries = 0;
+    std::map<std::string, std::size_t> members;
+  };
+  Recorder<Records> records_;
+
+ private:
+  struct Membership {
+    Ref joinRef;
+    std::optional<std::string> phxRef;  // set when presence tracks it
+  };
+  struct Presence {
+    std::string phxRef;
+    std::string key;
+    json::object meta;
+  };
+
+  void dispatch(const Frame& frame);
+  void join(const Frame& frame);
+  void handleChannelEvent(const Frame& frame, const Membership& channel);
+  // Removes the channel and tells the remaining members who left; the member
+  // itself is told nothing here.
+  void removeChannel(ConnectionId connection, const std::string& topic);
+  void send(ConnectionId connection, const Ref& joinRef, const Ref& ref, const std::string& topic,
+            std::string_view event, json::object payload);
+  void reply(ConnectionId connection, const Ref& joinRef, const Ref& ref, const std::string& topic,
+             std::string_view status, json::object response);
+  void sendPresenceDiff(const std::string& topic, json::object joins, json::object leaves);
+  std::vector<ConnectionId> membersOf(const std::string& topic) const;
+  void countMembers(const std::string& topic);
+  void trace(ConnectionId connection, std::string_view direction, std::string_view text) const;
+
+  Options options_;
+  std::string endpointPath_;
+  std::string websocketPath_;
+  std::map<ConnectionId, std::map<std::string, Membership>> channels_;
+  std::map<std::string, std::vector<Presence>> presence_;
+  std::uint64_t nextPhxRef_ = 1;
+  // Last: made when everything it calls back into exists.
+  std::unique_ptr<WebSocketTestServer> ws_;
+};
+
+PhoenixTestServer::Impl::Impl(Options options)
+    : diffBeforeState_(options.presenceDiffBeforeState),
+      options_(std::move(options)),
+      endpointPath_(normalisedPath(options_.endpointPath)),
+      websocketPath_(normalisedPath(endpointPath_ + "/websocket")) {
+  WebSocketTestServer::Options wsOptions;
+  wsOptions.tls = std::move(options_.tls);
+  wsOptions.port = options_.port;
+  wsOptions.echo = false;
+  wsOptions.hooks.screenHandshake = [this](const std::string& target) { return screen(target); };
+  wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) { opened(c, target); };
+  wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
+  wsOptions.hooks.onBinary = [this](ConnectionId c, const std::string&) {
+    trace(c, "<- ", "(binary frame, ignored)");
+    records_.update([](Records& r) { ++r.binaries; });
+  };
+  wsOptions.hooks.onClosed = [this](ConnectionId c) { closed(c); };
+  ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
+}
+
+std::optional<int> PhoenixTestServer::Impl::screen(const std::string& target) const {
+  auto parsed = boost::urls::parse_origin_form(target);
+  if (!parsed) {
+    return 400;
+  }
+  if (parsed->path() != websocketPath_) {
+    return 404;
+  }
+  auto params = parsed->params();
+  auto vsn = params.find("vsn");
+  if (vsn == params.end() || (*vsn).value != kVersion) {
+    return 400;
+  }
+  return std::nullopt;
+}
+
+void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string& target) {
+  std::map<std::string, std::string> params;
+  if (auto parsed = boost::urls::parse_origin_form(target)) {
+    for (auto param : parsed->params()) {
+      params[param.key] = param.value;
+    }
+  }
+  channels_[connection];
+  trace(connection, "", "connected: " + target);
+  records_.update([&](Records& r) { r.params.push_back(std::move(params)); });
+}
+
+void PhoenixTestServer::Impl::received(ConnectionId connection, const std::string& text) {
+  trace(connection, "<- ", text);
+  auto frame = decodeFrame(connection, text);
+  if (!frame) {
+    records_.update([&](Records& r) { r.invalid.push_back(text); });
+    return;
+  }
+  records_.update([&](Records& r) { r.frames.push_back(*frame); });
+  dispatch(*frame);
+}
+
+void PhoenixTestServer::Impl::closed(ConnectionId connection) {
+  trace(connection, "", "disconnected");
+  auto it = channels_.find(connection);
+  if (it == channels_.end()) {
+    return;
+  }
+  std::vector<std::string> topics;
+  for (const auto& [topic, channel] : it->second) {
+    topics.push_back(topic);
+  }
+  for (const auto& topic : topics) {
+    removeChannel(connection, topic);
+  }
+  channels_.erase(connection);
+}
+
+void PhoenixTestServer::Impl::dispatch(const Frame& frame) {
+  if (frame.topic == "phoenix" && frame.event == "heartbeat") {
+    if (answerHeartbeats_) {
+      reply(frame.connection, std::nullopt, frame.ref, frame.topic, "ok", {});
+    }
+    return;
+  }
+  if (frame.event == "phx_join") {
+    return join(frame);
+  }
+  auto& channels = channels_[frame.connection];
+  auto channel = channels.find(frame.topic);
+  if (channel == channels.end()) {
+    // A leave may race a close that the server already sent; real servers
+    // answer it rather than calling the topic unmatched.
+    if (frame.event == "phx_leave") {
+      reply(frame.connection, frame.joinRef, frame.ref, frame.topic, "ok", {});
+    } else {
+      reply(frame.connection, frame.joinRef, frame.ref, frame.topic, "error",
+            {{"reason", "unmatched topic"}});
+    }
+    return;
+  }
+  if (frame.event == "phx_leave") {
+    auto joinRef = channel->second.joinRef;
+    if (frame.joinRef && joinRef && *frame.joinRef != *joinRef) {
+      return;  // meant for a channel instance that is already gone
+    }
+    reply(frame.connection, joinRef, frame.ref, frame.topic, "ok", {});
+    send(frame.connection, joinRef, joinRef, frame.topic, "phx_close", {});
+    removeChannel(frame.connection, frame.topic);
+    return;
+  }
+  handleChannelEvent(frame, channel->second);
+}
+
+void PhoenixTestServer::Impl::join(const Frame& frame) {
+  auto connection = frame.connection;
+  const auto& topic = frame.topic;
+  auto& channels = channels_[connection];
+  if (auto old = channels.find(topic); old != channels.end()) {
+    auto oldRef = old->second.joinRef;
+    send(connection, oldRef, oldRef, topic, "phx_close", {});
+    removeChannel(connection, topic);
+  }
+  if (auto rule = rules_.find(topic); rule != rules_.end()) {
+    if (rule->second.ignore) {
+      return;
+    }
+    reply(connection, frame.joinRef, frame.ref, topic, "error", {{"reason", rule->second.reason}});
+    return;
+  }
+
+  auto& channel = channels[topic];
+  channel.joinRef = frame.joinRef;
+  countMembers(topic);
+  reply(connection, frame.joinRef, frame.ref, topic, "ok", {});
+  if (!options_.presence) {
+    return;
+  }
+
+  json::object joins;
+  if (auto key = presenceKey(frame.payload)) {
+    auto phxRef = "phx-" + std::to_string(nextPhxRef_++);
+    json::object meta{{"phx_ref", phxRef}};
+    if (const auto* extra = frame.payload.if_contains("presence_meta"); extra && extra->is_object()) {
+      for (const auto& [name, value] : extra->as_object()) {
+        if (name != "phx_ref") {
+          meta[name] = value;
+        }
+      }
+    }
+    channel.phxRef = phxRef;
+    presence_[topic].push_back({phxRef, *key, meta});
+    joins[*key] = json::object{{"metas", json::array{meta}}};
+  }
+  auto sendState = [&] {
+    send(connection, frame.joinRef, std::nullopt, topic, "presence_state", presenceState(topic));
+  };
+  if (!diffBeforeState_) {
+    sendState();
+  }
+  if (!joins.empty()) {
+    sendPresenceDiff(topic, std::move(joins), {});
+  }
+  if (diffBeforeState_) {
+    sendState();
+  }
+}
+
+void PhoenixTestServer::Impl::handleChannelEvent(const Frame& frame, const Membership& channel) {
+  auto connection = frame.connection;
+  const auto& event = frame.event;
+  if (event == "echo") {
+    reply(connection, channel.joinRef, frame.ref, frame.topic, "ok", frame.payload);
+  } else if (event == "fail") {
+    reply(connection, channel.joinRef, frame.ref, frame.topic, "error", frame.payload);
+  } else if (event == "delayed") {
+    ws_->runAfter(delayOf(frame.payload), [this, frame, joinRef = channel.joinRef] {
+      // The channel may have been left, crashed or rejoined in the meantime.
+      auto connectionChannels = channels_.find(frame.connection);
+      if (connectionChannels == channels_.end()) {
+        return;
+      }
+      auto current = connectionChannels->second.find(frame.topic);
+      if (current != connectionChannels->second.end() && current->second.joinRef == joinRef) {
+        reply(frame.connection, joinRef, frame.ref, frame.topic, "ok", frame.payload);
+      }
+    });
+  } else if (event == "noreply") {
+    // Deliberately silent, for push time-outs.
+  } else if (event == "broadcast") {
+    broadcast(frame.topic, "broadcast", frame.payload);
+  } else if (event == "push_back") {
+    send(connection, channel.joinRef, std::nullopt, frame.topic, "pushed", frame.payload);
+  } else {
+    reply(connection, channel.joinRef, frame.ref, frame.topic, "ok", {});
+  }
+}
+
+void PhoenixTestServer::Impl::removeChannel(ConnectionId connection, const std::string& topic) {
+  auto& channels = channels_[connection];
+  auto channel = channels.find(topic);
+  if (channel == channels.end()) {
+    return;
+  }
+  auto phxRef = channel->second.phxRef;
+  channels.erase(channel);
+  countMembers(topic);
+  if (!phxRef) {
+    return;
+  }
+  auto& present = presence_[topic];
+  auto entry = std::find_if(present.begin(), present.end(),
+                            [&](const Presence& p) { return p.phxRef == *phxRef; });
+  if (entry == present.end()) {
+    return;
+  }
+  json::object leaves{{entry->key, json::object{{"metas", json::array{entry->meta}}}}};
+  present.erase(entry);
+  sendPresenceDiff(topic, {}, std::move(leaves));
+}
+
+void PhoenixTestServer::Impl::endChannels(const std::string& topic,
+                                          std::optional<ConnectionId> connection,
+                                          std::string_view event) {
+  for (auto member : membersOf(topic)) {
+    if (!connection || *connection == member) {
+      auto joinRef = channels_[member][topic].joinRef;
+      send(member, joinRef, joinRef, topic, event, {});
+      removeChannel(member, topic);
+    }
+  }
+}
+
+void PhoenixTestServer::Impl::pushToMembers(const std::string& topic,
+                                            std::optional<ConnectionId> connection,
+                                            const std::string& event, const json::object& payload) {
+  for (auto member : membersOf(topic)) {
+    if (!connection || *connection == member) {
+      send(member, channels_[member][topic].joinRef, std::nullopt, topic, event, payload);
+    }
+  }
+}
+
+void PhoenixTestServer::Impl::broadcast(const std::string& topic, std::string_view event,
+                                        const json::object& payload) {
+  for (auto member : membersOf(topic)) {
+    send(member, std::nullopt, std::nullopt, topic, event, payload);
+  }
+}
+
+void PhoenixTestServer::Impl::sendPresenceDiff(const std::string& topic, json::object joins,
+                                               json::object leaves) {
+  if (options_.presence) {
+    broadcast(topic, "presence_diff",
+              json::object{{"joins", std::move(joins)}, {"leaves", std::move(leaves)}});
+  }
+}
+
+json::object PhoenixTestServer::Impl::presenceState(const std::string& topic) const {
+  json::object state;
+  if (auto present = presence_.find(topic); present != presence_.end()) {
+    for (const auto& entry : present->second) {
+      auto& presence = state[entry.key];
+      if (!presence.is_object()) {
+        presence = json::object{{"metas", json::array{}}};
+      }
+      presence.as_object()["metas"].as_array().push_back(entry.meta);
+    }
+  }
+  return state;
+}
+
+std::vector<ConnectionId> PhoenixTestServer::Impl::membersOf(const std::string& topic) const {
+  std::vector<ConnectionId> members;
+  for (const auto& [connection, channels] : channels_) {
+    if (channels.contains(topic)) {
+      members.push_back(connection);
+    }
+  }
+  return members;
+}
+
+void PhoenixTestServer::Impl::countMembers(const std::string& topic) {
+  auto count = membersOf(topic).size();
+  records_.update([&](Records& r) { r.members[topic] = count; });
+}
+
+void PhoenixTestServer::Impl::send(ConnectionId connection, const Ref& joinRef, const Ref& ref,
+                                   const std::string& topic, std::string_view event,
+                                   json::object payload) {
+  auto text = json::serialize(
+      json::array{toJson(joinRef), toJson(ref), json::value(topic), json::value(event), std::move(payload)});
+  trace(connection, "-> ", text);
+  ws_->sendTextTo(connection, std::move(text));
+}
+
+void PhoenixTestServer::Impl::reply(ConnectionId connection, const Ref& joinRef, const Ref& ref,
+                                    const std::string& topic, std::string_view status,
+                                    json::object response) {
+  send(connection, joinRef, ref, topic, "phx_reply", replyPayload(status, std::move(response)));
+}
+
+void PhoenixTestServer::Impl::trace(ConnectionId connection, std::string_view direction,
+                                    std::string_view text) const {
+  if (options_.trace) {
+    options_.trace("[" + std::to_string(connection) + "] " + std::string(direction) + std::string(text));
+  }
+}
+
+// --- Public interface ----------------------------------------------------------------------
+
+PhoenixTestServer::PhoenixTestServer() : PhoenixTestServer(Options{}) {}
+
+PhoenixTestServer::PhoenixTestServer(Options options)
+    : impl_(std::make_unique<Impl>(std::move(options))) {}
+
+PhoenixTestServer::~PhoenixTestServer() = default;
+
+std::uint16_t PhoenixTestServer::port() const { return impl_->ws().port(); }
+
+std::string PhoenixTestServer::url() const { return impl_->ws().url(impl_->endpointPath()); }
+
+bool PhoenixTestServer::waitForConnections(std::size_t count,
+                                           std::chrono::milliseconds timeout) const {
+  return impl_->ws().waitForConnections(count, timeout);
+}
+
+bool PhoenixTestServer::waitForOpenConnections(std::size_t count,
+                                               std::chrono::milliseconds timeout) const {
+  return impl_->ws().waitForOpenConnections(count, timeout);
+}
+
+std::size_t PhoenixTestServer::openConnections() const { return impl_->ws().openConnections(); }
+
+std::vector<std::map<std::string, std::string>> PhoenixTestServer::connectParams() const {
+  return impl_->records_.read([](const auto& r) { return r.params; });
+}
+
+std::vector<Frame> PhoenixTestServer::receivedFrames() const {
+  return impl_->records_.read([](const auto& r) { return r.frames; });
+}
+
+std::vector<Frame> PhoenixTestServer::receivedFrames(std::string_view topic,
+                                                     std::string_view event) const {
+  return impl_->records_.read([&](const auto& r) {
+    std::vector<Frame> result;
+    std::copy_if(r.frames.begin(), r.frames.end(), std::back_inserter(result),
+                 [&](const Frame& f) { return matches(f, topic, event); });
+    return result;
+  });
+}
+
+std::size_t PhoenixTestServer::countReceived(std::string_view topic, std::string_view event) const {
+  return impl_->records_.read([&](const auto& r) {
+    return static_cast<std::size_t>(std::count_if(
+        r.frames.begin(), r.frames.end(), [&](const Frame& f) { return matches(f, topic, event); }));
+  });
+}
+
+bool PhoenixTestServer::waitForFrames(std::string_view topic, std::string_view event,
+                                      std::size_t count, std::chrono::milliseconds timeout) const {
+  return impl_->records_.waitFor(timeout, [&](const auto& r) {
+    return static_cast<std::size_t>(std::count_if(r.frames.begin(), r.frames.end(), [&](const Frame& f) {
+             return matches(f, topic, event);
+           })) >= count;
+  });
+}
+
+std::size_t PhoenixTestServer::heartbeatsReceived() const {
+  return countReceived("phoenix", "heartbeat");
+}
+
+std::vector<std::string> PhoenixTestServer::invalidFrames() const {
+  return impl_->records_.read([](const auto& r) { return r.invalid; });
+}
+
+std::size_t PhoenixTestServer::binaryFramesReceived() const {
+  return impl_->records_.read([](const auto& r) { return r.binaries; });
+}
+
+void PhoenixTestServer::forbidTopic(const std::string& topic, const std::string& reason) {
+  impl_->onServerDo([&] { impl_->rules_[topic] = {false, reason}; });
+}
+
+void PhoenixTestServer::ignoreJoins(const std::string& topic) {
+  impl_->onServerDo([&] { impl_->rules_[topic] = {true, {}}; });
+}
+
+void PhoenixTestServer::allowTopic(const std::string& topic) {
+  impl_->onServerDo([&] { impl_->rules_.erase(topic); });
+}
+
+std::size_t PhoenixTestServer::memberCount(const std::string& topic) const {
+  return impl_->records_.read([&](const auto& r) {
+    auto it = r.members.find(topic);
+    return it == r.members.end() ? std::size_t{0} : it->second;
+  });
+}
+
+bool PhoenixTestServer::waitForMembers(const std::string& topic, std::size_t count,
+                                       std::chrono::milliseconds timeout) const {
+  return impl_->records_.waitFor(timeout, [&](const auto& r) {
+    auto it = r.members.find(topic);
+    return (it == r.members.end() ? 0 : it->second) == count;
+  });
+}
+
+void PhoenixTestServer::crashChannel(const std::string& topic,
+                                     std::optional<ConnectionId> connection) {
+  impl_->onServerDo([&] { impl_->endChannels(topic, connection, "phx_error"); });
+}
+
+void PhoenixTestServer::closeChannel(const std::string& topic,
+                                     std::optional<ConnectionId> connection) {
+  impl_->onServerDo([&] { impl_->endChannels(topic, connection, "phx_close"); });
+}
+
+void PhoenixTestServer::broadcast(const std::string& topic, const std::string& event,
+                                  boost::json::object payload) {
+  impl_->onServerDo([&] { impl_->broadcast(topic, event, payload); });
+}
+
+void PhoenixTestServer::push(const std::string& topic, const std::string& event,
+                             boost::json::object payload, std::optional<ConnectionId> connection) {
+  impl_->onServerDo([&] { impl_->pushToMembers(topic, connection, event, payload); });
+}
+
+void PhoenixTestServer::setHeartbeatReplies(bool answer) {
+  impl_->onServerDo([&] { impl_->answerHeartbeats_ = answer; });
+}
+
+void PhoenixTestServer::setPresenceDiffBeforeState(bool diffFirst) {
+  impl_->onServerDo([&] { impl_->diffBeforeState_ = diffFirst; });
+}
+
+boost::json::object PhoenixTestServer::presenceState(const std::string& topic) const {
+  return impl_->onServer([&] { return impl_->presenceState(topic); });
+}
+
+void PhoenixTestServer::refuseHandshake(std::optional<int> httpStatus) {
+  impl_->ws().refuseHandshake(httpStatus);
+}
+
+void PhoenixTestServer::dropConnections() { impl_->ws().dropConnections(); }
+
+void PhoenixTestServer::dropConnection(ConnectionId connection) {
+  impl_->ws().dropConnection(connection);
+}
+
+void PhoenixTestServer::closeWith(std::uint16_t code, std::string reason) {
+  impl_->ws().closeWith(code, std::move(reason));
+}
+
+void PhoenixTestServer::closeConnection(ConnectionId connection, std::uint16_t code,
+                                        std::string reason) {
+  impl_->ws().closeConnection(connection, code, std::move(reason));
+}
+
+void PhoenixTestServer::sendRaw(std::string text, std::optional<ConnectionId> connection) {
+  if (connection) {
+    impl_->ws().sendTextTo(*connection, std::move(text));
+  } else {
+    impl_->ws().sendText(std::move(text));
+  }
+}
+
+void PhoenixTestServer::sendBinary(std::string bytes, std::optional<ConnectionId> connection) {
+  if (connection) {
+    impl_->ws().sendBinaryTo(*connection, std::move(bytes));
+  } else {
+    impl_->ws().sendBinary(std::move(bytes));
+  }
+}
+
+WebSocketTestServer& PhoenixTestServer::webSocket() { return impl_->ws(); }
+
+}  // namespace vantor::testing

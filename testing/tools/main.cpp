@@ -1,0 +1,69 @@
+// vantor-test-server: runs the loopback protocol server until interrupted,
+// for trying clients and the demo by hand.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+namespace {
+
+void usage() {
+  std::fprintf(stderr,
+               "usage: vantor-test-server [--port N] [--quiet]\n"
+               "Serves the channel protocol on 127.0.0.1 until Ctrl-C. Clients connect to the\n"
+               "printed endpoint (they append /websocket). Frames are traced to stdout unless\n"
+               "--quiet. Events: echo, fail, delayed {delay_ms}, noreply, broadcast, push_back.\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  vantor::testing::PhoenixTestServer::Options options;
+  bool quiet = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
+      char* end = nullptr;
+      auto port = std::strtoul(argv[++i], &end, 10);
+      if (*end != '\0' || port > 65535) {
+        usage();
+        return 2;
+      }
+      options.port = static_cast<std::uint16_t>(port);
+    } else if (std::strcmp(argv[i], "--quiet") == 0) {
+      quiet = true;
+    } else {
+      usage();
+      return 2;
+    }
+  }
+  if (!quiet) {
+    options.trace = [](const std::string& line) {
+      std::printf("%s\n", line.c_str());
+      std::fflush(stdout);
+    };
+  }
+
+  // Block the signals before the server thread starts so that it inherits the
+  // mask and only this thread receives them, through sigwait.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  try {
+    vantor::testing::PhoenixTestServer server(std::move(options));
+    std::printf("Serving on %s (Ctrl-C to stop)\n", server.url().c_str());
+    std::fflush(stdout);
+    int received = 0;
+    sigwait(&signals, &received);
+    std::printf("Stopping\n");
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "vantor-test-server: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}
