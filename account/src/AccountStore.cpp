@@ -87,10 +87,9 @@ StoredAccount fromJson(const json::value& value) {
 
 std::string errnoText() { return std::strerror(errno); }
 
-// Makes `directory` and missing parents with mode 0700, and tightens an
-// existing `directory` to 0700: the file in it holds tokens.
+// Makes `directory` and missing parents with mode 0700, and takes group and
+// other access away from an existing `directory`: the file in it holds tokens.
 bool makePrivateDirectory(const fs::path& directory) {
-  std::error_code error;
   fs::path partial;
   for (const auto& part : directory) {
     partial /= part;
@@ -99,7 +98,11 @@ bool makePrivateDirectory(const fs::path& directory) {
       return false;
     }
   }
-  if (::chmod(directory.c_str(), 0700) != 0) {
+  // Only group and other bits go: an owner who made the folder stricter
+  // still than 0700 is left alone.
+  struct stat info {};
+  if (::stat(directory.c_str(), &info) != 0 ||
+      ((info.st_mode & 077) != 0 && ::chmod(directory.c_str(), info.st_mode & 0700) != 0)) {
     logAccounts().error("Could not restrict the account folder: " + errnoText());
     return false;
   }

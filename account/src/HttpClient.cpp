@@ -37,9 +37,9 @@ struct Target {
 };
 
 std::optional<Target> targetOf(const std::string& text, std::string& failure) {
-  auto url = boost::urls::parse_absolute_uri(text);
+  auto url = parseEndpointURL(text);
   if (!url) {
-    failure = "not an absolute URL";
+    failure = "not an absolute URL with a host";
     return std::nullopt;
   }
   Target target;

@@ -285,7 +285,7 @@ std::optional<std::string> OAuthAuthorizer::authorizationURL() {
   if (!endpoints) {
     return std::nullopt;
   }
-  auto url = boost::urls::parse_absolute_uri(endpoints->authorization);
+  auto url = parseEndpointURL(endpoints->authorization);
   if (!url) {
     logAccounts().error("The authorization endpoint is not a valid URL");
     return std::nullopt;

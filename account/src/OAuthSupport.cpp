@@ -127,8 +127,17 @@ std::string formEncode(const FormFields& fields) {
   return out;
 }
 
-bool isLoopbackURL(std::string_view text) {
+std::optional<boost::urls::url_view> parseEndpointURL(std::string_view text) {
   auto url = boost::urls::parse_absolute_uri(text);
+  if (!url || !url->has_authority() ||
+      (!url->encoded_path().empty() && url->encoded_path().front() != '/')) {
+    return std::nullopt;
+  }
+  return *url;
+}
+
+bool isLoopbackURL(std::string_view text) {
+  auto url = parseEndpointURL(text);
   if (!url) {
     return false;
   }

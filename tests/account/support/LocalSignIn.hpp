@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "ChildProcess.hpp"
+
+namespace vantor::account::testing {
+
+// A local OpenID provider (e2e/provider.mjs) on 127.0.0.1 with one native
+// client. Stops when the object goes.
+class LocalOpenIdProvider {
+ public:
+  struct Options {
+    std::string clientId = "vantor-signin-test";
+    std::string clientSecret = "local-test-secret";
+    std::string redirectURI = "com.vantor.signin-test:/qmaccounts/quelmoconnect";
+    // When set, the token endpoint answers every request with this status.
+    std::optional<int> tokenStatus;
+  };
+
+  // Starts it and waits until it listens; throws std::runtime_error when it
+  // does not come up.
+  explicit LocalOpenIdProvider(Options options);
+
+  [[nodiscard]] const std::string& issuer() const noexcept { return issuer_; }
+  [[nodiscard]] const Options& options() const noexcept { return options_; }
+
+  // Stops it now, so that it stops answering.
+  void stop() { process_->stop(); }
+
+ private:
+  Options options_;
+  std::unique_ptr<ChildProcess> process_;
+  std::string issuer_;
+};
+
+// Opens `authorizationURL` in headless Chromium (e2e/browser.mjs), signs in
+// as `login` on the provider's development pages, allows access (or, with
+// `deny`, cancels), and returns the URL the provider redirected to, which
+// starts with `redirectPrefix`. None when the browser run failed.
+std::optional<std::string> signInWithHeadlessBrowser(const std::string& authorizationURL,
+                                                     const std::string& redirectPrefix,
+                                                     const std::string& login, bool deny = false);
+
+// The bundle identifier of the application in the sign-in tests; its store
+// folder is named after it.
+inline constexpr const char* testBundleIdentifier = "com.vantor.signin-test";
+
+// Sets the application up as the sign-in tests' host does: its name and
+// bundle identifier, an account layer for the provider at `issuer` (asking
+// for e-mail and a refresh token), and the controller's configuration for
+// `options`' client. When the controller already exists, it is registered
+// with the new account layer, as its own set-up would have done.
+void configureTestApplication(const std::string& issuer, const LocalOpenIdProvider::Options& options);
+
+}  // namespace vantor::account::testing
