@@ -1,0 +1,207 @@
+// Signs a user in with QMQuelmoConnectController and prints the account.
+//
+//   vantor-signin-demo
+//       against a local OpenID provider, in headless Chromium, as "alice"
+//   vantor-signin-demo --issuer URL --client-id ID --client-secret SECRET
+//                      --redirect-uri URI [--scope SCOPE]... [--service-name NAME]
+//       against a real service, in the default browser; paste the URL that
+//       the browser was redirected to when asked
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <vantor/account/QMHostApplication.hpp>
+#include <vantor/account/QMOAuthAccountManager.hpp>
+#include <vantor/account/QMQuelmoConnectController.hpp>
+#include <vantor/account/QMWorkspace.hpp>
+
+#include "LocalSignIn.hpp"
+
+namespace {
+
+using namespace vantor::account;
+using Controller = QMQuelmoConnectController;
+
+struct Options {
+  std::optional<std::string> issuer;
+  std::optional<std::string> clientId;
+  std::optional<std::string> clientSecret;
+  std::optional<std::string> redirectURI;
+  std::vector<std::string> scopes;
+  std::string serviceName = "Quelmo Connect";
+};
+
+std::optional<Options> parse(int argc, char** argv) {
+  Options options;
+  std::map<std::string, std::optional<std::string>*> texts{{"--issuer", &options.issuer},
+                                                           {"--client-id", &options.clientId},
+                                                           {"--client-secret", &options.clientSecret},
+                                                           {"--redirect-uri", &options.redirectURI}};
+  for (int i = 1; i + 1 < argc; i += 2) {
+    std::string name = argv[i];
+    std::string value = argv[i + 1];
+    if (auto found = texts.find(name); found != texts.end()) {
+      *found->second = value;
+    } else if (name == "--scope") {
+      options.scopes.push_back(value);
+    } else if (name == "--service-name") {
+      options.serviceName = value;
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (argc % 2 == 0) {
+    return std::nullopt;
+  }
+  bool any = options.issuer || options.clientId || options.clientSecret || options.redirectURI;
+  bool all = options.issuer && options.clientId && options.clientSecret && options.redirectURI;
+  if (any && !all) {
+    return std::nullopt;
+  }
+  return options;
+}
+
+// Waits for the sign-in; the browser side reports failure through `failed`.
+std::shared_ptr<QMAccount> await(const vantor::util::QMPromise<std::shared_ptr<QMAccount>>& promise,
+                                 const std::atomic<bool>& failed) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(5);
+  while (!promise.result() && !failed && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  auto result = promise.result();
+  if (!result) {
+    std::cerr << "The sign-in did not finish.\n";
+    return nullptr;
+  }
+  try {
+    return result->value();
+  } catch (const QMQuelmoConnectControllerException& e) {
+    std::cerr << localizedTitle(e.error()) << ": " << localizedDescription(e.error()) << "\n";
+  }
+  return nullptr;
+}
+
+void printAccount(const QMAccount& account) {
+  std::cout << "Signed in to " << account.serviceName().value_or("?") << " as "
+            << account.identifier().value_or("?") << " <" << account.email().value_or("no e-mail")
+            << ">\n"
+            << "  access token:  " << (account.token() ? "received" : "none") << "\n"
+            << "  refresh token: " << (account.refreshToken() ? "received" : "none") << "\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto options = parse(argc, argv);
+  if (!options) {
+    std::cerr << "usage: " << argv[0]
+              << " [--issuer URL --client-id ID --client-secret SECRET --redirect-uri URI"
+                 " [--scope SCOPE]... [--service-name NAME]]\n";
+    return 2;
+  }
+  const bool local = !options->issuer;
+  std::optional<testing::LocalOpenIdProvider> provider;
+  testing::LocalOpenIdProvider::Options client;
+  client.redirectURI = "com.vantor.signin-demo:/qmaccounts/quelmoconnect";
+  std::filesystem::path scratch;
+  if (local) {
+    // Keep the example's account away from the user's own configuration.
+    std::string pattern = (std::filesystem::temp_directory_path() / "vantor-signin-demo-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      return 1;
+    }
+    scratch = pattern;
+    ::setenv("XDG_CONFIG_HOME", scratch.c_str(), 1);
+    try {
+      provider.emplace(client);
+    } catch (const std::exception& e) {
+      std::cerr << e.what() << " (run `make setup`?)\n";
+      return 1;
+    }
+    std::cout << "Local OpenID provider at " << provider->issuer() << "\n";
+    options->issuer = provider->issuer();
+    options->clientId = client.clientId;
+    options->clientSecret = client.clientSecret;
+    options->redirectURI = client.redirectURI;
+    options->scopes = {"openid", "email", "offline_access"};
+  }
+
+  // What a host application does at start-up.
+  QMHostApplication::setName("Vantor sign-in example");
+  QMHostApplication::setBundleIdentifier("com.vantor.signin-demo");
+  QMOAuthServiceConfiguration service;
+  service.serviceName = options->serviceName;
+  service.issuer = options->issuer;
+  if (!options->scopes.empty()) {
+    service.scopes = options->scopes;
+  }
+  service.additionalAuthorizationParameters = {{"prompt", "consent"}};
+  QMOAuthAccountManager::install(service);
+  Controller::setClientId(options->clientId);
+  Controller::setClientSecret(options->clientSecret);
+  Controller::setRedirectURI(options->redirectURI);
+  auto& controller = Controller::shared();
+
+  // The application receives the service's redirect and hands it over; here
+  // the headless browser (local) or the user (real browser) brings it.
+  std::atomic<bool> failed{false};
+  std::thread browser;
+  if (local) {
+    QMWorkspace::setOpener([&](const std::string& url) {
+      browser = std::thread([&, url] {
+        auto redirect = testing::signInWithHeadlessBrowser(url, "com.vantor.signin-demo:", "alice");
+        if (redirect && Controller::isValidResponse(*redirect)) {
+          try {
+            controller.handleOAuthResponse(*redirect);
+            return;
+          } catch (const QMQuelmoConnectControllerException& e) {
+            std::cerr << localizedDescription(e.error()) << "\n";
+          }
+        }
+        failed = true;
+      });
+      return true;
+    });
+  }
+
+  controller.load();
+  std::shared_ptr<QMAccount> account = controller.account();
+  if (!controller.isLoggedIn()) {
+    controller.logout();  // a stored account without a token is replaced
+    auto promise = controller.login();
+    if (!local && !promise.result()) {
+      std::cout << "Sign in in your browser, then paste the address it was sent to:\n" << std::flush;
+      std::string redirect;
+      std::getline(std::cin, redirect);
+      try {
+        controller.handleOAuthResponse(redirect);
+      } catch (const QMQuelmoConnectControllerException& e) {
+        std::cerr << localizedDescription(e.error()) << "\n";
+        failed = true;
+      }
+    }
+    account = await(promise, failed);
+  }
+  if (browser.joinable()) {
+    browser.join();
+  }
+  int status = 1;
+  if (account) {
+    printAccount(*account);
+    status = 0;
+  }
+  if (local) {
+    controller.logout();
+    provider.reset();
+    std::filesystem::remove_all(scratch);
+  }
+  return status;
+}
