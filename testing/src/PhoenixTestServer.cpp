@@ -142,8 +142,11 @@ class PhoenixTestServer::Impl {
   bool answerHeartbeats_ = true;
   bool diffBeforeState_;
 
+  // Counted here rather than taken from the WebSocket layer, so that a wait
+  // that returns sees this server's processing of the event as well.
   struct Records {
-    std::vector<std::map<std::string, std::string>> params;
+    std::vector<std::map<std::string, std::string>> params;  // one per connection so far
+    std::size_t open = 0;
     std::vector<Frame> frames;
     std::vector<std::string> invalid;
     std::size_t binaries = 0;
@@ -232,7 +235,10 @@ void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string&
   }
   channels_[connection];
   trace(connection, "", "connected: " + target);
-  records_.update([&](Records& r) { r.params.push_back(std::move(params)); });
+  records_.update([&](Records& r) {
+    r.params.push_back(std::move(params));
+    ++r.open;
+  });
 }
 
 void PhoenixTestServer::Impl::received(ConnectionId connection, const std::string& text) {
@@ -248,18 +254,15 @@ void PhoenixTestServer::Impl::received(ConnectionId connection, const std::strin
 
 void PhoenixTestServer::Impl::closed(ConnectionId connection) {
   trace(connection, "", "disconnected");
-  auto it = channels_.find(connection);
-  if (it == channels_.end()) {
-    return;
-  }
   std::vector<std::string> topics;
-  for (const auto& [topic, channel] : it->second) {
+  for (const auto& [topic, channel] : channels_[connection]) {
     topics.push_back(topic);
   }
   for (const auto& topic : topics) {
     removeChannel(connection, topic);
   }
   channels_.erase(connection);
+  records_.update([](Records& r) { --r.open; });
 }
 
 void PhoenixTestServer::Impl::dispatch(const Frame& frame) {
@@ -508,15 +511,17 @@ std::string PhoenixTestServer::url() const { return impl_->ws().url(impl_->endpo
 
 bool PhoenixTestServer::waitForConnections(std::size_t count,
                                            std::chrono::milliseconds timeout) const {
-  return impl_->ws().waitForConnections(count, timeout);
+  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.params.size() >= count; });
 }
 
 bool PhoenixTestServer::waitForOpenConnections(std::size_t count,
                                                std::chrono::milliseconds timeout) const {
-  return impl_->ws().waitForOpenConnections(count, timeout);
+  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.open == count; });
 }
 
-std::size_t PhoenixTestServer::openConnections() const { return impl_->ws().openConnections(); }
+std::size_t PhoenixTestServer::openConnections() const {
+  return impl_->records_.read([](const auto& r) { return r.open; });
+}
 
 std::vector<std::map<std::string, std::string>> PhoenixTestServer::connectParams() const {
   return impl_->records_.read([](const auto& r) { return r.params; });

@@ -424,10 +424,12 @@ void ServerCore::finished(std::uint64_t key, std::optional<ConnectionId> id) {
     return;
   }
   open_.erase(*id);
-  records_.update([](Records& r) { --r.open; });
+  // Hook first, so that a test waiting for the count to drop also sees what
+  // the hook did.
   if (hooks_.onClosed) {
     hooks_.onClosed(*id);
   }
+  records_.update([](Records& r) { --r.open; });
 }
 
 void ServerCore::forEachOpen(const std::function<void(Session&)>& action) {

@@ -46,13 +46,15 @@ class WebSocketTestServer {
     /// Returning an HTTP status refuses the upgrade with it; `nullopt`
     /// accepts. Not asked while `refuseHandshake` is in force.
     std::function<std::optional<int>(const std::string& target)> screenHandshake;
-    /// A connection completed its upgrade.
+    /// A connection completed its upgrade. Runs after it is counted, so
+    /// that frames it sends cannot arrive before the count is visible.
     std::function<void(ConnectionId, const std::string& target)> onOpen;
     /// A text frame arrived (after it was recorded).
     std::function<void(ConnectionId, const std::string& text)> onText;
     /// A binary frame arrived (after it was recorded).
     std::function<void(ConnectionId, const std::string& bytes)> onBinary;
-    /// An upgraded connection ended, for whatever reason.
+    /// An upgraded connection ended, for whatever reason. Runs before the
+    /// connection leaves `openConnections()`.
     std::function<void(ConnectionId)> onClosed;
   };
 
