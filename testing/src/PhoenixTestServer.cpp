@@ -82,7 +82,8 @@ std::chrono::milliseconds delayOf(const json::object& payload) {
   }
   boost::system::error_code ec;
   auto ms = delay->to_number<double>(ec);
-  return std::chrono::milliseconds(ec || ms < 0 ? 0 : static_cast<std::int64_t>(ms));
+  constexpr double kHour = 60.0 * 60 * 1000;  // keeps the conversion defined
+  return std::chrono::milliseconds(ec || !(ms > 0) ? 0 : static_cast<std::int64_t>(std::min(ms, kHour)));
 }
 
 json::object replyPayload(std::string_view status, json::object response) {
@@ -194,7 +195,7 @@ PhoenixTestServer::Impl::Impl(Options options)
     : diffBeforeState_(options.presenceDiffBeforeState),
       options_(std::move(options)),
       endpointPath_(normalisedPath(options_.endpointPath)),
-      websocketPath_(normalisedPath(endpointPath_ + "/websocket")) {
+      websocketPath_((endpointPath_ == "/" ? "" : endpointPath_) + "/websocket") {
   WebSocketTestServer::Options wsOptions;
   wsOptions.tls = std::move(options_.tls);
   wsOptions.port = options_.port;

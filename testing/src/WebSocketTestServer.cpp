@@ -2,8 +2,6 @@
 // protocol server is built on the hooks and sends of this one.
 #include "vantor/testing/WebSocketTestServer.hpp"
 
-#include "Recorder.hpp"
-
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -16,14 +14,16 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
-#include <cstdio>
 #include <atomic>
+#include <cstdio>
 #include <deque>
 #include <future>
 #include <map>
 #include <thread>
 #include <unordered_map>
 #include <utility>
+
+#include "Recorder.hpp"
 
 namespace vantor::testing {
 namespace {

@@ -103,6 +103,13 @@ TEST(PhoenixTestServer, RefusesOtherEndpointsAndVersions) {
   server.refuseHandshake(std::nullopt);
   PhoenixClient accepted(server);
   EXPECT_TRUE(server.waitForConnections(1, kWait));
+
+  PhoenixTestServer::Options atRoot;
+  atRoot.endpointPath = "/";
+  PhoenixTestServer root(std::move(atRoot));
+  EXPECT_EQ(root.url(), "ws://127.0.0.1:" + std::to_string(root.port()) + "/");
+  BlockingClient rootClient(root.url() + "websocket?vsn=2.0.0");
+  EXPECT_TRUE(root.waitForConnections(1, kWait));
 }
 
 TEST(PhoenixTestServer, JoinsRepliesAndRefusals) {

@@ -34,7 +34,7 @@ namespace vantor::testing {
 /// from inside a hook. Calls from other threads are carried onto the server
 /// thread and wait for it, so their effect (a frame queued, a socket closed)
 /// has happened on the server side when they return; the client sees it
-/// later. The destructor must not race with other calls.
+/// later. `stop()` and the destructor must not race with other calls.
 class WebSocketTestServer {
  public:
   using ConnectionId = std::size_t;
