@@ -67,11 +67,16 @@ detail::StoredAccount toStored(const QMAccount& account) {
           account.email(),   account.tokens()};
 }
 
-std::string newUuid() {
-  auto text = boost::uuids::to_string(boost::uuids::random_generator()());
+// Upper-case, as the platform writes UUIDs.
+std::string uuidText(const boost::uuids::uuid& uuid) {
+  auto text = boost::uuids::to_string(uuid);
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return text;
+}
+
+auto sameUuidAs(const std::shared_ptr<QMAccount>& account) {
+  return [&account](const std::shared_ptr<QMAccount>& stored) { return stored->uuid() == account->uuid(); };
 }
 
 }  // namespace
@@ -102,14 +107,7 @@ const QMOAuthServiceConfiguration& QMOAuthAccountManager::configuration() const 
 
 std::shared_ptr<QMQuelmoConnectAccount> QMOAuthAccountManager::createAccount(
     std::optional<boost::uuids::uuid> identifier) {
-  std::string uuid;
-  if (identifier) {
-    uuid = boost::uuids::to_string(*identifier);
-    std::transform(uuid.begin(), uuid.end(), uuid.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  } else {
-    uuid = newUuid();
-  }
+  auto uuid = uuidText(identifier.value_or(boost::uuids::random_generator()()));
   auto account = std::make_shared<QMQuelmoConnectAccount>(std::move(uuid));
   account->setServiceName(impl_->configuration.serviceName);
   account->setWebServiceAuthorizer(
@@ -167,8 +165,7 @@ void QMOAuthAccountManager::addAccount(std::shared_ptr<QMAccount> account) {
   std::lock_guard lock(impl_->mutex);
   loadIfNeeded();
   auto& accounts = impl_->accounts;
-  auto same = std::find_if(accounts.begin(), accounts.end(),
-                           [&account](const auto& stored) { return stored->uuid() == account->uuid(); });
+  auto same = std::find_if(accounts.begin(), accounts.end(), sameUuidAs(account));
   if (same != accounts.end()) {
     *same = std::move(account);
   } else {
@@ -184,8 +181,7 @@ void QMOAuthAccountManager::removeAccount(const std::shared_ptr<QMAccount>& acco
   std::lock_guard lock(impl_->mutex);
   loadIfNeeded();
   auto& accounts = impl_->accounts;
-  auto removed = std::remove_if(accounts.begin(), accounts.end(),
-                                [&account](const auto& stored) { return stored->uuid() == account->uuid(); });
+  auto removed = std::remove_if(accounts.begin(), accounts.end(), sameUuidAs(account));
   if (removed == accounts.end()) {
     return;
   }

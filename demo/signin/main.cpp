@@ -6,8 +6,6 @@
 //                      --redirect-uri URI [--scope SCOPE]... [--service-name NAME]
 //       against a real service, in the default browser; paste the URL that
 //       the browser was redirected to when asked
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -24,6 +22,7 @@
 #include <vantor/account/QMWorkspace.hpp>
 
 #include "LocalSignIn.hpp"
+#include "ScratchDirectory.hpp"
 
 namespace {
 
@@ -111,16 +110,12 @@ int main(int argc, char** argv) {
   std::optional<testing::LocalOpenIdProvider> provider;
   testing::LocalOpenIdProvider::Options client;
   client.redirectURI = "com.vantor.signin-demo:/qmaccounts/quelmoconnect";
-  std::filesystem::path scratch;
+  std::optional<testing::ScratchDirectory> scratch;
   if (local) {
-    // Keep the example's account away from the user's own configuration.
-    std::string pattern = (std::filesystem::temp_directory_path() / "vantor-signin-demo-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      return 1;
-    }
-    scratch = pattern;
-    ::setenv("XDG_CONFIG_HOME", scratch.c_str(), 1);
     try {
+      // Keep the example's account away from the user's own configuration.
+      scratch.emplace("vantor-signin-demo");
+      ::setenv("XDG_CONFIG_HOME", scratch->path().c_str(), 1);
       provider.emplace(client);
     } catch (const std::exception& e) {
       std::cerr << e.what() << " (run `make setup`?)\n";
@@ -201,7 +196,6 @@ int main(int argc, char** argv) {
   if (local) {
     controller.logout();
     provider.reset();
-    std::filesystem::remove_all(scratch);
   }
   return status;
 }

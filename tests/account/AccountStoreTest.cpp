@@ -8,6 +8,8 @@
 #include <map>
 #include <sstream>
 
+#include "ScratchDirectory.hpp"
+
 namespace vantor::account::detail {
 namespace {
 
@@ -16,14 +18,8 @@ namespace fs = std::filesystem;
 class AccountStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vantor-store-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
+    root_ = scratch_.path();
     file_ = root_ / "config" / "com.example.notes" / "accounts.json";
-  }
-  void TearDown() override {
-    fs::permissions(file_.parent_path(), fs::perms::owner_all, fs::perm_options::add);
-    fs::remove_all(root_);
   }
 
   static std::string read(const fs::path& path) {
@@ -45,6 +41,7 @@ class AccountStoreTest : public ::testing::Test {
     return files;
   }
 
+  testing::ScratchDirectory scratch_{"vantor-store"};
   fs::path root_;
   fs::path file_;
 };

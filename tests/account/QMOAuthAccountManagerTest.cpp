@@ -17,6 +17,7 @@
 #include <vantor/platform/EventLoop.hpp>
 
 #include "OAuthSupport.hpp"
+#include "ScratchDirectory.hpp"
 
 namespace vantor::account {
 namespace {
@@ -63,15 +64,12 @@ int closedPort() {
 class QMOAuthAccountManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "vantor-xdg-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    xdg_ = pattern;
+    xdg_ = scratch_.path();
     ::setenv("XDG_CONFIG_HOME", xdg_.c_str(), 1);
     notifications_ = QMNotificationCenter::defaultCenter().addObserver(
         std::string(QMAccountConstants::QuelmoConnect::accountDidChangeNotificationString),
         [this] { ++notified_; });
   }
-  void TearDown() override { fs::remove_all(xdg_); }
 
   std::shared_ptr<QMOAuthAccountManager> makeManager(QMOAuthServiceConfiguration configuration) {
     auto manager = QMOAuthAccountManager::make(std::move(configuration));
@@ -99,6 +97,7 @@ class QMOAuthAccountManagerTest : public ::testing::Test {
     return notified_ == count;
   }
 
+  testing::ScratchDirectory scratch_{"vantor-xdg"};
   fs::path xdg_;
   Credentials credentials_;
   std::atomic<int> notified_{0};

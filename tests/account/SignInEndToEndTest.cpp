@@ -20,6 +20,7 @@
 #include <vantor/account/QMWorkspace.hpp>
 
 #include "LocalSignIn.hpp"
+#include "ScratchDirectory.hpp"
 
 namespace vantor::account {
 namespace {
@@ -81,13 +82,11 @@ class SignInEndToEndTest : public ::testing::Test {
   static void SetUpTestSuite() {
     // Never the user's real configuration: the store goes to a scratch
     // folder, which the helper process inherits too.
-    std::string pattern = (fs::temp_directory_path() / "vantor-signin-e2e-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    configHome_ = pattern;
-    ::setenv("XDG_CONFIG_HOME", configHome_.c_str(), 1);
+    configHome_ = std::make_unique<testing::ScratchDirectory>("vantor-signin-e2e");
+    ::setenv("XDG_CONFIG_HOME", configHome_->path().c_str(), 1);
     QMWorkspace::setOpener([](const std::string& url) { return browser().open(url); });
   }
-  static void TearDownTestSuite() { fs::remove_all(configHome_); }
+  static void TearDownTestSuite() { configHome_.reset(); }
 
   void TearDown() override { controller().logout(); }
 
@@ -158,7 +157,7 @@ class SignInEndToEndTest : public ::testing::Test {
     EXPECT_EQ(loadInNewProcess(), "NO ACCOUNT\n");
   }
 
-  static inline fs::path configHome_;
+  static inline std::unique_ptr<testing::ScratchDirectory> configHome_;
   std::optional<LocalOpenIdProvider> provider_;
   util::QMPromise<std::shared_ptr<QMAccount>> promise_{
       boost::make_ready_future(std::shared_ptr<QMAccount>()).share()};
@@ -189,7 +188,7 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   EXPECT_EQ(willChange, 3);
 
   auto store = std::dynamic_pointer_cast<QMOAuthAccountManager>(QMAccountManager::shared())->storeFile();
-  EXPECT_EQ(store, configHome_ / testing::testBundleIdentifier / "accounts.json");
+  EXPECT_EQ(store, configHome_->path() / testing::testBundleIdentifier / "accounts.json");
   EXPECT_EQ(mode(store.parent_path()), 0700u);
   EXPECT_EQ(mode(store), 0600u);
   EXPECT_EQ(loadInNewProcess(), "ACCOUNT alice alice@example.test\n");
