@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <exception>
 #include <optional>
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
 #include <thread>
 
 #include "vantor/platform/DispatchWorkItem.hpp"
@@ -50,6 +52,9 @@ EventLoop& EventLoop::main() {
   // may still reach the loop. The thread is stopped at exit instead.
   static EventLoop* const loop = [] {
     mainInUse = true;
+    // OpenSSL cleans up at exit too. Initialised first, its clean-up runs
+    // after the loop thread has been stopped below, never under its feet.
+    OPENSSL_init_ssl(0, nullptr);
     auto* made = new EventLoop(!mainOnHostThread.load());
     if (!mainOnHostThread) {
       std::atexit([] { EventLoop::main().shutDown(); });
@@ -69,7 +74,10 @@ void EventLoop::useHostThreadForMain() {
 EventLoop::EventLoop(bool ownThread) : impl_(std::make_unique<Impl>()) {
   impl_->work.emplace(impl_->context.get_executor());
   if (ownThread) {
-    impl_->thread = std::thread([impl = impl_.get()] { impl->runLoop(); });
+    impl_->thread = std::thread([impl = impl_.get()] {
+      impl->runLoop();
+      OPENSSL_thread_stop();  // the thread's TLS state, before OpenSSL's exit clean-up
+    });
   }
 }
 

@@ -156,7 +156,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   void write(std::string text) {
     if (finished_ || closing_) {
-      return;
+      return;  // nothing may follow a close frame
     }
     outbox_.push_back(std::move(text));
     if (open_ && !writing_) {
@@ -175,14 +175,15 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       cancel();
       return;
     }
-    websocket::close_reason closeReason(static_cast<std::uint16_t>(code));
+    closeReason_.code = static_cast<std::uint16_t>(code);
     if (reason) {
-      closeReason.reason.assign(reason->data(), std::min(reason->size(), closeReason.reason.max_size()));
+      closeReason_.reason.assign(reason->data(),
+                                 std::min(reason->size(), closeReason_.reason.max_size()));
     }
-    withStream([&](auto& ws) {
-      ws.async_close(closeReason,
-                     [self = shared_from_this()](error_code error) { self->onClosed(error); });
-    });
+    // Frames sent before the close go out first.
+    if (!writing_) {
+      startClose();
+    }
   }
 
   // Ends the connection without any further report: the transport has moved
@@ -240,6 +241,11 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     if (error) {
       return fail(error);
     }
+    // Frames are small and latency matters more than packet count.
+    withStream([](auto& ws) {
+      error_code ignored;
+      beast::get_lowest_layer(ws).socket().set_option(tcp::no_delay(true), ignored);
+    });
     if (!secure_) {
       return onTlsHandshake({});
     }
@@ -292,8 +298,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     if (auto transport = transport_.lock()) {
       transport->opened();
     }
-    if (!outbox_.empty() && !writing_ && !closing_) {
+    if (!outbox_.empty() && !writing_) {
       writeNext();
+    } else if (closing_ && !writing_) {
+      startClose();
     }
     read();
   }
@@ -357,9 +365,21 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return;
     }
     outbox_.pop_front();
-    if (!outbox_.empty() && !closing_ && !finished_) {
-      writeNext();
+    if (finished_) {
+      return;
     }
+    if (!outbox_.empty()) {
+      writeNext();
+    } else if (closing_) {
+      startClose();
+    }
+  }
+
+  void startClose() {
+    withStream([&](auto& ws) {
+      ws.async_close(closeReason_,
+                     [self = shared_from_this()](error_code error) { self->onClosed(error); });
+    });
   }
 
   void onClosed(error_code error) {
@@ -404,6 +424,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   std::unique_ptr<PlainStream> plain_;
   std::unique_ptr<SecureStream> secure_;
   websocket::response_type response_;
+  websocket::close_reason closeReason_;
   beast::flat_buffer buffer_;
   std::deque<std::string> outbox_;
   bool open_ = false;

@@ -1,0 +1,133 @@
+#include "InteractiveClient.hpp"
+
+#include <boost/json/serialize.hpp>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "Transcript.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Presence.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
+
+namespace vantor::demo {
+
+namespace {
+
+using namespace vantor::realtime;
+
+extern "C" void onInterrupt(int) {}  // only interrupts the blocking read
+
+Payload payloadOf(const std::vector<std::pair<std::string, std::string>>& pairs) {
+  Payload payload;
+  for (const auto& [key, value] : pairs) {
+    payload[key] = value;
+  }
+  return payload;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path);
+  if (!file) {
+    throw std::runtime_error("cannot read " + path);
+  }
+  std::stringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+}  // namespace
+
+int runInteractive(const InteractiveOptions& options) {
+  Transcript out;
+  URLSessionConfiguration configuration;
+  if (!options.caFile.empty()) {
+    try {
+      configuration.additionalCertificateAuthorities.push_back(readFile(options.caFile));
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "%s\n", error.what());
+      return 2;
+    }
+  }
+  Socket::ParamsClosure params;
+  if (!options.params.empty()) {
+    params = [payload = payloadOf(options.params)] { return std::optional<Payload>(payload); };
+  }
+  auto socket = Socket::make(
+      options.url,
+      [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+        return URLSessionTransport::make(url, configuration);
+      },
+      params);
+  if (options.verbose) {
+    socket->setLogger([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
+  }
+  socket->onOpen([&] { out.say("socket", "connected to " + std::string(socket->endPointUrl().buffer())); });
+  socket->onError([&](const TransportError& error, const std::optional<HttpResponse>& response) {
+    out.say("socket", "error: " + error.description +
+                          (response ? " (HTTP " + std::to_string(response->statusCode) + ")" : ""));
+  });
+  socket->onClose([&] { out.say("socket", "closed; reconnecting unless you quit"); });
+  socket->onMessage([&](const Message& message) {
+    if (message.topic() == options.topic && message.event() != "phx_reply" &&
+        message.event() != "presence_state" && message.event() != "presence_diff") {
+      out.say("<-", message.event() + " " + boost::json::serialize(message.payload()));
+    }
+  });
+
+  auto channel = socket->channel(options.topic, payloadOf(options.joinParams));
+  auto presence = Presence::make(channel);
+  presence->onJoin([&](const std::string& key, const std::optional<Presence::Map>& current,
+                       const Presence::Map&) {
+    if (!current) {
+      out.say("presence", key + " joined");
+    }
+  });
+  presence->onLeave([&](const std::string& key, const Presence::Map& remaining, const Presence::Map&) {
+    if (remaining.at("metas").empty()) {
+      out.say("presence", key + " left");
+    }
+  });
+  channel->join()
+      ->receive("ok", [&](const Message&) { out.say("channel", "joined " + options.topic); })
+      ->receive("error", [&](const Message& reply) {
+        out.say("channel", "join refused: " + boost::json::serialize(reply.payload()));
+      })
+      ->receive("timeout", [&](const Message&) { out.say("channel", "join timed out; retrying"); });
+  socket->connect();
+
+  // Ctrl-C interrupts the read below instead of killing the process, so the
+  // client leaves the channel and closes the socket cleanly.
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = 0;  // no SA_RESTART: the read fails with EINTR
+  sigaction(SIGINT, &action, nullptr);
+
+  out.say("demo", "type a line to push it as \"" + options.event + "\"; end with Ctrl-D or Ctrl-C");
+  std::string line;
+  while (std::getline(std::cin, line)) {
+    if (line.empty()) {
+      continue;
+    }
+    channel->push(options.event, {{"body", line}})
+        ->receive("ok", [&](const Message& reply) {
+          out.say("reply", "ok " + boost::json::serialize(reply.payload()));
+        })
+        ->receive("error", [&](const Message& reply) {
+          out.say("reply", "error " + boost::json::serialize(reply.payload()));
+        })
+        ->receive("timeout", [&](const Message&) { out.say("reply", "timed out"); });
+  }
+  out.say("demo", "leaving");
+  channel->leave();
+  socket->disconnect();
+  socket->releaseCallbacks();
+  return 0;
+}
+
+}  // namespace vantor::demo

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vantor::demo {
+
+struct InteractiveOptions {
+  std::string url;
+  std::string topic = "room:lobby";
+  std::string event = "new_msg";
+  std::vector<std::pair<std::string, std::string>> params;
+  std::vector<std::pair<std::string, std::string>> joinParams;
+  std::string caFile;
+  bool verbose = false;
+};
+
+/// Reads lines from standard input and pushes them until end of input or
+/// Ctrl-C; returns the process exit code.
+int runInteractive(const InteractiveOptions& options);
+
+}  // namespace vantor::demo

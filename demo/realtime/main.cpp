@@ -1,0 +1,74 @@
+// vantor-demo: with no arguments, a scripted tour of the realtime client
+// against a server it starts on loopback; with --url, an interactive client.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "InteractiveClient.hpp"
+#include "ScriptedDemo.hpp"
+
+namespace {
+
+void usage() {
+  std::puts(
+      "usage: vantor-demo                      scripted demo against a bundled local server\n"
+      "       vantor-demo --url URL [options]  interactive client for a real server\n"
+      "options:\n"
+      "  --topic TOPIC     channel to join (default room:lobby)\n"
+      "  --event EVENT     event name for the lines you type (default new_msg)\n"
+      "  --param KEY=VALUE connection parameter, repeatable\n"
+      "  --join KEY=VALUE  join parameter, repeatable\n"
+      "  --ca FILE         trust this PEM certificate authority too\n"
+      "  --verbose         print the client's log lines");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  vantor::demo::InteractiveOptions options;
+  bool interactive = false;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "%s needs a value\n", arg.c_str());
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    auto pair = [&](std::vector<std::pair<std::string, std::string>>& into) {
+      const auto text = value();
+      const auto equals = text.find('=');
+      if (equals == std::string::npos) {
+        std::fprintf(stderr, "%s takes KEY=VALUE, got %s\n", arg.c_str(), text.c_str());
+        std::exit(2);
+      }
+      into.emplace_back(text.substr(0, equals), text.substr(equals + 1));
+    };
+    if (arg == "--url") {
+      options.url = value();
+      interactive = true;
+    } else if (arg == "--topic") {
+      options.topic = value();
+    } else if (arg == "--event") {
+      options.event = value();
+    } else if (arg == "--param") {
+      pair(options.params);
+    } else if (arg == "--join") {
+      pair(options.joinParams);
+    } else if (arg == "--ca") {
+      options.caFile = value();
+    } else if (arg == "--verbose") {
+      options.verbose = true;
+    } else if (arg == "--help" || arg == "-h") {
+      usage();
+      return 0;
+    } else {
+      std::fprintf(stderr, "unknown option %s\n", arg.c_str());
+      usage();
+      return 2;
+    }
+  }
+  return interactive ? vantor::demo::runInteractive(options) : vantor::demo::runScripted();
+}

@@ -1,0 +1,282 @@
+#include "vantor/realtime/Presence.hpp"
+
+#include <algorithm>
+
+#include "vantor/platform/Fatal.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Message.hpp"
+
+namespace vantor::realtime {
+
+namespace json = boost::json;
+
+namespace {
+
+const std::vector<Presence::Meta>& metasOf(const Presence::Map& presence) {
+  auto found = presence.find("metas");
+  if (found == presence.end()) {
+    platform::fatalError("Presence data without \"metas\"");
+  }
+  return found->second;
+}
+
+std::vector<std::string> refsOf(const std::vector<Presence::Meta>& metas) {
+  std::vector<std::string> refs;
+  refs.reserve(metas.size());
+  for (const auto& meta : metas) {
+    const auto* ref = meta.if_contains("phx_ref");
+    if (ref == nullptr || !ref->is_string()) {
+      platform::fatalError("Presence meta without a string \"phx_ref\"");
+    }
+    refs.emplace_back(ref->get_string());
+  }
+  return refs;
+}
+
+// The metas whose "phx_ref" is none of `refs`, in their order.
+std::vector<Presence::Meta> without(const std::vector<Presence::Meta>& metas,
+                                    const std::vector<std::string>& refs) {
+  const auto ownRefs = refsOf(metas);
+  std::vector<Presence::Meta> kept;
+  for (std::size_t i = 0; i < metas.size(); ++i) {
+    if (std::find(refs.begin(), refs.end(), ownRefs[i]) == refs.end()) {
+      kept.push_back(metas[i]);
+    }
+  }
+  return kept;
+}
+
+std::optional<Presence::Map> mapFrom(const json::value& value) {
+  const auto* object = value.if_object();
+  if (object == nullptr) {
+    return std::nullopt;
+  }
+  Presence::Map map;
+  for (const auto& [key, list] : *object) {
+    const auto* array = list.if_array();
+    if (array == nullptr) {
+      return std::nullopt;
+    }
+    std::vector<Presence::Meta> metas;
+    metas.reserve(array->size());
+    for (const auto& element : *array) {
+      const auto* meta = element.if_object();
+      if (meta == nullptr) {
+        return std::nullopt;
+      }
+      metas.push_back(*meta);
+    }
+    map.emplace(std::string(key), std::move(metas));
+  }
+  return map;
+}
+
+std::optional<Presence::State> stateFromValue(const json::value& value) {
+  const auto* object = value.if_object();
+  return object ? Presence::stateFrom(*object) : std::nullopt;
+}
+
+}  // namespace
+
+const Presence::Options& Presence::Options::defaults() {
+  static const Options options{{{Events::state, "presence_state"}, {Events::diff, "presence_diff"}}};
+  return options;
+}
+
+std::shared_ptr<Presence> Presence::make(const std::shared_ptr<Channel>& channel,
+                                         const Options& options) {
+  return platform::EventLoop::main().sync([&] {
+    auto presence = std::shared_ptr<Presence>(new Presence(channel));
+    auto stateEvent = options.events.find(Events::state);
+    auto diffEvent = options.events.find(Events::diff);
+    if (stateEvent == options.events.end() || diffEvent == options.events.end() || !channel) {
+      return presence;
+    }
+    channel->delegateOn<Presence>(stateEvent->second, presence,
+                                  [](Presence& self, const Message& message) { self.handleState(message); });
+    channel->delegateOn<Presence>(diffEvent->second, presence,
+                                  [](Presence& self, const Message& message) { self.handleDiff(message); });
+    return presence;
+  });
+}
+
+Presence::Presence(const std::shared_ptr<Channel>& channel) : channel_(channel) {}
+
+void Presence::handleState(const Message& message) {
+  auto newState = stateFrom(message.rawPayload());
+  if (!newState) {
+    return;
+  }
+  auto channel = channel_.lock();
+  joinRef_ = channel ? channel->joinRef() : std::nullopt;
+  state_ = syncState(state_, *newState, onJoin_, onLeave_);
+  for (const auto& diff : std::exchange(pendingDiffs_, {})) {
+    state_ = syncDiff(state_, diff, onJoin_, onLeave_);
+  }
+  onSync_();
+}
+
+void Presence::handleDiff(const Message& message) {
+  auto diff = diffFrom(message.rawPayload());
+  if (!diff) {
+    return;
+  }
+  if (pendingSyncState()) {
+    pendingDiffs_.push_back(std::move(*diff));
+    return;
+  }
+  state_ = syncDiff(state_, *diff, onJoin_, onLeave_);
+  onSync_();
+}
+
+bool Presence::pendingSyncState() const {
+  if (!joinRef_) {
+    return true;
+  }
+  auto channel = channel_.lock();
+  if (!channel) {
+    return true;
+  }
+  const auto channelJoinRef = channel->joinRef();
+  return !channelJoinRef || *joinRef_ != *channelJoinRef;
+}
+
+Presence::State Presence::syncState(const State& state, const State& newState,
+                                    const OnJoin& onJoin, const OnLeave& onLeave) {
+  State joins;
+  State leaves;
+  for (const auto& [key, presence] : state) {
+    if (!newState.contains(key)) {
+      leaves[key] = presence;
+    }
+  }
+  for (const auto& [key, newPresence] : newState) {
+    auto current = state.find(key);
+    if (current == state.end()) {
+      joins[key] = newPresence;
+      continue;
+    }
+    const auto& newMetas = metasOf(newPresence);
+    const auto& currentMetas = metasOf(current->second);
+    auto joinedMetas = without(newMetas, refsOf(currentMetas));
+    auto leftMetas = without(currentMetas, refsOf(newMetas));
+    if (!joinedMetas.empty()) {
+      joins[key] = newPresence;
+      joins[key]["metas"] = std::move(joinedMetas);
+    }
+    if (!leftMetas.empty()) {
+      leaves[key] = current->second;
+      leaves[key]["metas"] = std::move(leftMetas);
+    }
+  }
+  return syncDiff(state, Diff{{"joins", std::move(joins)}, {"leaves", std::move(leaves)}}, onJoin,
+                  onLeave);
+}
+
+Presence::State Presence::syncDiff(const State& current, const Diff& diff, const OnJoin& onJoin,
+                                   const OnLeave& onLeave) {
+  State state = current;
+  if (auto joins = diff.find("joins"); joins != diff.end()) {
+    for (const auto& [key, newPresence] : joins->second) {
+      std::optional<Map> before;
+      if (auto found = state.find(key); found != state.end()) {
+        before = found->second;
+      }
+      state[key] = newPresence;
+      if (before) {
+        // Old occurrences that the join does not repeat stay ahead of it.
+        auto merged = without(metasOf(*before), refsOf(metasOf(state[key])));
+        const auto& joined = metasOf(state[key]);
+        merged.insert(merged.end(), joined.begin(), joined.end());
+        state[key]["metas"] = std::move(merged);
+      }
+      onJoin(key, before, newPresence);
+    }
+  }
+  if (auto leaves = diff.find("leaves"); leaves != diff.end()) {
+    for (const auto& [key, leftPresence] : leaves->second) {
+      auto found = state.find(key);
+      if (found == state.end()) {
+        continue;
+      }
+      Map remaining = found->second;
+      remaining["metas"] = without(metasOf(remaining), refsOf(metasOf(leftPresence)));
+      onLeave(key, remaining, leftPresence);
+      if (remaining["metas"].empty()) {
+        state.erase(key);
+      } else {
+        state[key]["metas"] = std::move(remaining["metas"]);
+      }
+    }
+  }
+  return state;
+}
+
+std::optional<Presence::State> Presence::stateFrom(const json::object& payload) {
+  State state;
+  for (const auto& [key, value] : payload) {
+    auto map = mapFrom(value);
+    if (!map) {
+      return std::nullopt;
+    }
+    state.emplace(std::string(key), std::move(*map));
+  }
+  return state;
+}
+
+std::optional<Presence::Diff> Presence::diffFrom(const json::object& payload) {
+  Diff diff;
+  for (const auto& [key, value] : payload) {
+    auto state = stateFromValue(value);
+    if (!state) {
+      return std::nullopt;
+    }
+    diff.emplace(std::string(key), std::move(*state));
+  }
+  return diff;
+}
+
+Presence::State Presence::filter(const State& presences,
+                                 const std::function<bool(const std::string&, const Map&)>& predicate) {
+  if (!predicate) {
+    return presences;
+  }
+  State kept;
+  for (const auto& [key, presence] : presences) {
+    if (predicate(key, presence)) {
+      kept.emplace(key, presence);
+    }
+  }
+  return kept;
+}
+
+void Presence::onJoin(OnJoin callback) {
+  onLoop([&] { onJoin_ = std::move(callback); });
+}
+void Presence::onLeave(OnLeave callback) {
+  onLoop([&] { onLeave_ = std::move(callback); });
+}
+void Presence::onSync(OnSync callback) {
+  onLoop([&] { onSync_ = std::move(callback); });
+}
+Presence::State Presence::state() const {
+  return onLoop([&] { return state_; });
+}
+std::vector<Presence::Diff> Presence::pendingDiffs() const {
+  return onLoop([&] { return pendingDiffs_; });
+}
+std::optional<std::string> Presence::joinRef() const {
+  return onLoop([&] { return joinRef_; });
+}
+bool Presence::isPendingSyncState() const {
+  return onLoop([&] { return pendingSyncState(); });
+}
+std::vector<Presence::Map> Presence::list() const {
+  return list([](const std::string&, const Map& presence) { return presence; });
+}
+Presence::State Presence::filter(
+    const std::function<bool(const std::string&, const Map&)>& predicate) const {
+  return onLoop([&] { return filter(state_, predicate); });
+}
+
+}  // namespace vantor::realtime
