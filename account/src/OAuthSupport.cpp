@@ -1,9 +1,15 @@
 #include "OAuthSupport.hpp"
 
-#include <openssl/rand.h>
 #include <openssl/sha.h>
 
+#if defined(__APPLE__)
+#include <stdlib.h>
+#else
+#include <sys/random.h>
+#endif
+
 #include <array>
+#include <cerrno>
 #include <boost/json/parse.hpp>
 #include <boost/url/parse.hpp>
 #include <stdexcept>
@@ -81,11 +87,25 @@ std::optional<std::string> base64UrlDecode(std::string_view text) {
 }
 
 std::string randomToken(std::size_t byteCount) {
+  // The kernel's generator rather than OpenSSL's: OpenSSL keeps generator
+  // state per thread, which the event loop's thread would hold until exit.
   std::string bytes(byteCount, '\0');
-  if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(byteCount)) != 1) {
-    // Without a working random generator no sign-in can be made safe.
-    platform::fatalError("The system's random number generator failed");
+#if defined(__APPLE__)
+  arc4random_buf(bytes.data(), bytes.size());
+#else
+  std::size_t filled = 0;
+  while (filled < bytes.size()) {
+    auto n = ::getrandom(bytes.data() + filled, bytes.size() - filled, 0);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      // Without a working random generator no sign-in can be made safe.
+      platform::fatalError("The system's random number generator failed");
+    }
+    filled += static_cast<std::size_t>(n);
   }
+#endif
   return base64UrlEncode(bytes);
 }
 

@@ -5,6 +5,7 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <cctype>
 #include <mutex>
+#include <openssl/crypto.h>
 
 #include "AccountStore.hpp"
 #include "OAuthAuthorizer.hpp"
@@ -83,6 +84,10 @@ auto sameUuidAs(const std::shared_ptr<QMAccount>& account) {
 
 std::shared_ptr<QMOAuthAccountManager> QMOAuthAccountManager::make(
     QMOAuthServiceConfiguration configuration) {
+  // OpenSSL sets itself up on first use, and keeps state for the thread that
+  // does so. Doing it here, on the host's thread, keeps that state off the
+  // event loop's thread, which outlives OpenSSL's own clean-up at exit.
+  OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr);
   std::shared_ptr<QMOAuthAccountManager> manager(new QMOAuthAccountManager(std::move(configuration)));
   manager->impl_->self = manager;
   return manager;
