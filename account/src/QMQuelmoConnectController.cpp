@@ -189,32 +189,38 @@ void QMQuelmoConnectController::load() {
 }
 
 void QMQuelmoConnectController::login(CompletionHandler handler) {
-  EventLoop::main().sync([this, &handler] { loginOnLoop(std::move(handler)); });
+  // Errors come back as values and are thrown here, on the caller's thread,
+  // so no exception object is shared between threads.
+  if (auto error = EventLoop::main().sync([this, &handler] { return loginOnLoop(std::move(handler)); })) {
+    throw Exception(*error);
+  }
 }
 
-void QMQuelmoConnectController::loginOnLoop(CompletionHandler handler) {
+std::optional<QMQuelmoConnectController::Error> QMQuelmoConnectController::loginOnLoop(
+    CompletionHandler handler) {
   if (account_ || !QMAccountManager::shared()->accounts().empty()) {
-    throw Exception(Error::alreadyLoggedIn);
+    return Error::alreadyLoggedIn;
   }
   auto created = QMAccountFactory::shared()->createAccount(std::nullopt, 0,
                                                            QMWebServiceProvider::quelmoConnect);
   auto account = std::dynamic_pointer_cast<QMQuelmoConnectAccount>(created);
   if (!account) {
-    throw Exception(Error::accountCreationFailed);
+    return Error::accountCreationFailed;
   }
   auto authorizer = account->webServiceAuthorizer();
   if (!authorizer) {
-    throw Exception(Error::invalidAccount);
+    return Error::invalidAccount;
   }
   auto url = authorizer->authorizationURL();
   if (!url) {
-    throw Exception(Error::invalidAccount);
+    return Error::invalidAccount;
   }
   preliminaryAccount_ = std::move(account);
   completionHandler_ = std::move(handler);
   if (!QMWorkspace::open(*url)) {
     util::logAccounts().error("Could not open the sign-in page in the browser");
   }
+  return std::nullopt;
 }
 
 util::QMPromise<std::shared_ptr<QMAccount>> QMQuelmoConnectController::login() {
@@ -282,27 +288,30 @@ bool QMQuelmoConnectController::isValidResponse(std::string_view url) {
 }
 
 void QMQuelmoConnectController::handleOAuthResponse(std::string_view url) {
-  EventLoop::main().sync([this, url] { handleOAuthResponseOnLoop(url); });
+  if (auto error = EventLoop::main().sync([this, url] { return handleOAuthResponseOnLoop(url); })) {
+    throw Exception(*error);
+  }
 }
 
-void QMQuelmoConnectController::handleOAuthResponseOnLoop(std::string_view url) {
+std::optional<QMQuelmoConnectController::Error>
+QMQuelmoConnectController::handleOAuthResponseOnLoop(std::string_view url) {
   if (!preliminaryAccount_) {
-    throw Exception(Error::notLoggedIn);
+    return Error::notLoggedIn;
   }
   auto serviceName = preliminaryAccount_->serviceName();
   if (!serviceName) {
-    throw Exception(Error::invalidAccount);
+    return Error::invalidAccount;
   }
   auto authorizer = preliminaryAccount_->webServiceAuthorizer();
   if (!authorizer) {
-    throw Exception(Error::invalidAccount);
+    return Error::invalidAccount;
   }
   auto parsed = boost::urls::parse_uri_reference(url);
   if (!parsed) {
-    throw Exception(Error::internal);
+    return Error::internal;
   }
   if (parsed->path().find(serviceKey(*serviceName)) == std::string::npos) {
-    throw Exception(Error::accountMismatch);
+    return Error::accountMismatch;
   }
   std::optional<std::string> code;
   // '+' stays '+': codes are opaque, and only %-escapes are decoded.
@@ -312,9 +321,10 @@ void QMQuelmoConnectController::handleOAuthResponseOnLoop(std::string_view url) 
     }
   }
   if (!code) {
-    throw Exception(Error::authenticationFailed);
+    return Error::authenticationFailed;
   }
   authorizer->exchangeCode(*code, true, std::string(url));
+  return std::nullopt;
 }
 
 void QMQuelmoConnectController::accountDidChange() {

@@ -165,9 +165,9 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   QMQuelmoConnectController();
   ~QMQuelmoConnectController() = default;
 
-  // Loop-thread halves of the public operations.
-  void loginOnLoop(CompletionHandler handler);
-  void handleOAuthResponseOnLoop(std::string_view url);
+  // Loop-thread halves of the public operations; they answer what to throw.
+  std::optional<Error> loginOnLoop(CompletionHandler handler);
+  std::optional<Error> handleOAuthResponseOnLoop(std::string_view url);
   void accountDidChange();
   void setAccount(std::shared_ptr<QMQuelmoConnectAccount> account);
   void setError(std::optional<Error> error);
