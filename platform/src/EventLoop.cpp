@@ -30,6 +30,7 @@ struct EventLoop::Impl {
   asio::io_context context{1};
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
   std::thread thread;
+  std::atomic<bool> stopped{false};
 
   // Runs the loop until it is stopped; a handler's exception is reported and
   // the loop carries on, so one faulty callback cannot stall the library.
@@ -89,10 +90,12 @@ void EventLoop::shutDown() noexcept {
   if (impl_->thread.joinable()) {
     if (impl_->thread.get_id() == std::this_thread::get_id()) {
       impl_->thread.detach();  // exit() called from a handler
-    } else {
-      impl_->thread.join();
+      return;
     }
+    impl_->thread.join();
   }
+  // Only now that no handler can be running does work run on its caller.
+  impl_->stopped = true;
 }
 
 asio::io_context& EventLoop::context() noexcept { return impl_->context; }
@@ -100,6 +103,8 @@ asio::io_context& EventLoop::context() noexcept { return impl_->context; }
 bool EventLoop::isCurrentThread() const noexcept {
   return impl_->context.get_executor().running_in_this_thread();
 }
+
+bool EventLoop::hasStopped() const noexcept { return impl_->stopped; }
 
 void EventLoop::post(std::function<void()> work) { asio::post(impl_->context, std::move(work)); }
 
@@ -135,8 +140,10 @@ void EventLoop::run() {
   if (impl_->thread.joinable()) {
     fatalError("EventLoop::run() is only for a loop that the host runs");
   }
+  impl_->stopped = false;
   impl_->context.restart();
   impl_->runLoop();
+  impl_->stopped = true;
 }
 
 void EventLoop::stop() {

@@ -59,6 +59,14 @@ TEST(SocketEndpointDeathTest, AnEndpointThatDoesNotParseStopsTheProcess) {
                "Malformed URL: ws://bad host/socket");
 }
 
+TEST(SocketLogging, IntervalsAreWrittenAsTheShortestDecimalWithAFraction) {
+  EXPECT_EQ(detail::shortestDecimal(0.01), "0.01");
+  EXPECT_EQ(detail::shortestDecimal(0.15), "0.15");
+  EXPECT_EQ(detail::shortestDecimal(5.0), "5.0");
+  EXPECT_EQ(detail::shortestDecimal(10), "10.0");
+  EXPECT_EQ(detail::shortestDecimal(0.1 + 0.2), "0.30000000000000004");
+}
+
 TEST(SocketRefs, MessageAndCallbackReferencesShareOneWrappingCounter) {
   FakeTransports transports;
   auto socket = Socket::make("ws://h/socket", transports.factory());

@@ -45,7 +45,7 @@ class DispatchQueue {
 template <class F>
 auto DispatchQueue::sync(F&& work) -> std::invoke_result_t<F&> {
   using Result = std::invoke_result_t<F&>;
-  if (loop_.isCurrentThread()) {
+  if (loop_.isCurrentThread() || loop_.hasStopped()) {
     return std::invoke(work);
   }
   auto task = std::make_shared<std::packaged_task<Result()>>(

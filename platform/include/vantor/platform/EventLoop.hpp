@@ -50,6 +50,11 @@ class EventLoop {
   /// True when the caller runs on the loop's thread, inside a handler.
   [[nodiscard]] bool isCurrentThread() const noexcept;
 
+  /// True once the loop has stopped running: after the process began to
+  /// exit, or after `run()` returned. `sync` then runs work on the calling
+  /// thread, so that clean-up code running at exit cannot wait forever.
+  [[nodiscard]] bool hasStopped() const noexcept;
+
   /// Runs `work` on the loop later, after the work posted before it.
   void post(std::function<void()> work);
 
@@ -57,9 +62,9 @@ class EventLoop {
   void dispatch(std::function<void()> work);
 
   /// Runs `work` on the loop and returns its result: at once when called on
-  /// the loop thread, otherwise the work is posted and the caller waits.
-  /// Exceptions thrown by `work` reach the caller. Calling it from another
-  /// thread while the loop is not running waits until it runs.
+  /// the loop thread (or once the loop has stopped), otherwise the work is
+  /// posted and the caller waits. Exceptions thrown by `work` reach the
+  /// caller. A host-run loop that has not started yet is waited for.
   template <class F>
   auto sync(F&& work) -> std::invoke_result_t<F&>;
 
@@ -84,7 +89,7 @@ class EventLoop {
 template <class F>
 auto EventLoop::sync(F&& work) -> std::invoke_result_t<F&> {
   using Result = std::invoke_result_t<F&>;
-  if (isCurrentThread()) {
+  if (isCurrentThread() || hasStopped()) {
     return std::invoke(work);
   }
   auto task = std::make_shared<std::packaged_task<Result()>>(
