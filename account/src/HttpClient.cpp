@@ -13,6 +13,8 @@
 #include <optional>
 
 #include "OAuthSupport.hpp"
+#include "vantor/platform/NetworkTarget.hpp"
+#include "vantor/platform/TlsClient.hpp"
 
 namespace vantor::account::detail {
 
@@ -27,77 +29,23 @@ namespace {
 
 constexpr std::uint64_t bodyLimit = 1024 * 1024;
 
-struct Target {
-  bool secure = false;
-  bool hostIsAddress = false;
-  std::string host;
-  std::string port;
-  std::string hostHeader;
-  std::string path;
-};
-
-std::optional<Target> targetOf(const std::string& text, std::string& failure) {
+// Where the request goes; plain http only to loopback hosts.
+std::optional<platform::NetworkTarget> targetOf(const std::string& text, std::string& failure) {
   auto url = parseEndpointURL(text);
   if (!url) {
     failure = "not an absolute URL with a host";
     return std::nullopt;
   }
-  Target target;
-  if (url->scheme_id() == boost::urls::scheme::https) {
-    target.secure = true;
-  } else if (url->scheme_id() != boost::urls::scheme::http) {
-    failure = "not an http or https URL";
+  auto target = platform::NetworkTarget::of(*url, "http", "https");
+  if (!target) {
+    failure = "not an http or https URL with a host";
     return std::nullopt;
-  } else if (!isLoopbackURL(text)) {
+  }
+  if (!target->secure && !isLoopbackURL(text)) {
     failure = "plain http is only allowed for loopback hosts";
     return std::nullopt;
   }
-  switch (url->host_type()) {
-    case boost::urls::host_type::ipv4:
-      target.host = url->host_ipv4_address().to_string();
-      target.hostIsAddress = true;
-      break;
-    case boost::urls::host_type::ipv6:
-      target.host = url->host_ipv6_address().to_string();
-      target.hostIsAddress = true;
-      break;
-    case boost::urls::host_type::name:
-      target.host = url->host_name();
-      break;
-    default:
-      break;
-  }
-  if (target.host.empty()) {
-    failure = "the URL has no host";
-    return std::nullopt;
-  }
-  target.port = url->has_port() ? std::string(url->port()) : (target.secure ? "443" : "80");
-  target.hostHeader = url->encoded_host_and_port();
-  target.path = url->encoded_path().empty() ? "/" : std::string(url->encoded_path());
-  if (url->has_query()) {
-    target.path += "?";
-    target.path += url->encoded_query();
-  }
   return target;
-}
-
-std::shared_ptr<ssl::context> makeTlsContext(const HttpClientOptions& options, error_code& error) {
-  auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
-  SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
-  if (options.useSystemTrustStore) {
-    context->set_default_verify_paths(error);
-    if (error) {
-      return nullptr;
-    }
-  }
-  for (const auto& pem : options.additionalCertificateAuthorities) {
-    context->add_certificate_authority(asio::buffer(pem), error);
-    if (error) {
-      return nullptr;
-    }
-  }
-  context->set_verify_mode(ssl::verify_peer);
-  return context;
 }
 
 // One request: resolve, connect, TLS handshake when secure, write, read.
@@ -120,7 +68,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
     if (target_.secure) {
       error_code error;
-      tls_ = makeTlsContext(options_, error);
+      tls_ = platform::makeTlsClientContext(options_.useSystemTrustStore,
+                                            options_.additionalCertificateAuthorities, error);
       if (!tls_) {
         return finish("TLS set-up failed: " + error.message());
       }
@@ -129,7 +78,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       plain_.emplace(context_);
     }
     request_.method_string(request.method);
-    request_.target(target_.path);
+    request_.target(target_.target);
     request_.version(11);
     request_.set(http::field::host, target_.hostHeader);
     request_.set(http::field::user_agent, "VantorClient");
@@ -170,12 +119,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     if (!secure_) {
       return write();
     }
-    // SNI carries host names only, never addresses.
-    if (!target_.hostIsAddress &&
-        SSL_set_tlsext_host_name(secure_->native_handle(), target_.host.c_str()) != 1) {
+    if (platform::prepareTlsHandshake(*secure_, target_)) {
       return finish("could not set the TLS server name");
     }
-    secure_->set_verify_callback(ssl::host_name_verification(target_.host));
     armDeadline();
     secure_->async_handshake(ssl::stream_base::client, [self = shared_from_this()](error_code error) {
       if (error) {
@@ -240,7 +186,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   const HttpClientOptions options_;
   HttpCompletion completion_;
   tcp::resolver resolver_;
-  Target target_;
+  platform::NetworkTarget target_;
   std::chrono::steady_clock::time_point deadline_;
   std::shared_ptr<ssl::context> tls_;
   std::optional<beast::ssl_stream<beast::tcp_stream>> secure_;

@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "vantor/platform/Fatal.hpp"
+#include "vantor/platform/NetworkTarget.hpp"
 
 namespace vantor::account::detail {
 
@@ -147,13 +148,12 @@ std::string formEncode(const FormFields& fields) {
   return out;
 }
 
-std::optional<boost::urls::url_view> parseEndpointURL(std::string_view text) {
-  auto url = boost::urls::parse_absolute_uri(text);
-  if (!url || !url->has_authority() ||
-      (!url->encoded_path().empty() && url->encoded_path().front() != '/')) {
+std::optional<boost::urls::url> parseEndpointURL(std::string_view text) {
+  auto url = platform::parseUrl(text);
+  if (!url || !url->has_scheme() || !url->has_authority() || url->has_fragment()) {
     return std::nullopt;
   }
-  return *url;
+  return url;
 }
 
 bool isLoopbackURL(std::string_view text) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include <boost/json/object.hpp>
-#include <boost/url/url_view.hpp>
+#include <boost/url/url.hpp>
 
 namespace vantor::account::detail {
 
@@ -34,11 +34,9 @@ using FormFields = std::vector<std::pair<std::string, std::string>>;
 std::string formEncode(const FormFields& fields);
 std::string formEncodeComponent(std::string_view text);
 
-// `text` as an absolute URL with an authority (host), such as an endpoint.
-// Boost.URL 1.81 reads "http://127.0.0.1.evil.test/" as host 127.0.0.1 with
-// the path ".evil.test/"; a path after an authority must start with "/", so
-// such readings are refused here.
-std::optional<boost::urls::url_view> parseEndpointURL(std::string_view text);
+// `text` as an absolute URL with an authority (host), such as an endpoint;
+// misread hosts are refused (see platform::parseUrl).
+std::optional<boost::urls::url> parseEndpointURL(std::string_view text);
 
 // True for http URLs that may go without TLS: loopback hosts only.
 bool isLoopbackURL(std::string_view url);

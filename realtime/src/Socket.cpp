@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <boost/json/serialize.hpp>
-#include <boost/url/parse.hpp>
 #include <charconv>
 
 #include "Text.hpp"
 #include "vantor/platform/Fatal.hpp"
+#include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/ChannelEvent.hpp"
 #include "vantor/realtime/HeartbeatTimer.hpp"
@@ -180,11 +180,11 @@ Socket::~Socket() {
 boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
                                           const ParamsClosure& paramsClosure,
                                           const std::string& vsn) {
-  auto parsed = boost::urls::parse_uri_reference(endpoint);
+  auto parsed = platform::parseUrl(endpoint);
   if (!parsed) {
     platform::fatalError("Malformed URL: " + endpoint);
   }
-  boost::urls::url url(*parsed);
+  auto& url = *parsed;
   // A substring test on purpose: a path that mentions "/websocket" anywhere
   // is taken as already pointing at the WebSocket endpoint.
   std::string path(url.encoded_path());
@@ -205,7 +205,7 @@ boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
       }
     }
   }
-  return url;
+  return std::move(url);
 }
 
 // --- Connection --------------------------------------------------------------

@@ -6,12 +6,13 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
-#include <boost/url/parse.hpp>
 #include <deque>
 
 #include "Text.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
+#include "vantor/platform/NetworkTarget.hpp"
+#include "vantor/platform/TlsClient.hpp"
 
 namespace vantor::realtime {
 
@@ -23,6 +24,7 @@ namespace websocket = beast::websocket;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 using platform::EventLoop;
+using platform::NetworkTarget;
 
 namespace {
 
@@ -31,74 +33,6 @@ std::string replaceAll(std::string text, std::string_view from, std::string_view
     text.replace(at, from.size(), to);
   }
   return text;
-}
-
-struct Endpoint {
-  bool secure = false;
-  bool hostIsAddress = false;
-  std::string host;        // for resolving, SNI and certificate checks
-  std::string port;
-  std::string hostHeader;  // as written in the URL, with the port if it had one
-  std::string target;      // path and query
-};
-
-// The parts of a ws/wss URL that a connection needs; an error for anything
-// that cannot be connected to.
-std::optional<Endpoint> endpointOf(const boost::urls::url& url, error_code& error) {
-  Endpoint endpoint;
-  if (url.scheme_id() == boost::urls::scheme::wss) {
-    endpoint.secure = true;
-  } else if (url.scheme_id() != boost::urls::scheme::ws) {
-    error = boost::system::errc::make_error_code(boost::system::errc::protocol_not_supported);
-    return std::nullopt;
-  }
-  switch (url.host_type()) {
-    case boost::urls::host_type::ipv4:
-      endpoint.host = url.host_ipv4_address().to_string();
-      endpoint.hostIsAddress = true;
-      break;
-    case boost::urls::host_type::ipv6:
-      endpoint.host = url.host_ipv6_address().to_string();
-      endpoint.hostIsAddress = true;
-      break;
-    case boost::urls::host_type::name:
-      endpoint.host = url.host_name();
-      break;
-    default:
-      break;
-  }
-  if (endpoint.host.empty()) {
-    error = boost::system::errc::make_error_code(boost::system::errc::invalid_argument);
-    return std::nullopt;
-  }
-  endpoint.port = url.has_port() ? std::string(url.port()) : (endpoint.secure ? "443" : "80");
-  endpoint.hostHeader = url.encoded_host_and_port();
-  endpoint.target = url.encoded_path().empty() ? "/" : std::string(url.encoded_path());
-  if (url.has_query()) {
-    endpoint.target += "?";
-    endpoint.target += url.encoded_query();
-  }
-  return endpoint;
-}
-
-std::shared_ptr<ssl::context> makeTlsContext(const URLSessionConfiguration& configuration,
-                                             error_code& error) {
-  auto context = std::make_shared<ssl::context>(ssl::context::tls_client);
-  SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
-  if (configuration.useSystemTrustStore) {
-    context->set_default_verify_paths(error);
-    if (error) {
-      return nullptr;
-    }
-  }
-  for (const auto& pem : configuration.additionalCertificateAuthorities) {
-    context->add_certificate_authority(asio::buffer(pem), error);
-    if (error) {
-      return nullptr;
-    }
-  }
-  context->set_verify_mode(ssl::verify_peer);
-  return context;
 }
 
 HttpResponse toHttpResponse(const websocket::response_type& response) {
@@ -131,15 +65,16 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
         resolver_(EventLoop::main().context()) {}
 
   void start(const boost::urls::url& url) {
-    error_code error;
-    auto endpoint = endpointOf(url, error);
+    auto endpoint = NetworkTarget::of(url, "ws", "wss");
     if (!endpoint) {
-      return fail(error);
+      return fail(boost::system::errc::make_error_code(boost::system::errc::protocol_not_supported));
     }
     endpoint_ = std::move(*endpoint);
     auto& context = EventLoop::main().context();
     if (endpoint_.secure) {
-      auto tls = makeTlsContext(configuration_, error);
+      error_code error;
+      auto tls = platform::makeTlsClientContext(configuration_.useSystemTrustStore,
+                                                configuration_.additionalCertificateAuthorities, error);
       if (!tls) {
         return fail(error);
       }
@@ -250,12 +185,9 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return onTlsHandshake({});
     }
     auto& tls = secure_->next_layer();
-    // SNI carries host names only, never addresses.
-    if (!endpoint_.hostIsAddress &&
-        SSL_set_tlsext_host_name(tls.native_handle(), endpoint_.host.c_str()) != 1) {
-      return fail(error_code(static_cast<int>(::ERR_get_error()), asio::error::get_ssl_category()));
+    if (auto setUp = platform::prepareTlsHandshake(tls, endpoint_)) {
+      return fail(setUp);
     }
-    tls.set_verify_callback(ssl::host_name_verification(endpoint_.host));
     tls.async_handshake(ssl::stream_base::client, [self = shared_from_this()](error_code error) {
       self->onTlsHandshake(error);
     });
@@ -418,7 +350,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   std::weak_ptr<URLSessionTransport> transport_;
   URLSessionConfiguration configuration_;
-  Endpoint endpoint_;
+  NetworkTarget endpoint_;
   tcp::resolver resolver_;
   std::shared_ptr<ssl::context> tls_;
   std::unique_ptr<PlainStream> plain_;
@@ -437,12 +369,12 @@ std::shared_ptr<URLSessionTransport> URLSessionTransport::make(
     boost::urls::url_view url, URLSessionConfiguration configuration) {
   auto text = replaceAll(std::string(url.buffer()), "http://", "ws://");
   text = replaceAll(std::move(text), "https://", "wss://");
-  auto parsed = boost::urls::parse_uri_reference(text);
+  auto parsed = platform::parseUrl(text);
   if (!parsed) {
     platform::fatalError("URLSessionTransport: the URL " + text + " does not parse");
   }
   return std::shared_ptr<URLSessionTransport>(
-      new URLSessionTransport(boost::urls::url(*parsed), std::move(configuration)));
+      new URLSessionTransport(std::move(*parsed), std::move(configuration)));
 }
 
 URLSessionTransport::URLSessionTransport(boost::urls::url url, URLSessionConfiguration configuration)

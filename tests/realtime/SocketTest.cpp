@@ -57,6 +57,9 @@ TEST(SocketEndpoint, WebsocketProtocolFollowsTheScheme) {
 TEST(SocketEndpointDeathTest, AnEndpointThatDoesNotParseStopsTheProcess) {
   EXPECT_DEATH(Socket::buildEndpointUrl("ws://bad host/socket", nullptr, "2.0.0"),
                "Malformed URL: ws://bad host/socket");
+  // Read naively, this names the host 127.0.0.1 with the path ".evil.test/".
+  EXPECT_DEATH(Socket::buildEndpointUrl("ws://127.0.0.1.evil.test/socket", nullptr, "2.0.0"),
+               "Malformed URL: ws://127.0.0.1.evil.test/socket");
 }
 
 TEST(SocketLogging, IntervalsAreWrittenAsTheShortestDecimalWithAFraction) {
