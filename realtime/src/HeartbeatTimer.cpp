@@ -32,10 +32,12 @@ HeartbeatTimer::HeartbeatTimer(double timeInterval, platform::DispatchQueue& que
 }
 
 HeartbeatTimer::~HeartbeatTimer() {
-  // Nothing else touches the fields of a timer being destroyed.
-  if (temporaryTimer_) {
-    temporaryTimer_->cancel();
-  }
+  // On the queue, like stop(): its own handler may have stopped it last.
+  queue_.sync([&] {
+    if (temporaryTimer_) {
+      temporaryTimer_->cancel();
+    }
+  });
 }
 
 void HeartbeatTimer::start(std::function<void()> eventHandler) {
