@@ -243,6 +243,7 @@ TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   ASSERT_TRUE(waitForState(newer, ChannelState::joined));
   EXPECT_EQ(older->state(), ChannelState::closed);
   EXPECT_THAT(socket->channels(), ElementsAre(newer));
+  EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, leaving duplicate topic: [room:1]"));
   ASSERT_TRUE(server.waitForMembers("room:1", 1, 10s));
 }
 

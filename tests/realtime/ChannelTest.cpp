@@ -161,37 +161,6 @@ TEST_F(ChannelWithFakeTransport, AReplyWithoutStatusIsStoredButRunsNoHook) {
   EXPECT_TRUE(push->receivedMessage());
 }
 
-TEST_F(ChannelWithFakeTransport, ALateReplyAfterTheTimeOutReachesNobodyAndResendTakesANewRef) {
-  auto transport = open();
-  auto channel = socket->channel("room:1");
-  channel->join();
-  joinOk(transport, channel);
-
-  std::atomic<int> timeouts{0};
-  std::atomic<int> oks{0};
-  auto push = channel->push("slow", {}, 0.01);
-  push->receive("timeout", [&](const Message& message) {
-    ++timeouts;
-    EXPECT_EQ(message.ref(), "");
-    EXPECT_EQ(message.rawPayload().at("status"), "timeout");
-  });
-  push->receive("ok", [&](const Message&) { ++oks; });
-  auto original = lastFrame(transport, "slow");
-  ASSERT_TRUE(eventually([&] { return timeouts == 1; }));
-  reply(transport, original, "ok");
-  EXPECT_EQ(oks, 0);
-
-  push->send();  // a timed-out push is not sent again by send()
-  EXPECT_EQ(framesSent(transport).size(), 2U);
-  push->resend(5.0);
-  auto resent = lastFrame(transport, "slow");
-  EXPECT_NE(resent.ref, original.ref);
-  reply(transport, original, "ok");
-  EXPECT_EQ(oks, 0) << "the old reference reaches no binding";
-  reply(transport, resent, "ok");
-  EXPECT_EQ(oks, 1);
-}
-
 TEST_F(ChannelWithFakeTransport, AServerErrorMakesTheChannelRejoinWithANewJoinReference) {
   auto transport = open();
   auto channel = socket->channel("room:1");
@@ -217,77 +186,6 @@ TEST_F(ChannelWithFakeTransport, AServerErrorMakesTheChannelRejoinWithANewJoinRe
   EXPECT_EQ(lastFrame(transport, "after").joinRef, rejoin.joinRef);
 }
 
-TEST_F(ChannelWithFakeTransport, ADroppedConnectionErrorsEveryOpenChannelAndRejoinsThemAfterReopen) {
-  auto transport = open();
-  auto a = socket->channel("room:a");
-  auto b = socket->channel("room:b");
-  a->join();
-  joinOk(transport, a);
-  b->join();
-  joinOk(transport, b);
-  auto oldRefs = std::pair{a->joinRef(), b->joinRef()};
-
-  transport->fail("connection reset");
-  EXPECT_EQ(a->state(), ChannelState::errored);
-  EXPECT_EQ(b->state(), ChannelState::errored);
-  ASSERT_TRUE(eventually([&] { return transports.count() == 2; }));
-  auto reopened = transports.last();
-  reopened->open();
-  ASSERT_TRUE(eventually([&] { return framesSent(reopened).size() == 2; }));
-  for (const auto& frame : framesSent(reopened)) {
-    EXPECT_EQ(frame.event, "phx_join");
-    reply(reopened, frame, "ok");
-  }
-  EXPECT_EQ(a->state(), ChannelState::joined);
-  EXPECT_EQ(b->state(), ChannelState::joined);
-  EXPECT_NE(a->joinRef(), oldRefs.first);
-  EXPECT_NE(b->joinRef(), oldRefs.second);
-}
-
-TEST_F(ChannelWithFakeTransport, OutdatedLifecycleMessagesAreDroppedButApplicationEventsPass) {
-  auto transport = open();
-  auto channel = socket->channel("room:1");
-  std::vector<std::string> seen;
-  channel->on("news", [&](const Message&) { seen.push_back("news"); });
-  channel->onClose([&](const Message&) { seen.push_back("close"); });
-  channel->join();
-  joinOk(transport, channel);
-
-  transport->receive(R"(["stale", null, "room:1", "phx_close", {}])");
-  transport->receive(R"(["stale", null, "room:1", "news", {}])");
-  transport->receive(R"(["stale", null, "room:other", "news", {}])");
-  EXPECT_THAT(seen, ElementsAre("news"));
-  EXPECT_EQ(channel->state(), ChannelState::joined);
-  EXPECT_TRUE(log.contains(
-      "VantorPhoenixClient: channel, dropping outdated message, room:1, phx_close, {}, stale"));
-}
-
-TEST_F(ChannelWithFakeTransport, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) {
-  auto transport = open();
-  auto channel = socket->channel("room:1");
-  std::vector<std::string> reasons;
-  channel->onClose([&](const Message& message) {
-    reasons.emplace_back(message.payload().at("reason").as_string());
-  });
-  channel->join();
-  joinOk(transport, channel);
-  transport->fail("gone");  // errored; a rejoin is pending on the socket's reopen
-  socket->disconnect();
-
-  channel->leave();
-  EXPECT_EQ(channel->state(), ChannelState::closed);
-  EXPECT_THAT(reasons, ElementsAre("leave"));
-  EXPECT_TRUE(socket->channels().empty());
-  EXPECT_TRUE(log.contains("VantorPhoenixClient: channel, leave room:1"));
-
-  auto reopened = (socket->connect(), transports.last());
-  reopened->open();
-  std::this_thread::sleep_for(30ms);
-  for (const auto& frame : framesSent(reopened)) {
-    EXPECT_NE(frame.event, "phx_join") << "a left channel never rejoins";
-  }
-}
-
 TEST_F(ChannelWithFakeTransport, AJoinTimeOutSendsALeaveAndRetries) {
   auto transport = open();
   auto channel = socket->channel("room:1");
@@ -304,34 +202,6 @@ TEST_F(ChannelWithFakeTransport, AJoinTimeOutSendsALeaveAndRetries) {
   EXPECT_TRUE(log.contains("VantorPhoenixClient: channel, timeout room:1 " + *frames[0].ref +
                            " after 0.01s"));
   socket->disconnect();
-}
-
-TEST_F(ChannelWithFakeTransport, AJoinErrorRetriesOnTheRejoinBackOff) {
-  auto transport = open();
-  auto channel = socket->channel("room:secret");
-  channel->join();
-  reply(transport, lastFrame(transport, "phx_join"), "error", {{"reason", "unauthorized"}});
-  EXPECT_EQ(channel->state(), ChannelState::errored);
-  ASSERT_TRUE(eventually([&] { return framesSent(transport).size() == 2; }));
-  EXPECT_EQ(channel->state(), ChannelState::joining);
-  socket->disconnect();
-}
-
-TEST_F(ChannelWithFakeTransport, JoiningATopicAgainMakesTheOlderChannelLeave) {
-  auto transport = open();
-  auto older = socket->channel("room:1");
-  older->join();
-  joinOk(transport, older);
-  auto newer = socket->channel("room:1");
-  newer->join();
-  // A leave closes the channel locally at once; the server still hears of it.
-  EXPECT_EQ(older->state(), ChannelState::closed);
-  EXPECT_THAT(socket->channels(), ElementsAre(newer));
-  EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, leaving duplicate topic: [room:1]"));
-  auto frames = framesSent(transport);
-  ASSERT_EQ(frames.size(), 3U);
-  EXPECT_EQ(frames[1].event, "phx_leave");
-  EXPECT_EQ(frames[2].event, "phx_join");
 }
 
 TEST_F(ChannelWithFakeTransport, BindingsAreNumberedFromThreeAndRemovedByEventOrReference) {

@@ -215,19 +215,6 @@ TEST_F(SocketWithFakeTransport, SkipHeartbeatStartsNoTimer) {
   EXPECT_TRUE(transport->sent().empty());
 }
 
-TEST_F(SocketWithFakeTransport, MalformedFramesAreLoggedAndDropped) {
-  std::vector<std::string> events;
-  socket->onMessage([&](const Message& message) { events.push_back(message.event()); });
-  auto transport = connectAndOpen();
-  for (const std::string bad : {"not json", "[1, 2, 3, 4, 5]", R"({"an": "object"})", "7"}) {
-    transport->receive(bad);
-    EXPECT_TRUE(log.contains("VantorPhoenixClient: receive: Unable to parse JSON: " + bad)) << bad;
-  }
-  transport->receive(R"([null, null, "t", "fine", {}])");
-  EXPECT_THAT(events, ElementsAre("fine"));
-  EXPECT_TRUE(log.contains(R"(VantorPhoenixClient: receive , [null, null, "t", "fine", {}])"));
-}
-
 TEST_F(SocketWithFakeTransport, ACloseEventIsAnnouncedOnStandardOutput) {
   socket->setLogger(nullptr);
   auto transport = connectAndOpen();
