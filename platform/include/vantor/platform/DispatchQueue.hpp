@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <future>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -44,15 +43,11 @@ class DispatchQueue {
 
 template <class F>
 auto DispatchQueue::sync(F&& work) -> std::invoke_result_t<F&> {
-  using Result = std::invoke_result_t<F&>;
   if (loop_.isCurrentThread() || loop_.hasStopped()) {
     return std::invoke(work);
   }
-  auto task = std::make_shared<std::packaged_task<Result()>>(
-      [&work]() -> Result { return std::invoke(work); });
-  auto result = task->get_future();
-  async([task] { (*task)(); });
-  return result.get();
+  return detail::submitAndWait(work,
+                               [this](std::function<void()> block) { async(std::move(block)); });
 }
 
 }  // namespace vantor::platform

@@ -86,17 +86,27 @@ class EventLoop {
   std::unique_ptr<Impl> impl_;
 };
 
-template <class F>
-auto EventLoop::sync(F&& work) -> std::invoke_result_t<F&> {
+namespace detail {
+
+/// Hands `work` to `submit` as a block and waits for its result.
+template <class F, class Submit>
+auto submitAndWait(F& work, Submit&& submit) -> std::invoke_result_t<F&> {
   using Result = std::invoke_result_t<F&>;
-  if (isCurrentThread() || hasStopped()) {
-    return std::invoke(work);
-  }
   auto task = std::make_shared<std::packaged_task<Result()>>(
       [&work]() -> Result { return std::invoke(work); });
   auto result = task->get_future();
-  post([task] { (*task)(); });
+  submit([task] { (*task)(); });
   return result.get();
+}
+
+}  // namespace detail
+
+template <class F>
+auto EventLoop::sync(F&& work) -> std::invoke_result_t<F&> {
+  if (isCurrentThread() || hasStopped()) {
+    return std::invoke(work);
+  }
+  return detail::submitAndWait(work, [this](std::function<void()> block) { post(std::move(block)); });
 }
 
 }  // namespace vantor::platform
