@@ -57,6 +57,12 @@ bool matches(const Frame& frame, std::string_view topic, std::string_view event)
   return frame.topic == topic && (event.empty() || frame.event == event);
 }
 
+std::size_t countMatching(const std::vector<Frame>& frames, std::string_view topic,
+                          std::string_view event) {
+  return static_cast<std::size_t>(std::count_if(
+      frames.begin(), frames.end(), [&](const Frame& f) { return matches(f, topic, event); }));
+}
+
 // The presence key of a join: "user_id" as a string, or an integer's text.
 std::optional<std::string> presenceKey(const json::object& joinPayload) {
   const auto* userId = joinPayload.if_contains("user_id");
@@ -83,7 +89,8 @@ std::chrono::milliseconds delayOf(const json::object& payload) {
   boost::system::error_code ec;
   auto ms = delay->to_number<double>(ec);
   constexpr double kHour = 60.0 * 60 * 1000;  // keeps the conversion defined
-  return std::chrono::milliseconds(ec || !(ms > 0) ? 0 : static_cast<std::int64_t>(std::min(ms, kHour)));
+  return std::chrono::milliseconds(
+      ec || !(ms > 0) ? 0 : static_cast<std::int64_t>(std::min(ms, kHour)));
 }
 
 json::object replyPayload(std::string_view status, json::object response) {
@@ -331,7 +338,8 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
   if (auto key = presenceKey(frame.payload)) {
     auto phxRef = "phx-" + std::to_string(nextPhxRef_++);
     json::object meta{{"phx_ref", phxRef}};
-    if (const auto* extra = frame.payload.if_contains("presence_meta"); extra && extra->is_object()) {
+    if (const auto* extra = frame.payload.if_contains("presence_meta");
+        extra && extra->is_object()) {
       for (const auto& [name, value] : extra->as_object()) {
         if (name != "phx_ref") {
           meta[name] = value;
@@ -478,8 +486,8 @@ void PhoenixTestServer::Impl::countMembers(const std::string& topic) {
 void PhoenixTestServer::Impl::send(ConnectionId connection, const Ref& joinRef, const Ref& ref,
                                    const std::string& topic, std::string_view event,
                                    json::object payload) {
-  auto text = json::serialize(
-      json::array{toJson(joinRef), toJson(ref), json::value(topic), json::value(event), std::move(payload)});
+  auto text = json::serialize(json::array{toJson(joinRef), toJson(ref), json::value(topic),
+                                          json::value(event), std::move(payload)});
   trace(connection, "-> ", text);
   ws_->sendTextTo(connection, std::move(text));
 }
@@ -493,7 +501,8 @@ void PhoenixTestServer::Impl::reply(ConnectionId connection, const Ref& joinRef,
 void PhoenixTestServer::Impl::trace(ConnectionId connection, std::string_view direction,
                                     std::string_view text) const {
   if (options_.trace) {
-    options_.trace("[" + std::to_string(connection) + "] " + std::string(direction) + std::string(text));
+    options_.trace("[" + std::to_string(connection) + "] " + std::string(direction) +
+                   std::string(text));
   }
 }
 
@@ -543,19 +552,13 @@ std::vector<Frame> PhoenixTestServer::receivedFrames(std::string_view topic,
 }
 
 std::size_t PhoenixTestServer::countReceived(std::string_view topic, std::string_view event) const {
-  return impl_->records_.read([&](const auto& r) {
-    return static_cast<std::size_t>(std::count_if(
-        r.frames.begin(), r.frames.end(), [&](const Frame& f) { return matches(f, topic, event); }));
-  });
+  return impl_->records_.read([&](const auto& r) { return countMatching(r.frames, topic, event); });
 }
 
 bool PhoenixTestServer::waitForFrames(std::string_view topic, std::string_view event,
                                       std::size_t count, std::chrono::milliseconds timeout) const {
-  return impl_->records_.waitFor(timeout, [&](const auto& r) {
-    return static_cast<std::size_t>(std::count_if(r.frames.begin(), r.frames.end(), [&](const Frame& f) {
-             return matches(f, topic, event);
-           })) >= count;
-  });
+  return impl_->records_.waitFor(
+      timeout, [&](const auto& r) { return countMatching(r.frames, topic, event) >= count; });
 }
 
 std::size_t PhoenixTestServer::heartbeatsReceived() const {

@@ -61,9 +61,10 @@ void setRandomSerial(X509* cert) {
 }
 
 void setCommonName(X509_NAME* name, const char* commonName) {
-  check(X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
-                                   reinterpret_cast<const unsigned char*>("Vantor tests"), -1, -1, 0),
-        "subject organisation");
+  check(
+      X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
+                                 reinterpret_cast<const unsigned char*>("Vantor tests"), -1, -1, 0),
+      "subject organisation");
   check(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                    reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0),
         "subject common name");
@@ -136,7 +137,8 @@ TestCertificates TestCertificates::generate() {
       [&](BIO* bio) { return PEM_write_bio_X509(bio, server.get()); }, "server certificate PEM");
   result.serverPrivateKeyPem = toPem(
       [&](BIO* bio) {
-        return PEM_write_bio_PrivateKey(bio, serverKey.get(), nullptr, nullptr, 0, nullptr, nullptr);
+        return PEM_write_bio_PrivateKey(bio, serverKey.get(), nullptr, nullptr, 0, nullptr,
+                                        nullptr);
       },
       "server key PEM");
   return result;

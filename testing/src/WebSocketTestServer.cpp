@@ -15,10 +15,12 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <future>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -40,6 +42,13 @@ using ConnectionId = WebSocketTestServer::ConnectionId;
 // client does not hold a connection for the rest of the run.
 constexpr auto kHandshakeTimeout = std::chrono::seconds(10);
 constexpr std::size_t kMaxMessageSize = 1 << 20;
+// Frames queued to clients and not yet written, over all connections, above
+// which calls from test threads wait, for at most kBacklogWait. Keeps a
+// thread that floods the server from burying replies and heartbeat answers
+// under an ever longer queue; the bounded wait keeps a client that stopped
+// reading from stalling the test.
+constexpr std::size_t kBacklogLimit = 256;
+constexpr auto kBacklogWait = std::chrono::seconds(2);
 
 struct Outgoing {
   enum class Kind { text, binary, close } kind;
@@ -75,6 +84,8 @@ class ServerCore {
   void forEachOpen(const std::function<void(Session&)>& action);
   void withOpen(ConnectionId id, const std::function<void(Session&)>& action);
 
+  void backlogChanged(std::ptrdiff_t delta);
+
   // Any thread.
   void execute(const std::function<void()>& work);
 
@@ -109,6 +120,10 @@ class ServerCore {
   std::unordered_map<std::uint64_t, std::shared_ptr<Session>> sessions_;
   std::map<ConnectionId, std::weak_ptr<Session>> open_;
 
+  std::mutex backlogMutex_;
+  std::condition_variable backlogDrained_;
+  std::size_t backlog_ = 0;
+
   asio::executor_work_guard<asio::io_context::executor_type> work_;
   std::thread thread_;
 };
@@ -118,7 +133,7 @@ class ServerCore {
 class Session : public std::enable_shared_from_this<Session> {
  public:
   virtual ~Session() = default;
-  // Set by the server when the upgrade completes, before any hook runs.
+  // Set by the server when it accepts the upgrade, before any hook runs.
   std::optional<ConnectionId> id;
   virtual void start() = 0;
   virtual void enqueue(Outgoing item) = 0;
@@ -155,6 +170,7 @@ class StreamSession final : public Session {
     }
     closeQueued_ = item.kind == Outgoing::Kind::close;
     queue_.push_back(std::move(item));
+    server_.backlogChanged(1);
     writeNext();
   }
 
@@ -195,14 +211,27 @@ class StreamSession final : public Session {
       return refuse(*status, "handshake refused by the test server\n");
     }
     beast::get_lowest_layer(ws_).expires_never();
-    ws_.set_option(websocket::stream_base::timeout{kHandshakeTimeout, websocket::stream_base::none(),
-                                                   false});
+    ws_.set_option(
+        websocket::stream_base::timeout{kHandshakeTimeout, websocket::stream_base::none(), false});
     ws_.read_message_max(kMaxMessageSize);
+    // Recorded before the close reply goes out, so that a client whose close
+    // handshake completed finds its frame recorded. Answers to the server's
+    // own close are not recorded. The stream owns the callback: no `self`.
+    ws_.control_callback([this](websocket::frame_type kind, beast::string_view) {
+      if (kind == websocket::frame_type::close && !closeQueued_ && id) {
+        server_.closeFrameReceived(*id, ws_.reason());
+      }
+    });
+    // Counted before the 101 goes out: a client that has seen its connection
+    // open must find it registered, for example when a test closes it next.
+    // Frames queued meanwhile wait for the upgrade to finish.
+    server_.opened(self(), target_);
     ws_.async_accept(request, [self = self()](beast::error_code ec) {
       if (ec) {
         return self->finish();
       }
-      self->server_.opened(self, self->target_);
+      self->upgraded_ = true;
+      self->writeNext();
       self->readNext();
     });
   }
@@ -213,23 +242,19 @@ class StreamSession final : public Session {
     response_->keep_alive(false);
     response_->body() = std::move(body);
     response_->prepare_payload();
-    http::async_write(ws_.next_layer(), *response_,
-                      [self = self()](beast::error_code, std::size_t) {
-                        // Half-close first so that the client reads the whole
-                        // response rather than a reset.
-                        beast::error_code ignored;
-                        beast::get_lowest_layer(self->ws_).socket().shutdown(
-                            tcp::socket::shutdown_send, ignored);
-                        self->finish();
-                      });
+    http::async_write(
+        ws_.next_layer(), *response_, [self = self()](beast::error_code, std::size_t) {
+          // Half-close first so that the client reads the whole
+          // response rather than a reset.
+          beast::error_code ignored;
+          beast::get_lowest_layer(self->ws_).socket().shutdown(tcp::socket::shutdown_send, ignored);
+          self->finish();
+        });
   }
 
   void readNext() {
     ws_.async_read(readBuffer_, [self = self()](beast::error_code ec, std::size_t) {
       if (ec) {
-        if (ec == websocket::error::closed) {
-          self->server_.closeFrameReceived(*self->id, self->ws_.reason());
-        }
         return self->finish();
       }
       auto data = beast::buffers_to_string(self->readBuffer_.data());
@@ -244,7 +269,7 @@ class StreamSession final : public Session {
   }
 
   void writeNext() {
-    if (writing_ || queue_.empty() || finished_) {
+    if (!upgraded_ || writing_ || queue_.empty() || finished_) {
       return;
     }
     writing_ = true;
@@ -252,14 +277,19 @@ class StreamSession final : public Session {
     queue_.pop_front();
     if (current_.kind == Outgoing::Kind::close) {
       // The pending read ends with `closed` once the client answers.
-      ws_.async_close(websocket::close_reason(static_cast<websocket::close_code>(current_.code), current_.data),
-                      [self = self()](beast::error_code) { self->writing_ = false; });
+      auto code = static_cast<websocket::close_code>(current_.code);
+      ws_.async_close(websocket::close_reason(code, current_.data),
+                      [self = self()](beast::error_code) {
+                        self->writing_ = false;
+                        self->server_.backlogChanged(-1);
+                      });
       return;
     }
     ws_.text(current_.kind == Outgoing::Kind::text);
     ws_.async_write(asio::buffer(current_.data),
                     [self = self()](beast::error_code ec, std::size_t) {
                       self->writing_ = false;
+                      self->server_.backlogChanged(-1);
                       if (!ec) {
                         self->writeNext();
                       }
@@ -271,6 +301,7 @@ class StreamSession final : public Session {
       return;
     }
     finished_ = true;
+    server_.backlogChanged(-static_cast<std::ptrdiff_t>(queue_.size()));
     queue_.clear();
     beast::get_lowest_layer(ws_).close();
     server_.finished(key_, id);
@@ -286,6 +317,7 @@ class StreamSession final : public Session {
   beast::flat_buffer readBuffer_;
   std::deque<Outgoing> queue_;
   Outgoing current_{Outgoing::Kind::text, {}, 0};
+  bool upgraded_ = false;
   bool writing_ = false;
   bool closeQueued_ = false;
   bool finished_ = false;
@@ -354,6 +386,9 @@ void ServerCore::accept() {
       return;
     }
     if (!ec) {
+      // Replies go out at once rather than waiting to be coalesced.
+      beast::error_code ignored;
+      socket.set_option(tcp::no_delay(true), ignored);
       auto key = nextKey_++;
       std::shared_ptr<Session> session;
       if (tls_) {
@@ -392,8 +427,8 @@ void ServerCore::opened(const std::shared_ptr<Session>& session, const std::stri
   }
 }
 
-void ServerCore::textReceived(const std::shared_ptr<Session>& session,
-                                             ConnectionId id, std::string text) {
+void ServerCore::textReceived(const std::shared_ptr<Session>& session, ConnectionId id,
+                              std::string text) {
   records_.update([&](Records& r) { r.texts.push_back(text); });
   if (echo_) {
     session->enqueue({Outgoing::Kind::text, text});
@@ -410,8 +445,7 @@ void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
   }
 }
 
-void ServerCore::closeFrameReceived(ConnectionId id,
-                                                   const websocket::close_reason& reason) {
+void ServerCore::closeFrameReceived(ConnectionId id, const websocket::close_reason& reason) {
   records_.update([&](Records& r) {
     r.closeFrames.push_back({id, static_cast<std::uint16_t>(reason.code),
                              std::string(reason.reason.data(), reason.reason.size())});
@@ -445,12 +479,23 @@ void ServerCore::forEachOpen(const std::function<void(Session&)>& action) {
   }
 }
 
-void ServerCore::withOpen(ConnectionId id,
-                                         const std::function<void(Session&)>& action) {
+void ServerCore::withOpen(ConnectionId id, const std::function<void(Session&)>& action) {
   if (auto it = open_.find(id); it != open_.end()) {
     if (auto session = it->second.lock()) {
       action(*session);
     }
+  }
+}
+
+void ServerCore::backlogChanged(std::ptrdiff_t delta) {
+  bool drained = false;
+  {
+    std::lock_guard lock(backlogMutex_);
+    backlog_ = static_cast<std::size_t>(static_cast<std::ptrdiff_t>(backlog_) + delta);
+    drained = delta < 0 && backlog_ < kBacklogLimit;
+  }
+  if (drained) {
+    backlogDrained_.notify_all();
   }
 }
 
@@ -461,6 +506,10 @@ void ServerCore::execute(const std::function<void()>& work) {
   if (io_.get_executor().running_in_this_thread()) {
     work();
     return;
+  }
+  {
+    std::unique_lock lock(backlogMutex_);
+    backlogDrained_.wait_for(lock, kBacklogWait, [&] { return backlog_ < kBacklogLimit; });
   }
   std::promise<void> done;
   auto future = done.get_future();
@@ -555,15 +604,17 @@ void WebSocketTestServer::dropConnections() {
 
 void WebSocketTestServer::sendTextTo(ConnectionId connection, std::string text) {
   impl_->execute([&] {
-    impl_->withOpen(connection,
-                    [&](Session& s) { s.enqueue({Outgoing::Kind::text, std::move(text)}); });
+    impl_->withOpen(connection, [&](Session& s) {
+      s.enqueue({Outgoing::Kind::text, std::move(text)});
+    });
   });
 }
 
 void WebSocketTestServer::sendBinaryTo(ConnectionId connection, std::string bytes) {
   impl_->execute([&] {
-    impl_->withOpen(connection,
-                    [&](Session& s) { s.enqueue({Outgoing::Kind::binary, std::move(bytes)}); });
+    impl_->withOpen(connection, [&](Session& s) {
+      s.enqueue({Outgoing::Kind::binary, std::move(bytes)});
+    });
   });
 }
 
@@ -601,9 +652,7 @@ std::vector<std::string> WebSocketTestServer::handshakeTargets() const {
   return impl_->records_.read([](const auto& r) { return r.targets; });
 }
 
-void WebSocketTestServer::execute(const std::function<void()>& work) const {
-  impl_->execute(work);
-}
+void WebSocketTestServer::execute(const std::function<void()>& work) const { impl_->execute(work); }
 
 void WebSocketTestServer::runAfter(std::chrono::milliseconds delay, std::function<void()> work) {
   auto* impl = impl_.get();

@@ -1,6 +1,8 @@
 // vantor-test-server: runs the loopback protocol server until interrupted,
 // for trying clients and the demo by hand.
-#include <csignal>
+#include <pthread.h>
+#include <signal.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

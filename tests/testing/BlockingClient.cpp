@@ -12,7 +12,6 @@
 #include <boost/beast/websocket/ssl.hpp>
 #include <boost/url/parse.hpp>
 
-
 namespace vantor::testing {
 namespace {
 namespace asio = boost::asio;
@@ -104,9 +103,8 @@ BlockingClient::BlockingClient(const std::string& url, Options options)
     auto fail = [&](const char* step, beast::error_code error, int status = 0) {
       throw HandshakeError(std::string(step) + ": " + error.message(), status);
     };
-    if (auto error = impl_->run([&](auto handler) {
-          beast::get_lowest_layer(ws).async_connect(endpoints, handler);
-        })) {
+    if (auto error = impl_->run(
+            [&](auto handler) { beast::get_lowest_layer(ws).async_connect(endpoints, handler); })) {
       fail("connect", error);
     }
     if constexpr (std::is_same_v<std::decay_t<decltype(ws)>, TlsStream>) {
@@ -128,9 +126,7 @@ BlockingClient::BlockingClient(const std::string& url, Options options)
   });
 }
 
-BlockingClient::~BlockingClient() {
-  impl_->closeSocket();
-}
+BlockingClient::~BlockingClient() { impl_->closeSocket(); }
 
 void BlockingClient::sendText(std::string_view text) {
   impl_->visit([&](auto& ws) {
@@ -151,7 +147,8 @@ BlockingClient::Frame BlockingClient::read() {
     beast::flat_buffer buffer;
     auto error = impl_->run([&](auto handler) { ws.async_read(buffer, handler); });
     if (error == websocket::error::closed) {
-      return Frame{Frame::Kind::close, std::string(ws.reason().reason.data(), ws.reason().reason.size()),
+      return Frame{Frame::Kind::close,
+                   std::string(ws.reason().reason.data(), ws.reason().reason.size()),
                    static_cast<std::uint16_t>(ws.reason().code)};
     }
     if (error) {
@@ -164,7 +161,8 @@ BlockingClient::Frame BlockingClient::read() {
 
 void BlockingClient::close(std::uint16_t code) {
   impl_->visit([&](auto& ws) {
-    return impl_->run([&](auto handler) { ws.async_close(websocket::close_reason(code), handler); });
+    return impl_->run(
+        [&](auto handler) { ws.async_close(websocket::close_reason(code), handler); });
   });
 }
 

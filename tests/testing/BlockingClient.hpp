@@ -23,7 +23,8 @@ class BlockingClient {
 
   /// Thrown when connecting or the opening handshake fails.
   struct HandshakeError : std::runtime_error {
-    HandshakeError(const std::string& what, int status) : std::runtime_error(what), httpStatus(status) {}
+    HandshakeError(const std::string& what, int status)
+        : std::runtime_error(what), httpStatus(status) {}
     int httpStatus;  ///< the refusing HTTP status, 0 when there was no response
   };
 

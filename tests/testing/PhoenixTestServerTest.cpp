@@ -121,8 +121,7 @@ TEST(PhoenixTestServer, JoinsRepliesAndRefusals) {
   EXPECT_EQ(client.join("room:1", "1"),
             parse(R"(["1","1","room:1","phx_reply",{"status":"ok","response":{}}])"));
   EXPECT_EQ(server.memberCount("room:1"), 1U);
-  EXPECT_EQ(client.join("room:secret", "2"),
-            parse(R"(["2","2","room:secret","phx_reply",
+  EXPECT_EQ(client.join("room:secret", "2"), parse(R"(["2","2","room:secret","phx_reply",
                       {"status":"error","response":{"reason":"not for you"}}])"));
   client.send("3", "3", "room:silent", "phx_join");
   EXPECT_EQ(client.join("room:2", "4").as_array()[0], "4");  // room:silent never answered
@@ -286,8 +285,8 @@ TEST(PhoenixTestServer, TracksPresencePerTopic) {
   ASSERT_TRUE(aliceRef.is_string());
   auto aliceJoin = alice.next();
   EXPECT_EQ(aliceJoin.as_array()[3], "presence_diff");
-  EXPECT_EQ(aliceJoin.as_array()[4],
-            json::value(json::object{{"joins", aliceState.as_array()[4]}, {"leaves", json::object{}}}));
+  EXPECT_EQ(aliceJoin.as_array()[4], json::value(json::object{{"joins", aliceState.as_array()[4]},
+                                                              {"leaves", json::object{}}}));
 
   // Integer user ids count as their text; extra meta fields are carried.
   bob.join("room:1", "1", {{"user_id", 42}, {"presence_meta", {{"name", "Bob"}}}});

@@ -27,7 +27,8 @@ auto fromPem(const std::string& pem, Read read) {
 }
 
 CertPtr certificate(const std::string& pem) {
-  return CertPtr(fromPem(pem, [](BIO* b) { return PEM_read_bio_X509(b, nullptr, nullptr, nullptr); }));
+  return CertPtr(
+      fromPem(pem, [](BIO* b) { return PEM_read_bio_X509(b, nullptr, nullptr, nullptr); }));
 }
 
 // Whether `leaf` chains up to `ca` under OpenSSL's standard checks.
@@ -57,9 +58,8 @@ TEST(TestCertificates, ServerCertificateNamesTheLoopbackHostsAndMatchesItsKey) {
   EXPECT_EQ(X509_check_host(server.get(), "example.com", 0, 0, nullptr), 0);
   EXPECT_EQ(X509_check_ip_asc(server.get(), "127.0.0.1", 0), 1);
   EXPECT_EQ(X509_check_ip_asc(server.get(), "::1", 0), 1);
-  KeyPtr key(fromPem(certs.serverPrivateKeyPem, [](BIO* b) {
-    return PEM_read_bio_PrivateKey(b, nullptr, nullptr, nullptr);
-  }));
+  KeyPtr key(fromPem(certs.serverPrivateKeyPem,
+                     [](BIO* b) { return PEM_read_bio_PrivateKey(b, nullptr, nullptr, nullptr); }));
   ASSERT_TRUE(key);
   EXPECT_EQ(X509_check_private_key(server.get(), key.get()), 1);
   EXPECT_EQ(EVP_PKEY_get_base_id(key.get()), EVP_PKEY_EC);

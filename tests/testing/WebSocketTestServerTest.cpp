@@ -62,22 +62,22 @@ TEST(WebSocketTestServer, SendsToAllOrToOneConnection) {
 
 TEST(WebSocketTestServer, ClosesWithTheGivenCodeAndRecordsClientCloses) {
   WebSocketTestServer server;
+  // No waiting in between: what a client has seen happen, the server has
+  // recorded, so a test may act on it at once.
   BlockingClient closedByServer(server.url());
-  BlockingClient closingClient(server.url());
-  ASSERT_TRUE(server.waitForConnections(2, kWait));
-
-  server.closeConnection(0, 4001, "bye");
+  server.closeWith(4001, "bye");
   auto frame = closedByServer.read();
   EXPECT_EQ(frame.kind, Kind::close);
   EXPECT_EQ(frame.code, 4001);
   EXPECT_EQ(frame.data, "bye");
 
+  BlockingClient closingClient(server.url());
   closingClient.close(4002);
-  ASSERT_TRUE(server.waitForOpenConnections(0, kWait));
   auto closes = server.receivedCloseFrames();
   ASSERT_EQ(closes.size(), 1U);
   EXPECT_EQ(closes[0].connection, 1U);
   EXPECT_EQ(closes[0].code, 4002);
+  EXPECT_TRUE(server.waitForOpenConnections(0, kWait));
 }
 
 TEST(WebSocketTestServer, RefusesHandshakesWithTheGivenStatusUntilToldOtherwise) {
@@ -185,7 +185,8 @@ TEST(WebSocketTestServer, HooksRunOnTheServerThreadAndMayCallBack) {
   options.hooks.onOpen = [&](auto id, const std::string& target) {
     self.load()->sendTextTo(id, "welcome " + target);
   };
-  options.hooks.onText = [&](auto id, const std::string& text) { self.load()->sendTextTo(id, "got " + text);
+  options.hooks.onText = [&](auto id, const std::string& text) {
+    self.load()->sendTextTo(id, "got " + text);
   };
   options.hooks.onClosed = [&](auto) { ++closed; };
   WebSocketTestServer server(std::move(options));

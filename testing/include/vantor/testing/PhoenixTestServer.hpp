@@ -83,7 +83,9 @@ namespace vantor::testing {
 /// are carried onto the server thread and return once the server has acted
 /// (frames queued, sockets closed), not once the client has seen it. The
 /// destructor must not race with other calls. Making and destroying many
-/// servers in one process is fine.
+/// servers in one process is fine. Calls wait briefly while clients are far
+/// behind in reading (see `WebSocketTestServer`), so a flood from a test
+/// thread does not starve replies and heartbeats.
 class PhoenixTestServer {
  public:
   using ConnectionId = WebSocketTestServer::ConnectionId;
@@ -146,7 +148,8 @@ class PhoenixTestServer {
   /// The frames on `topic` with `event`; an empty `event` matches any event.
   [[nodiscard]] std::vector<Frame> receivedFrames(std::string_view topic,
                                                   std::string_view event = {}) const;
-  [[nodiscard]] std::size_t countReceived(std::string_view topic, std::string_view event = {}) const;
+  [[nodiscard]] std::size_t countReceived(std::string_view topic,
+                                          std::string_view event = {}) const;
   /// Waits until at least `count` frames matching `topic` and `event` (as
   /// above) have been received.
   bool waitForFrames(std::string_view topic, std::string_view event, std::size_t count,
@@ -174,9 +177,11 @@ class PhoenixTestServer {
   /// Ends the channel on `topic` as a crash: [join_ref, join_ref, topic,
   /// "phx_error", {}] to the member on `connection`, or to every member when
   /// none is given. The members are gone afterwards (presence leaves follow).
-  void crashChannel(const std::string& topic, std::optional<ConnectionId> connection = std::nullopt);
+  void crashChannel(const std::string& topic,
+                    std::optional<ConnectionId> connection = std::nullopt);
   /// The same with "phx_close": the server ended the channel.
-  void closeChannel(const std::string& topic, std::optional<ConnectionId> connection = std::nullopt);
+  void closeChannel(const std::string& topic,
+                    std::optional<ConnectionId> connection = std::nullopt);
   /// [null, null, topic, event, payload] to every member of `topic`.
   void broadcast(const std::string& topic, const std::string& event, boost::json::object payload);
   /// [join_ref, null, topic, event, payload] to the member on `connection`,

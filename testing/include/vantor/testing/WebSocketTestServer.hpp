@@ -24,7 +24,11 @@ namespace vantor::testing {
 ///
 /// The server runs its own `io_context` on a thread of its own; every network
 /// operation and every hook runs on that thread. Connections are numbered
-/// 0, 1, 2 ... in the order in which their upgrade completed (`ConnectionId`).
+/// 0, 1, 2 ... in the order in which their upgrade was accepted
+/// (`ConnectionId`). A connection is counted and open from the moment the
+/// server accepts its upgrade, before the client learns of it, so whatever a
+/// test does after its client saw the connection open reaches that
+/// connection.
 ///
 /// Misbehaving clients (vanishing, sending garbage, closing mid-handshake,
 /// failing TLS) only end their own connection. A handshake or a close
@@ -35,6 +39,11 @@ namespace vantor::testing {
 /// thread and wait for it, so their effect (a frame queued, a socket closed)
 /// has happened on the server side when they return; the client sees it
 /// later. `stop()` and the destructor must not race with other calls.
+///
+/// Back-pressure: while more than a few hundred frames wait to be written to
+/// clients, calls from other threads wait (at most two seconds) before they
+/// act, so a test thread that floods clients cannot bury replies and
+/// heartbeat answers under an ever growing queue.
 class WebSocketTestServer {
  public:
   using ConnectionId = std::size_t;
@@ -46,14 +55,16 @@ class WebSocketTestServer {
     /// Returning an HTTP status refuses the upgrade with it; `nullopt`
     /// accepts. Not asked while `refuseHandshake` is in force.
     std::function<std::optional<int>(const std::string& target)> screenHandshake;
-    /// A connection completed its upgrade. Runs after it is counted, so
-    /// that frames it sends cannot arrive before the count is visible.
+    /// The server accepted a connection's upgrade; the 101 response is on
+    /// its way, and frames sent now follow it. Runs after the connection is
+    /// counted, so a client never sees frames before the count is visible.
     std::function<void(ConnectionId, const std::string& target)> onOpen;
     /// A text frame arrived (after it was recorded).
     std::function<void(ConnectionId, const std::string& text)> onText;
     /// A binary frame arrived (after it was recorded).
     std::function<void(ConnectionId, const std::string& bytes)> onBinary;
-    /// An upgraded connection ended, for whatever reason. Runs before the
+    /// A connection that `onOpen` announced ended, for whatever reason (also
+    /// when the client vanished before the upgrade finished). Runs before the
     /// connection leaves `openConnections()`.
     std::function<void(ConnectionId)> onClosed;
   };
@@ -108,13 +119,13 @@ class WebSocketTestServer {
   /// refused requests still appear in `handshakeTargets()`.
   void refuseHandshake(std::optional<int> httpStatus);
 
-  /// Waits until `count` connections have been upgraded since the start
-  /// (cumulative). False when the timeout passes first.
+  /// Waits until the upgrades of `count` connections have been accepted since
+  /// the start (cumulative). False when the timeout passes first.
   bool waitForConnections(std::size_t count, std::chrono::milliseconds timeout) const;
   /// Waits until exactly `count` connections are open. False on timeout.
   bool waitForOpenConnections(std::size_t count, std::chrono::milliseconds timeout) const;
   [[nodiscard]] std::size_t openConnections() const;
-  /// Upgraded connections since the start, open or not.
+  /// Connections accepted since the start, open or not.
   [[nodiscard]] std::size_t connectionCount() const;
 
   /// Queues a text frame to every open connection.
