@@ -93,6 +93,7 @@ class ServerCore {
   std::optional<ssl::context> tls_;
   asio::io_context io_;
   std::uint16_t port_ = 0;
+  std::string address_;
 
   // Server-thread state.
   bool echo_;
@@ -338,7 +339,8 @@ ServerCore::ServerCore(Options options)
     tls_->use_certificate_chain(asio::buffer(options.tls->serverCertificatePem));
     tls_->use_private_key(asio::buffer(options.tls->serverPrivateKeyPem), ssl::context::pem);
   }
-  tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), options.port);
+  address_ = options.address;
+  tcp::endpoint endpoint(asio::ip::make_address_v4(address_), options.port);
   acceptor_.open(endpoint.protocol());
   acceptor_.set_option(tcp::acceptor::reuse_address(true));
   acceptor_.bind(endpoint);
@@ -545,7 +547,10 @@ std::uint16_t WebSocketTestServer::port() const { return impl_->port_; }
 bool WebSocketTestServer::usesTls() const { return impl_->tls_.has_value(); }
 
 std::string WebSocketTestServer::url(std::string_view pathAndQuery) const {
-  std::string result = usesTls() ? "wss://localhost:" : "ws://127.0.0.1:";
+  const auto& address = impl_->address_;
+  std::string result = !usesTls()                ? "ws://" + address + ":"
+                       : address == "127.0.0.1" ? std::string("wss://localhost:")
+                                                : "wss://" + address + ":";
   result += std::to_string(port());
   if (pathAndQuery.empty() || pathAndQuery.front() != '/') {
     result += '/';

@@ -9,6 +9,7 @@
 #include <boost/url/parse.hpp>
 #include <fstream>
 #include <map>
+#include <ostream>
 #include <sstream>
 #include <thread>
 
@@ -154,6 +155,9 @@ struct ExchangeCase {
   // Turns the authorization URL into the redirect that the browser brings.
   std::function<std::string(const std::string& state)> redirect;
 };
+
+// Names the case in test listings instead of dumping its bytes.
+void PrintTo(const ExchangeCase& exchange, std::ostream* out) { *out << exchange.name; }
 
 class FailedExchangeTest : public QMOAuthAccountManagerTest,
                            public ::testing::WithParamInterface<ExchangeCase> {};

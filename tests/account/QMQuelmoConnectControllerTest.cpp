@@ -6,6 +6,7 @@
 #include <boost/thread/future.hpp>
 #include <chrono>
 #include <mutex>
+#include <ostream>
 
 #include <vantor/account/QMAccountFactory.hpp>
 #include <vantor/account/QMAccountManager.hpp>
@@ -287,6 +288,8 @@ struct RedirectCase {
   std::optional<Error> error;    // thrown by handleOAuthResponse
   std::optional<std::string> code;  // exchanged otherwise
 };
+
+void PrintTo(const RedirectCase& redirect, std::ostream* out) { *out << redirect.url; }
 
 class RedirectTest : public QMQuelmoConnectControllerTest,
                      public ::testing::WithParamInterface<RedirectCase> {};

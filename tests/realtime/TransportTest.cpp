@@ -234,6 +234,22 @@ TEST_F(TransportOverTls, AnotherCaDoesNotHelp) {
   EXPECT_THAT(connection.delegate->kinds(), ElementsAre("error", "close:999"));
 }
 
+TEST(TransportOverTlsToAnotherHost, ATrustedCertificateForOtherNamesFailsTheHandshake) {
+  // The certificate chains to a trusted CA but names localhost, 127.0.0.1
+  // and ::1 only, not the 127.0.0.2 the client asked for.
+  auto certificates = TestCertificates::generate();
+  WebSocketTestServer server{
+      WebSocketTestServer::Options{.tls = certificates, .address = "127.0.0.2"}};
+  URLSessionConfiguration configuration;
+  configuration.additionalCertificateAuthorities.push_back(certificates.caCertificatePem);
+  Connection connection(transportFor(server.url(), configuration));
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("close"));
+  EXPECT_THAT(connection.delegate->kinds(), ElementsAre("error", "close:999"));
+  EXPECT_THAT(connection.delegate->events().at(0).detail, HasSubstr("certificate verify failed"));
+  EXPECT_EQ(server.connectionCount(), 0U);
+}
+
 TEST_F(TransportOverTls, AnUnreadableCaIsReportedAsAConnectionError) {
   URLSessionConfiguration configuration;
   configuration.additionalCertificateAuthorities.push_back("not a certificate");

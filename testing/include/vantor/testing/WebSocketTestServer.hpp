@@ -74,6 +74,9 @@ class WebSocketTestServer {
   struct Options {
     std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set, plain ws otherwise
     std::uint16_t port = 0;                              ///< 0: a free port
+    /// The loopback address to listen on; another one than 127.0.0.1 (such
+    /// as 127.0.0.2) is absent from the test certificate.
+    std::string address = "127.0.0.1";
     bool echo = true;                                    ///< initial value of `setEcho`
     Hooks hooks = {};
   };
@@ -85,7 +88,7 @@ class WebSocketTestServer {
     std::string reason;
   };
 
-  /// Listens on 127.0.0.1 and starts the server thread.
+  /// Listens on `Options::address` and starts the server thread.
   /// Throws `std::system_error` when the port cannot be opened or OpenSSL
   /// rejects the TLS certificate or key.
   WebSocketTestServer();
@@ -107,8 +110,9 @@ class WebSocketTestServer {
 
   [[nodiscard]] std::uint16_t port() const;
   [[nodiscard]] bool usesTls() const;
-  /// "ws://127.0.0.1:<port><pathAndQuery>" or, with TLS,
-  /// "wss://localhost:<port><pathAndQuery>" (the name the certificate holds).
+  /// "ws://<address>:<port><pathAndQuery>" or, with TLS,
+  /// "wss://localhost:<port><pathAndQuery>" (the name the certificate holds;
+  /// the address itself when it is not 127.0.0.1).
   /// A `pathAndQuery` without a leading "/" gets one.
   [[nodiscard]] std::string url(std::string_view pathAndQuery = "/") const;
 
