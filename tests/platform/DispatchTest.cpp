@@ -3,6 +3,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <vector>
 
 #include "vantor/platform/DispatchQueue.hpp"
 #include "vantor/platform/DispatchSourceTimer.hpp"
@@ -14,7 +15,6 @@ using namespace std::chrono_literals;
 
 TEST(DispatchQueue, RunsBlocksInOrderOnTheLoopAndSyncSeesEarlierAsyncWork) {
   DispatchQueue queue("test.queue");
-  EXPECT_EQ(queue.label(), "test.queue");
   std::vector<int> seen;
   for (int i = 0; i < 50; ++i) {
     queue.async([&seen, i] { seen.push_back(i); });
@@ -26,51 +26,45 @@ TEST(DispatchQueue, RunsBlocksInOrderOnTheLoopAndSyncSeesEarlierAsyncWork) {
   EXPECT_TRUE(queue.sync([&] { return queue.loop().isCurrentThread(); }));
 }
 
-TEST(DispatchSourceTimer, RepeatsUntilCancelledAndNeverFiresAfterwards) {
+// A timer repeats until cancelled on its queue, a handler that cancels its
+// own timer is not called again, and releasing a timer stops it.
+TEST(DispatchSourceTimer, RepeatsUntilCancelledOrReleasedAndNeverFiresAfterwards) {
   DispatchQueue queue("test.timer");
   auto timer = DispatchSourceTimer::make(queue);
+  auto selfCancelling = DispatchSourceTimer::make(queue);
+  auto released = DispatchSourceTimer::make(queue);
   std::atomic<int> ticks{0};
+  std::atomic<int> selfTicks{0};
+  std::atomic<int> releasedTicks{0};
   std::promise<void> threeTicks;
   timer->setEventHandler([&] {
     if (++ticks == 3) {
       threeTicks.set_value();
     }
   });
+  selfCancelling->setEventHandler([&] {
+    ++selfTicks;
+    selfCancelling->cancel();
+  });
+  released->setEventHandler([&] { ++releasedTicks; });
   timer->schedule(2ms, 2ms, 0ms);
-  timer->resume();
+  selfCancelling->schedule(1ms, 1ms, 0ms);
+  released->schedule(5ms, 5ms, 0ms);
+  queue.sync([&] {
+    timer->resume();
+    selfCancelling->resume();
+    released->resume();
+    released.reset();
+  });
   ASSERT_EQ(threeTicks.get_future().wait_for(10s), std::future_status::ready);
   // Cancel on the queue, as a heartbeat stop does, so no tick is running.
   queue.sync([&] { timer->cancel(); });
   int atCancel = ticks;
-  std::this_thread::sleep_for(20ms);
+  std::this_thread::sleep_for(30ms);
   EXPECT_EQ(ticks, atCancel);
   EXPECT_TRUE(timer->isCancelled());
-}
-
-TEST(DispatchSourceTimer, AHandlerThatCancelsItsTimerIsNotCalledAgain) {
-  DispatchQueue queue("test.timer.self");
-  auto timer = DispatchSourceTimer::make(queue);
-  std::atomic<int> ticks{0};
-  timer->setEventHandler([&] {
-    ++ticks;
-    timer->cancel();
-  });
-  timer->schedule(1ms, 1ms, 0ms);
-  timer->resume();
-  std::this_thread::sleep_for(30ms);
-  EXPECT_EQ(ticks, 1);
-}
-
-TEST(DispatchSourceTimer, ReleasingTheTimerStopsIt) {
-  DispatchQueue queue("test.timer.release");
-  std::atomic<int> ticks{0};
-  auto timer = DispatchSourceTimer::make(queue);
-  timer->setEventHandler([&] { ++ticks; });
-  timer->schedule(5ms, 5ms, 0ms);
-  timer->resume();
-  queue.sync([&] { timer.reset(); });
-  std::this_thread::sleep_for(30ms);
-  EXPECT_EQ(ticks, 0);
+  EXPECT_EQ(selfTicks, 1);
+  EXPECT_EQ(releasedTicks, 0);
 }
 
 }  // namespace
