@@ -97,16 +97,6 @@ json::object replyPayload(std::string_view status, json::object response) {
   return {{"status", status}, {"response", std::move(response)}};
 }
 
-std::string normalisedPath(std::string path) {
-  while (!path.empty() && path.back() == '/') {
-    path.pop_back();
-  }
-  if (path.empty() || path.front() != '/') {
-    path.insert(path.begin(), '/');
-  }
-  return path;
-}
-
 }  // namespace
 
 class PhoenixTestServer::Impl {
@@ -118,15 +108,7 @@ class PhoenixTestServer::Impl {
   Impl& operator=(const Impl&) = delete;
 
   WebSocketTestServer& ws() { return *ws_; }
-  const std::string& endpointPath() const { return endpointPath_; }
 
-  // Carries `f` onto the server thread and returns its result.
-  template <class F>
-  auto onServer(F f) {
-    decltype(f()) result{};
-    ws_->execute([&] { result = f(); });
-    return result;
-  }
   void onServerDo(const std::function<void()>& f) { ws_->execute(f); }
 
   // Everything below runs on the server thread.
@@ -142,13 +124,8 @@ class PhoenixTestServer::Impl {
   void broadcast(const std::string& topic, std::string_view event, const json::object& payload);
   json::object presenceState(const std::string& topic) const;
 
-  struct Rule {
-    bool ignore = false;
-    std::string reason;
-  };
-  std::map<std::string, Rule> rules_;
+  std::map<std::string, std::string> forbidden_;  // topic -> reason
   bool answerHeartbeats_ = true;
-  bool diffBeforeState_;
 
   // Counted here rather than taken from the WebSocket layer, so that a wait
   // that returns sees this server's processing of the event as well.
@@ -156,8 +133,6 @@ class PhoenixTestServer::Impl {
     std::vector<std::map<std::string, std::string>> params;  // one per connection so far
     std::size_t open = 0;
     std::vector<Frame> frames;
-    std::vector<std::string> invalid;
-    std::size_t binaries = 0;
     std::map<std::string, std::size_t> members;
   };
   Recorder<Records> records_;
@@ -189,8 +164,6 @@ class PhoenixTestServer::Impl {
   void trace(ConnectionId connection, std::string_view direction, std::string_view text) const;
 
   Options options_;
-  std::string endpointPath_;
-  std::string websocketPath_;
   std::map<ConnectionId, std::map<std::string, Membership>> channels_;
   std::map<std::string, std::vector<Presence>> presence_;
   std::uint64_t nextPhxRef_ = 1;
@@ -199,10 +172,7 @@ class PhoenixTestServer::Impl {
 };
 
 PhoenixTestServer::Impl::Impl(Options options)
-    : diffBeforeState_(options.presenceDiffBeforeState),
-      options_(std::move(options)),
-      endpointPath_(normalisedPath(options_.endpointPath)),
-      websocketPath_((endpointPath_ == "/" ? "" : endpointPath_) + "/websocket") {
+    : options_(std::move(options)) {
   WebSocketTestServer::Options wsOptions;
   wsOptions.tls = std::move(options_.tls);
   wsOptions.port = options_.port;
@@ -212,7 +182,6 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
   wsOptions.hooks.onBinary = [this](ConnectionId c, const std::string&) {
     trace(c, "<- ", "(binary frame, ignored)");
-    records_.update([](Records& r) { ++r.binaries; });
   };
   wsOptions.hooks.onClosed = [this](ConnectionId c) { closed(c); };
   ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
@@ -223,7 +192,7 @@ std::optional<int> PhoenixTestServer::Impl::screen(const std::string& target) co
   if (!parsed) {
     return 400;
   }
-  if (parsed->path() != websocketPath_) {
+  if (parsed->path() != "/socket/websocket") {
     return 404;
   }
   auto params = parsed->params();
@@ -253,7 +222,6 @@ void PhoenixTestServer::Impl::received(ConnectionId connection, const std::strin
   trace(connection, "<- ", text);
   auto frame = decodeFrame(connection, text);
   if (!frame) {
-    records_.update([&](Records& r) { r.invalid.push_back(text); });
     return;
   }
   records_.update([&](Records& r) { r.frames.push_back(*frame); });
@@ -318,11 +286,8 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
     send(connection, oldRef, oldRef, topic, "phx_close", {});
     removeChannel(connection, topic);
   }
-  if (auto rule = rules_.find(topic); rule != rules_.end()) {
-    if (rule->second.ignore) {
-      return;
-    }
-    reply(connection, frame.joinRef, frame.ref, topic, "error", {{"reason", rule->second.reason}});
+  if (auto reason = forbidden_.find(topic); reason != forbidden_.end()) {
+    reply(connection, frame.joinRef, frame.ref, topic, "error", {{"reason", reason->second}});
     return;
   }
 
@@ -353,13 +318,13 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
   auto sendState = [&] {
     send(connection, frame.joinRef, std::nullopt, topic, "presence_state", presenceState(topic));
   };
-  if (!diffBeforeState_) {
+  if (!options_.presenceDiffBeforeState) {
     sendState();
   }
   if (!joins.empty()) {
     sendPresenceDiff(topic, std::move(joins), {});
   }
-  if (diffBeforeState_) {
+  if (options_.presenceDiffBeforeState) {
     sendState();
   }
 }
@@ -517,7 +482,7 @@ PhoenixTestServer::~PhoenixTestServer() = default;
 
 std::uint16_t PhoenixTestServer::port() const { return impl_->ws().port(); }
 
-std::string PhoenixTestServer::url() const { return impl_->ws().url(impl_->endpointPath()); }
+std::string PhoenixTestServer::url() const { return impl_->ws().url("/socket"); }
 
 bool PhoenixTestServer::waitForConnections(std::size_t count,
                                            std::chrono::milliseconds timeout) const {
@@ -535,10 +500,6 @@ std::size_t PhoenixTestServer::openConnections() const {
 
 std::vector<std::map<std::string, std::string>> PhoenixTestServer::connectParams() const {
   return impl_->records_.read([](const auto& r) { return r.params; });
-}
-
-std::vector<Frame> PhoenixTestServer::receivedFrames() const {
-  return impl_->records_.read([](const auto& r) { return r.frames; });
 }
 
 std::vector<Frame> PhoenixTestServer::receivedFrames(std::string_view topic,
@@ -565,24 +526,12 @@ std::size_t PhoenixTestServer::heartbeatsReceived() const {
   return countReceived("phoenix", "heartbeat");
 }
 
-std::vector<std::string> PhoenixTestServer::invalidFrames() const {
-  return impl_->records_.read([](const auto& r) { return r.invalid; });
-}
-
-std::size_t PhoenixTestServer::binaryFramesReceived() const {
-  return impl_->records_.read([](const auto& r) { return r.binaries; });
-}
-
 void PhoenixTestServer::forbidTopic(const std::string& topic, const std::string& reason) {
-  impl_->onServerDo([&] { impl_->rules_[topic] = {false, reason}; });
-}
-
-void PhoenixTestServer::ignoreJoins(const std::string& topic) {
-  impl_->onServerDo([&] { impl_->rules_[topic] = {true, {}}; });
+  impl_->onServerDo([&] { impl_->forbidden_[topic] = reason; });
 }
 
 void PhoenixTestServer::allowTopic(const std::string& topic) {
-  impl_->onServerDo([&] { impl_->rules_.erase(topic); });
+  impl_->onServerDo([&] { impl_->forbidden_.erase(topic); });
 }
 
 std::size_t PhoenixTestServer::memberCount(const std::string& topic) const {
@@ -624,14 +573,6 @@ void PhoenixTestServer::setHeartbeatReplies(bool answer) {
   impl_->onServerDo([&] { impl_->answerHeartbeats_ = answer; });
 }
 
-void PhoenixTestServer::setPresenceDiffBeforeState(bool diffFirst) {
-  impl_->onServerDo([&] { impl_->diffBeforeState_ = diffFirst; });
-}
-
-boost::json::object PhoenixTestServer::presenceState(const std::string& topic) const {
-  return impl_->onServer([&] { return impl_->presenceState(topic); });
-}
-
 void PhoenixTestServer::refuseHandshake(std::optional<int> httpStatus) {
   impl_->ws().refuseHandshake(httpStatus);
 }
@@ -644,11 +585,6 @@ void PhoenixTestServer::dropConnection(ConnectionId connection) {
 
 void PhoenixTestServer::closeWith(std::uint16_t code, std::string reason) {
   impl_->ws().closeWith(code, std::move(reason));
-}
-
-void PhoenixTestServer::closeConnection(ConnectionId connection, std::uint16_t code,
-                                        std::string reason) {
-  impl_->ws().closeConnection(connection, code, std::move(reason));
 }
 
 void PhoenixTestServer::sendRaw(std::string text, std::optional<ConnectionId> connection) {

@@ -104,8 +104,6 @@ class ServerCore {
   struct Records {
     std::size_t connections = 0;
     std::size_t open = 0;
-    std::vector<std::string> texts;
-    std::vector<std::string> binaries;
     std::vector<CloseFrame> closeFrames;
     std::vector<std::string> targets;
   };
@@ -431,7 +429,6 @@ void ServerCore::opened(const std::shared_ptr<Session>& session, const std::stri
 
 void ServerCore::textReceived(const std::shared_ptr<Session>& session, ConnectionId id,
                               std::string text) {
-  records_.update([&](Records& r) { r.texts.push_back(text); });
   if (echo_) {
     session->enqueue({Outgoing::Kind::text, text});
   }
@@ -441,7 +438,6 @@ void ServerCore::textReceived(const std::shared_ptr<Session>& session, Connectio
 }
 
 void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
-  records_.update([&](Records& r) { r.binaries.push_back(bytes); });
   if (hooks_.onBinary) {
     hooks_.onBinary(id, bytes);
   }
@@ -544,11 +540,10 @@ void WebSocketTestServer::stop() { impl_->stop(); }
 
 std::uint16_t WebSocketTestServer::port() const { return impl_->port_; }
 
-bool WebSocketTestServer::usesTls() const { return impl_->tls_.has_value(); }
 
 std::string WebSocketTestServer::url(std::string_view pathAndQuery) const {
   const auto& address = impl_->address_;
-  std::string result = !usesTls()                ? "ws://" + address + ":"
+  std::string result = !impl_->tls_              ? "ws://" + address + ":"
                        : address == "127.0.0.1" ? std::string("wss://localhost:")
                                                 : "wss://" + address + ":";
   result += std::to_string(port());
@@ -623,30 +618,8 @@ void WebSocketTestServer::sendBinaryTo(ConnectionId connection, std::string byte
   });
 }
 
-void WebSocketTestServer::closeConnection(ConnectionId connection, std::uint16_t code,
-                                          std::string reason) {
-  impl_->execute([&] {
-    impl_->withOpen(connection, [&](Session& s) {
-      s.enqueue({Outgoing::Kind::close, std::move(reason), code});
-    });
-  });
-}
-
 void WebSocketTestServer::dropConnection(ConnectionId connection) {
   impl_->execute([&] { impl_->withOpen(connection, [](Session& s) { s.drop(); }); });
-}
-
-std::vector<std::string> WebSocketTestServer::receivedTexts() const {
-  return impl_->records_.read([](const auto& r) { return r.texts; });
-}
-
-bool WebSocketTestServer::waitForReceived(std::size_t count,
-                                          std::chrono::milliseconds timeout) const {
-  return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.texts.size() >= count; });
-}
-
-std::vector<std::string> WebSocketTestServer::receivedBinaries() const {
-  return impl_->records_.read([](const auto& r) { return r.binaries; });
 }
 
 std::vector<WebSocketTestServer::CloseFrame> WebSocketTestServer::receivedCloseFrames() const {

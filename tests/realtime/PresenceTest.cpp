@@ -177,23 +177,6 @@ class PresenceOnChannel : public ::testing::Test {
   Calls calls;
 };
 
-TEST_F(PresenceOnChannel, DiffsBeforeTheSnapshotAreAppliedAfterItWithOneSync) {
-  EXPECT_TRUE(presence->isPendingSyncState());
-  deliver("presence_diff", R"({"joins": {"u2": {"metas": [{"phx_ref": "2"}]}}, "leaves": {}})");
-  EXPECT_EQ(presence->pendingDiffs().size(), 1U);
-  EXPECT_TRUE(calls.log.empty());
-
-  deliver("presence_state", R"({"u1": {"metas": [{"phx_ref": "1"}]}})");
-  EXPECT_THAT(calls.log, ElementsAre("join u1 - [1]", "join u2 - [2]", "sync"));
-  EXPECT_FALSE(presence->isPendingSyncState());
-  EXPECT_EQ(presence->joinRef(), joinRef);
-  EXPECT_TRUE(presence->pendingDiffs().empty());
-
-  deliver("presence_diff", R"({"joins": {}, "leaves": {"u1": {"metas": [{"phx_ref": "1"}]}}})");
-  EXPECT_THAT(presence->list(), ElementsAre(presence->state().at("u2")));
-  EXPECT_EQ(calls.log.back(), "sync");
-}
-
 TEST_F(PresenceOnChannel, AMalformedPayloadIsIgnoredWhole) {
   deliver("presence_state", R"({"u1": {"metas": [{"phx_ref": "1"}]}})");
   calls.log.clear();

@@ -23,7 +23,7 @@ namespace vantor::testing {
 /// [join_ref, ref, topic, event, payload], null for an absent reference),
 /// with channels and presence, for tests and demos.
 ///
-/// Endpoint: clients connect to `url()` with "/websocket" appended and the
+/// Endpoint: clients connect to `url()` ("/socket") with "/websocket" appended and the
 /// query `vsn=2.0.0&<params>`. Another path is refused with HTTP 404, a
 /// missing or other `vsn` with HTTP 400. The query parameters of each
 /// accepted connection are kept (`connectParams()`).
@@ -33,8 +33,7 @@ namespace vantor::testing {
 ///   {"status":"ok","response":{}}], unless `setHeartbeatReplies(false)`.
 /// - "phx_join": the ok reply [join_ref, ref, topic, "phx_reply",
 ///   {"status":"ok","response":{}}]; for a topic marked with `forbidTopic`
-///   an "error" reply with {"reason": reason}; for a topic marked with
-///   `ignoreJoins` nothing at all. Joining a topic that the connection has
+///   an "error" reply with {"reason": reason}. Joining a topic that the connection has
 ///   already joined first closes the older channel with
 ///   [old_join_ref, old_join_ref, topic, "phx_close", {}]; the newer join wins.
 /// - "phx_leave": the ok reply, then [join_ref, join_ref, topic, "phx_close",
@@ -70,7 +69,7 @@ namespace vantor::testing {
 /// "presence_state" rather than after it.
 ///
 /// Bad input from a client (unparsable JSON, a frame of the wrong shape, a
-/// binary frame) is recorded and otherwise ignored; the connection stays up.
+/// binary frame) is ignored; the connection stays up.
 ///
 /// Connections are numbered 0, 1, 2 ... in the order in which they opened,
 /// the same numbers as `Frame::connection`, the index in `connectParams()`
@@ -95,10 +94,9 @@ class PhoenixTestServer {
   struct Options {
     std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set
     std::uint16_t port = 0;                              ///< 0: a free port
-    /// Path of the endpoint that `url()` gives; the client adds "/websocket".
-    std::string endpointPath = "/socket";
     bool presence = true;                  ///< send presence_state and presence_diff
-    bool presenceDiffBeforeState = false;  ///< initial `setPresenceDiffBeforeState`
+    /// Send a joining member's own "presence_diff" before its "presence_state".
+    bool presenceDiffBeforeState = false;
     /// Called on the server thread with one line per frame received ("<- ")
     /// or sent ("-> "), prefixed by the connection number. For demos.
     std::function<void(const std::string&)> trace = nullptr;
@@ -143,8 +141,6 @@ class PhoenixTestServer {
 
   // --- What clients sent ----------------------------------------------------
 
-  /// Every well-formed frame received, heartbeats included, in order.
-  [[nodiscard]] std::vector<Frame> receivedFrames() const;
   /// The frames on `topic` with `event`; an empty `event` matches any event.
   [[nodiscard]] std::vector<Frame> receivedFrames(std::string_view topic,
                                                   std::string_view event = {}) const;
@@ -156,18 +152,12 @@ class PhoenixTestServer {
                      std::chrono::milliseconds timeout) const;
   /// Heartbeats received ("heartbeat" on "phoenix"), answered or not.
   [[nodiscard]] std::size_t heartbeatsReceived() const;
-  /// Text frames that were not well-formed frames, as received.
-  [[nodiscard]] std::vector<std::string> invalidFrames() const;
-  /// Binary frames received (ignored by the protocol).
-  [[nodiscard]] std::size_t binaryFramesReceived() const;
 
   // --- Channels -------------------------------------------------------------
 
   /// Later joins of `topic` get an "error" reply with {"reason": reason}.
   void forbidTopic(const std::string& topic, const std::string& reason = "unauthorized");
-  /// Later joins of `topic` get no reply at all (for join time-outs).
-  void ignoreJoins(const std::string& topic);
-  /// Undoes `forbidTopic` and `ignoreJoins`.
+  /// Undoes `forbidTopic`.
   void allowTopic(const std::string& topic);
   /// Channels joined on `topic`, over all connections.
   [[nodiscard]] std::size_t memberCount(const std::string& topic) const;
@@ -193,10 +183,6 @@ class PhoenixTestServer {
 
   /// Stop (false) or resume (true) answering heartbeats. Default true.
   void setHeartbeatReplies(bool answer);
-  /// Send a joining member's own "presence_diff" before its "presence_state".
-  void setPresenceDiffBeforeState(bool diffFirst);
-  /// The presence state of `topic` as a joining member would receive it now.
-  [[nodiscard]] boost::json::object presenceState(const std::string& topic) const;
 
   // --- Faults on the connection ---------------------------------------------
 
@@ -207,7 +193,6 @@ class PhoenixTestServer {
   void dropConnection(ConnectionId connection);
   /// Runs the close handshake with `code`.
   void closeWith(std::uint16_t code, std::string reason = {});
-  void closeConnection(ConnectionId connection, std::uint16_t code, std::string reason = {});
   /// Sends `text` as it is, e.g. "not json" or "[1,2,3,4,5]", to one or all
   /// connections.
   void sendRaw(std::string text, std::optional<ConnectionId> connection = std::nullopt);
@@ -215,7 +200,7 @@ class PhoenixTestServer {
   void sendBinary(std::string bytes, std::optional<ConnectionId> connection = std::nullopt);
 
   /// The WebSocket layer underneath, for anything not covered above (close
-  /// frames received, raw texts, handshake targets). Turning its echo on
+  /// frames received, handshake targets). Turning its echo on
   /// would confuse clients.
   [[nodiscard]] WebSocketTestServer& webSocket();
 

@@ -109,7 +109,6 @@ class WebSocketTestServer {
   void stop();
 
   [[nodiscard]] std::uint16_t port() const;
-  [[nodiscard]] bool usesTls() const;
   /// "ws://<address>:<port><pathAndQuery>" or, with TLS,
   /// "wss://localhost:<port><pathAndQuery>" (the name the certificate holds;
   /// the address itself when it is not 127.0.0.1).
@@ -146,15 +145,8 @@ class WebSocketTestServer {
   /// The same, for one connection. An unknown or ended connection is ignored.
   void sendTextTo(ConnectionId connection, std::string text);
   void sendBinaryTo(ConnectionId connection, std::string bytes);
-  void closeConnection(ConnectionId connection, std::uint16_t code, std::string reason = {});
   void dropConnection(ConnectionId connection);
 
-  /// Every text frame received from any connection, in order of arrival.
-  [[nodiscard]] std::vector<std::string> receivedTexts() const;
-  /// Waits until at least `count` text frames have been received in all.
-  bool waitForReceived(std::size_t count, std::chrono::milliseconds timeout) const;
-  /// Every binary frame received, in order of arrival.
-  [[nodiscard]] std::vector<std::string> receivedBinaries() const;
   /// Close frames that clients sent to start a close handshake, in order of
   /// arrival. Answers to the server's own close are not included.
   [[nodiscard]] std::vector<CloseFrame> receivedCloseFrames() const;
