@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -17,15 +16,9 @@ namespace fs = std::filesystem;
 
 class AccountStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_ = scratch_.path();
-    file_ = root_ / "config" / "com.example.notes" / "accounts.json";
-  }
-
   static std::string read(const fs::path& path) {
-    std::ifstream in(path);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
   }
   static unsigned mode(const fs::path& path) {
@@ -42,8 +35,7 @@ class AccountStoreTest : public ::testing::Test {
   }
 
   testing::ScratchDirectory scratch_{"vantor-store"};
-  fs::path root_;
-  fs::path file_;
+  fs::path file_ = scratch_.path() / "config" / "com.example.notes" / "accounts.json";
 };
 
 StoredAccount alice() {
@@ -73,25 +65,13 @@ TEST_F(AccountStoreTest, KeepsAccountsPrivatelyAcrossInstances) {
   EXPECT_EQ(mode(file_.parent_path()), 0700u);
   EXPECT_EQ(mode(file_), 0600u);
   EXPECT_EQ(filesBeside(), std::vector<fs::path>{"accounts.json"}) << "no temporary file left";
-}
 
-TEST_F(AccountStoreTest, TightensAnExistingFolderAndFile) {
-  fs::create_directories(file_.parent_path());
+  // A folder and file that others could read are tightened.
   fs::permissions(file_.parent_path(), fs::perms(0755));
-  std::ofstream(file_) << R"({"version":1,"accounts":[]})";
   fs::permissions(file_, fs::perms(0644));
-  ASSERT_TRUE(AccountStore(file_).save({alice()}));
+  ASSERT_TRUE(store.save({alice()}));
   EXPECT_EQ(mode(file_.parent_path()), 0700u);
   EXPECT_EQ(mode(file_), 0600u);
-}
-
-TEST_F(AccountStoreTest, RemovingAnAccountRemovesItsTokensFromTheFile) {
-  AccountStore store(file_);
-  ASSERT_TRUE(store.save({alice()}));
-  ASSERT_NE(read(file_).find("refresh-1"), std::string::npos);
-  ASSERT_TRUE(store.save({}));
-  EXPECT_EQ(read(file_).find("refresh-1"), std::string::npos);
-  EXPECT_EQ(read(file_).find("access-1"), std::string::npos);
 }
 
 class CorruptStoreTest : public AccountStoreTest, public ::testing::WithParamInterface<const char*> {};
@@ -115,21 +95,21 @@ TEST_P(CorruptStoreTest, IsMovedAsideAndTakenAsEmpty) {
 INSTANTIATE_TEST_SUITE_P(
     Files, CorruptStoreTest,
     ::testing::Values("{\"version\":1,\"accounts\":[{\"uuid\":\"A\",\"cla",  // cut short
-                      "not json at all", R"([1,2,3])", R"({"version":2,"accounts":[]})",
-                      R"({"version":1,"accounts":[{"uuid":7}]})",
-                      R"({"version":1,"accounts":[{"uuid":"","class":"x","tokens":{}}]})"));
+                      R"({"version":2,"accounts":[]})", R"({"version":1,"accounts":[{"uuid":7}]})"));
 
-TEST_F(AccountStoreTest, ReplacesTheFileWholeInsteadOfRewritingIt) {
+TEST_F(AccountStoreTest, ReplacesTheFileWholeWithoutTheRemovedTokens) {
   AccountStore store(file_);
   ASSERT_TRUE(store.save({alice()}));
   auto before = read(file_);
+  ASSERT_NE(before.find("refresh-1"), std::string::npos);
   // A second name for the old file shows whether it was ever written to
   // again: a crash in the middle of a save must not leave half a store.
-  auto kept = root_ / "kept.json";
+  auto kept = scratch_.path() / "kept.json";
   fs::create_hard_link(file_, kept);
   ASSERT_TRUE(store.save({}));
   EXPECT_EQ(read(kept), before);
-  EXPECT_NE(read(file_), before);
+  EXPECT_EQ(read(file_).find("refresh-1"), std::string::npos);
+  EXPECT_EQ(read(file_).find("access-1"), std::string::npos);
 }
 
 TEST(UserConfigurationDirectoryTest, FollowsXdgWithTheHomeFolderAsFallback) {

@@ -3,20 +3,15 @@
 #include <vantor/account/QMQuelmoConnectController.hpp>
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <boost/url/parse.hpp>
 #include <boost/url/url.hpp>
 #include <condition_variable>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 #include <vantor/account/QMAccountManager.hpp>
-#include <vantor/account/QMOAuthAccountManager.hpp>
 #include <vantor/account/QMWorkspace.hpp>
 
 #include "LocalSignIn.hpp"
@@ -25,57 +20,37 @@
 namespace vantor::account {
 namespace {
 
-namespace fs = std::filesystem;
 using Controller = QMQuelmoConnectController;
 using Error = QMQuelmoConnectControllerError;
 using testing::LocalOpenIdProvider;
 
-constexpr auto patience = std::chrono::seconds(60);
-const std::string redirectPrefix = "com.vantor.signin-test:";
-
 // Stands in for the default browser: keeps each URL for the test to hand
 // to the headless browser.
-class BrowserQueue {
- public:
+struct BrowserQueue {
+  std::mutex mutex;
+  std::condition_variable ready;
+  std::deque<std::string> urls;
+
   bool open(const std::string& url) {
-    std::lock_guard lock(mutex_);
-    urls_.push_back(url);
-    ready_.notify_all();
+    std::lock_guard lock(mutex);
+    urls.push_back(url);
+    ready.notify_all();
     return true;
   }
-
   std::optional<std::string> next() {
-    std::unique_lock lock(mutex_);
-    if (!ready_.wait_for(lock, std::chrono::seconds(10), [this] { return !urls_.empty(); })) {
+    std::unique_lock lock(mutex);
+    if (!ready.wait_for(lock, std::chrono::seconds(10), [this] { return !urls.empty(); })) {
       return std::nullopt;
     }
-    auto url = urls_.front();
-    urls_.pop_front();
+    auto url = urls.front();
+    urls.pop_front();
     return url;
   }
-
   bool empty() {
-    std::lock_guard lock(mutex_);
-    return urls_.empty();
+    std::lock_guard lock(mutex);
+    return urls.empty();
   }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  std::deque<std::string> urls_;
 };
-
-unsigned mode(const fs::path& path) {
-  struct stat info {};
-  ::stat(path.c_str(), &info);
-  return info.st_mode & 0777;
-}
-
-std::string contents(const fs::path& path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 class SignInEndToEndTest : public ::testing::Test {
  protected:
@@ -114,14 +89,13 @@ class SignInEndToEndTest : public ::testing::Test {
       return std::nullopt;
     }
     EXPECT_EQ(url->rfind(provider_->issuer() + "/auth?", 0), 0u) << *url;
-    auto redirect = testing::signInWithHeadlessBrowser(*url, redirectPrefix, "alice", deny);
+    auto redirect = testing::signInWithHeadlessBrowser(*url, "com.vantor.signin-test:", "alice", deny);
     EXPECT_TRUE(redirect) << "the browser brought no redirect back";
     return redirect;
   }
 
-  static std::optional<Error> outcomeOf(const util::QMPromise<std::shared_ptr<QMAccount>>& promise,
-                                        std::shared_ptr<QMAccount>* account = nullptr) {
-    auto deadline = std::chrono::steady_clock::now() + patience;
+  static std::optional<Error> outcomeOf(const util::QMPromise<std::shared_ptr<QMAccount>>& promise) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!promise.result() && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -129,25 +103,17 @@ class SignInEndToEndTest : public ::testing::Test {
       ADD_FAILURE() << "the sign-in did not finish";
       return Error::internal;
     }
-    auto result = *promise.result();
-    if (result.isFulfilled()) {
-      if (account != nullptr) {
-        *account = result.value();
-      }
-      return std::nullopt;
-    }
     try {
-      std::rethrow_exception(result.error());
+      (void)promise.future().get();
+      return std::nullopt;
     } catch (const QMQuelmoConnectControllerException& e) {
       return e.error();
-    } catch (...) {
-      return Error::internal;
     }
   }
 
   // What a freshly started application finds in the store.
   std::string loadInNewProcess() {
-    auto run = testing::runToCompletion({VANTOR_ACCOUNT_LOAD_HELPER, provider_->issuer()}, patience);
+    auto run = testing::runToCompletion({VANTOR_ACCOUNT_LOAD_HELPER, provider_->issuer()}, std::chrono::seconds(60));
     return run && run->status == 0 ? run->output : "helper failed";
   }
 
@@ -175,8 +141,8 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   EXPECT_EQ(willChange, 0);
   controller().handleOAuthResponse(*redirect);
 
-  std::shared_ptr<QMAccount> account;
-  ASSERT_EQ(outcomeOf(promise_, &account), std::nullopt);
+  ASSERT_EQ(outcomeOf(promise_), std::nullopt);
+  auto account = promise_.future().get();
   ASSERT_NE(account, nullptr);
   EXPECT_EQ(account->identifier(), "alice");
   EXPECT_EQ(account->email(), "alice@example.test");
@@ -187,10 +153,6 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   // The notification's own signal, then one each for account and error.
   EXPECT_EQ(willChange, 3);
 
-  auto store = std::dynamic_pointer_cast<QMOAuthAccountManager>(QMAccountManager::shared())->storeFile();
-  EXPECT_EQ(store, configHome_->path() / testing::testBundleIdentifier / "accounts.json");
-  EXPECT_EQ(mode(store.parent_path()), 0700u);
-  EXPECT_EQ(mode(store), 0600u);
   EXPECT_EQ(loadInNewProcess(), "ACCOUNT alice alice@example.test\n");
 
   controller().deleteAccount();
@@ -199,11 +161,10 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
 
   controller().logout();
   EXPECT_EQ(controller().account(), nullptr);
-  EXPECT_EQ(contents(store).find("alice"), std::string::npos);
   EXPECT_EQ(loadInNewProcess(), "NO ACCOUNT\n");
 }
 
-TEST_F(SignInEndToEndTest, DeniedConsentIsAnAuthenticationFailure) {
+TEST_F(SignInEndToEndTest, DeniedConsentOrAnotherStateEndsSignedOut) {
   startProvider();
   auto redirect = signInInBrowser(promise_, /*deny=*/true);
   ASSERT_TRUE(redirect);
@@ -215,11 +176,9 @@ TEST_F(SignInEndToEndTest, DeniedConsentIsAnAuthenticationFailure) {
     EXPECT_EQ(e.error(), Error::authenticationFailed);
   }
   expectNothingStored();
-}
 
-TEST_F(SignInEndToEndTest, RedirectWithAnotherStateEndsSignedOut) {
-  startProvider();
-  auto redirect = signInInBrowser(promise_);
+  // A new sign-in replaces the refused one; its redirect's state is forged.
+  redirect = signInInBrowser(promise_);
   ASSERT_TRUE(redirect);
   boost::urls::url forged = *boost::urls::parse_uri(*redirect);
   forged.params().set("state", "forged-by-someone-else");
@@ -239,7 +198,7 @@ TEST_F(SignInEndToEndTest, RefusedCodeExchangeEndsSignedOut) {
   expectNothingStored();
 }
 
-TEST_F(SignInEndToEndTest, ProviderGoingDownBeforeTheExchangeEndsSignedOut) {
+TEST_F(SignInEndToEndTest, ProviderGoingDownEndsSignedOut) {
   startProvider();
   auto redirect = signInInBrowser(promise_);
   ASSERT_TRUE(redirect);
@@ -247,15 +206,10 @@ TEST_F(SignInEndToEndTest, ProviderGoingDownBeforeTheExchangeEndsSignedOut) {
   controller().handleOAuthResponse(*redirect);
   EXPECT_EQ(outcomeOf(promise_), Error::notLoggedIn);
   expectNothingStored();
-}
 
-TEST_F(SignInEndToEndTest, ProviderDownAtSignInOpensNoPage) {
-  startProvider();
-  auto issuer = provider_->issuer();
-  provider_->stop();
   // The account layer discovers the provider's endpoints on the first
-  // sign-in, so a provider that is down leaves no page to open.
-  testing::configureTestApplication(issuer, provider_->options());
+  // sign-in, so a provider that is down then leaves no page to open.
+  testing::configureTestApplication(provider_->issuer(), provider_->options());
   EXPECT_EQ(outcomeOf(controller().login()), Error::invalidAccount);
   EXPECT_TRUE(browser().empty());
   expectNothingStored();

@@ -1,9 +1,6 @@
-// The sign-in tests' application, started again: it sets itself up as the
-// test did and loads the stored account.
-//
-//   account_e2e_load_helper ISSUER
-//
-// Prints "ACCOUNT <identifier> <email>" or "NO ACCOUNT".
+// The sign-in tests' application, started again: `account_e2e_load_helper
+// ISSUER` sets itself up as the test did, loads the stored account and
+// prints "ACCOUNT <identifier> <email>" or "NO ACCOUNT".
 #include <cstdio>
 
 #include <vantor/account/QMQuelmoConnectController.hpp>
@@ -13,7 +10,6 @@
 int main(int argc, char** argv) {
   using namespace vantor::account;
   if (argc != 2) {
-    std::fprintf(stderr, "usage: %s ISSUER\n", argv[0]);
     return 2;
   }
   testing::configureTestApplication(argv[1], {});

@@ -6,103 +6,126 @@
 #include <string>
 #include <vector>
 
+#include <vantor/account/QMAccountConstants.hpp>
 #include <vantor/account/QMAccountFactory.hpp>
 #include <vantor/account/QMAccountManager.hpp>
+#include <vantor/account/QMNotificationCenter.hpp>
 #include <vantor/account/QMQuelmoConnectAccount.hpp>
 #include <vantor/account/QMWebServiceAuthorizer.hpp>
+#include <vantor/platform/EventLoop.hpp>
 
 namespace vantor::account::testing {
+
+// Posts the account-did-change notification on the loop, as the account layer does.
+inline void postAccountDidChange() {
+  platform::EventLoop::main().post([] {
+    QMNotificationCenter::defaultCenter().post(
+        std::string(QMAccountConstants::QuelmoConnect::accountDidChangeNotificationString));
+  });
+}
 
 // An account manager that keeps its accounts in memory only.
 class InMemoryAccountManager : public QMAccountManager {
  public:
-  InMemoryAccountManager() = default;
-
-  std::vector<std::shared_ptr<QMAccount>> accounts() const override;
-  void addAccount(std::shared_ptr<QMAccount> account) override;
-  void removeAccount(const std::shared_ptr<QMAccount>& account) override;
-  void clear();
+  std::vector<std::shared_ptr<QMAccount>> accounts() const override {
+    std::lock_guard lock(mutex_);
+    return accounts_;
+  }
+  void addAccount(std::shared_ptr<QMAccount> account) override {
+    std::lock_guard lock(mutex_);
+    accounts_.push_back(std::move(account));
+  }
+  void removeAccount(const std::shared_ptr<QMAccount>& account) override {
+    std::lock_guard lock(mutex_);
+    std::erase(accounts_, account);
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    accounts_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<QMAccount>> accounts_;
 };
 
-// An account of some other service, which the sign-in controller must not
-// take for its own.
+// An account of some other service, which the controller must not take for its own.
 class OtherAccount : public QMAccount {
  public:
   OtherAccount() : QMAccount("00000000-0000-0000-0000-0000000000AA") {}
   std::string_view classTypeIdentifier() const override { return "com.example.accounts.Other"; }
 };
 
-// An authoriser whose code exchange does what the test scripted, the way the
-// real one reports it: through the account-did-change notification.
-class ScriptedAuthorizer : public QMWebServiceAuthorizer {
+// Makes what the test asks for and is the authoriser of what it makes: the
+// code exchange acts on the last account made, as scripted, and reports
+// through the account-did-change notification, as the real one does.
+class InMemoryAccountFactory : public QMAccountFactory,
+                               public QMWebServiceAuthorizer,
+                               public std::enable_shared_from_this<InMemoryAccountFactory> {
  public:
-  enum class Outcome {
-    signIn,  // give the account a token, store it, notify
-    fail,    // notify without storing anything
-    silent,  // do nothing
-  };
-  struct Exchange {
-    std::string code;
-    bool addToStore = false;
-    std::string redirectURL;
-  };
+  enum class Makes { quelmoConnectAccount, otherAccount, withoutAuthorizer };
+  // signIn gives the account a token, stores it and notifies; fail only
+  // notifies; silent does nothing.
+  enum class Outcome { signIn, fail, silent };
 
-  ScriptedAuthorizer(std::shared_ptr<QMAccountManager> manager, std::weak_ptr<QMAccount> account)
-      : manager_(std::move(manager)), account_(std::move(account)) {}
+  void setMakes(Makes makes) {
+    std::lock_guard lock(mutex_);
+    makes_ = makes;
+  }
+  void script(Outcome outcome, std::optional<std::string> url) {
+    std::lock_guard lock(mutex_);
+    outcome_ = outcome;
+    url_ = std::move(url);
+  }
+  std::vector<std::string> exchangedCodes() const {
+    std::lock_guard lock(mutex_);
+    return codes_;
+  }
 
-  std::optional<std::string> authorizationURL() override;
-  void exchangeCode(const std::string& code, bool addToStore,
-                    const std::string& redirectURL) override;
+  std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid>, std::uint32_t,
+                                           QMWebServiceProvider) override {
+    std::lock_guard lock(mutex_);
+    codes_.clear();
+    std::shared_ptr<QMAccount> account =
+        makes_ == Makes::otherAccount
+            ? std::shared_ptr<QMAccount>(std::make_shared<OtherAccount>())
+            : std::make_shared<QMQuelmoConnectAccount>("00000000-0000-0000-0000-000000000001");
+    account->setServiceName("Quelmo Connect");
+    if (makes_ != Makes::withoutAuthorizer) {
+      account->setWebServiceAuthorizer(shared_from_this());
+    }
+    last_ = account;
+    return account;
+  }
 
-  void script(Outcome outcome, std::optional<std::string> url);
-  std::vector<Exchange> exchanges() const;
+  std::optional<std::string> authorizationURL() override {
+    std::lock_guard lock(mutex_);
+    return url_;
+  }
+
+  void exchangeCode(const std::string& code, bool, const std::string&) override {
+    std::lock_guard lock(mutex_);
+    codes_.push_back(code);
+    if (outcome_ == Outcome::silent) {
+      return;
+    }
+    if (auto account = last_.lock(); account && outcome_ == Outcome::signIn) {
+      account->setIdentity("user-1", "user@example.test");
+      QMAccountTokens tokens;
+      tokens.accessToken = "token-for-" + code;
+      account->setTokens(tokens);
+      QMAccountManager::shared()->addAccount(account);
+    }
+    postAccountDidChange();
+  }
 
  private:
-  const std::shared_ptr<QMAccountManager> manager_;
-  const std::weak_ptr<QMAccount> account_;
-  mutable std::mutex mutex_;
-  Outcome outcome_ = Outcome::signIn;
-  std::optional<std::string> url_ = "https://accounts.example.test/authorize?client_id=notes";
-  std::vector<Exchange> exchanges_;
-};
-
-// Makes what the test asks for, each new account with a ScriptedAuthorizer.
-class InMemoryAccountFactory : public QMAccountFactory {
- public:
-  enum class Makes { quelmoConnectAccount, otherAccount, nothing, withoutAuthorizer, withoutServiceName };
-
-  explicit InMemoryAccountFactory(std::shared_ptr<QMAccountManager> manager)
-      : manager_(std::move(manager)) {}
-
-  std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid> identifier,
-                                           std::uint32_t options,
-                                           QMWebServiceProvider provider) override;
-
-  void setMakes(Makes makes);
-  // How later authorisers behave.
-  void script(ScriptedAuthorizer::Outcome outcome, std::optional<std::string> url);
-  // The authoriser of the last account made.
-  std::shared_ptr<ScriptedAuthorizer> lastAuthorizer() const;
-
- private:
-  const std::shared_ptr<QMAccountManager> manager_;
   mutable std::mutex mutex_;
   Makes makes_ = Makes::quelmoConnectAccount;
-  ScriptedAuthorizer::Outcome outcome_ = ScriptedAuthorizer::Outcome::signIn;
-  std::optional<std::string> url_ = "https://accounts.example.test/authorize?client_id=notes";
-  std::shared_ptr<ScriptedAuthorizer> last_;
+  Outcome outcome_ = Outcome::signIn;
+  std::optional<std::string> url_;
+  std::vector<std::string> codes_;
+  std::weak_ptr<QMAccount> last_;
 };
-
-// A stored-looking account of the maker's service.
-std::shared_ptr<QMQuelmoConnectAccount> makeAccount(const std::string& identifier,
-                                                    const std::string& email,
-                                                    std::optional<std::string> token);
-
-// Posts the account-did-change notification, as the account layer does.
-void postAccountDidChange();
 
 }  // namespace vantor::account::testing

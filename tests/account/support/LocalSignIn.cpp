@@ -8,21 +8,12 @@
 
 namespace vantor::account::testing {
 
-namespace {
-
 // Both scripts live beside their node_modules; the build tells where.
-std::string script(const char* name) { return std::string(VANTOR_ACCOUNT_E2E_DIR) + "/" + name; }
-
-}  // namespace
+static std::string script(const char* name) { return std::string(VANTOR_ACCOUNT_E2E_DIR) + "/" + name; }
 
 LocalOpenIdProvider::LocalOpenIdProvider(Options options) : options_(std::move(options)) {
-  std::vector<std::string> argv{"node",
-                                script("provider.mjs"),
-                                "--client-id",
-                                options_.clientId,
-                                "--client-secret",
-                                options_.clientSecret,
-                                "--redirect-uri",
+  std::vector<std::string> argv{"node", script("provider.mjs"), "--client-id", options_.clientId,
+                                "--client-secret", options_.clientSecret, "--redirect-uri",
                                 options_.redirectURI};
   if (options_.tokenStatus) {
     argv.push_back("--token-status");
@@ -56,7 +47,7 @@ std::optional<std::string> signInWithHeadlessBrowser(const std::string& authoriz
 
 void configureTestApplication(const std::string& issuer, const LocalOpenIdProvider::Options& options) {
   QMHostApplication::setName("Sign-in test");
-  QMHostApplication::setBundleIdentifier(testBundleIdentifier);
+  QMHostApplication::setBundleIdentifier("com.vantor.signin-test");
   QMOAuthServiceConfiguration service;
   service.issuer = issuer;
   service.scopes = {"openid", "email", "offline_access"};

@@ -20,14 +20,12 @@ class LocalOpenIdProvider {
     std::optional<int> tokenStatus;
   };
 
-  // Starts it and waits until it listens; throws std::runtime_error when it
-  // does not come up.
+  // Waits until it listens; throws std::runtime_error when it does not.
   explicit LocalOpenIdProvider(Options options);
 
   [[nodiscard]] const std::string& issuer() const noexcept { return issuer_; }
   [[nodiscard]] const Options& options() const noexcept { return options_; }
 
-  // Stops it now, so that it stops answering.
   void stop() { process_->stop(); }
 
  private:
@@ -44,15 +42,9 @@ std::optional<std::string> signInWithHeadlessBrowser(const std::string& authoriz
                                                      const std::string& redirectPrefix,
                                                      const std::string& login, bool deny = false);
 
-// The bundle identifier of the application in the sign-in tests; its store
-// folder is named after it.
-inline constexpr const char* testBundleIdentifier = "com.vantor.signin-test";
-
-// Sets the application up as the sign-in tests' host does: its name and
-// bundle identifier, an account layer for the provider at `issuer` (asking
-// for e-mail and a refresh token), and the controller's configuration for
-// `options`' client. When the controller already exists, it is registered
-// with the new account layer, as its own set-up would have done.
+// Sets the application up as the sign-in tests' host does: an account layer
+// for the provider at `issuer` (asking for e-mail and a refresh token), and
+// the controller configured for `options`' client and registered with it.
 void configureTestApplication(const std::string& issuer, const LocalOpenIdProvider::Options& options);
 
 }  // namespace vantor::account::testing

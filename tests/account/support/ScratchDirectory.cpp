@@ -17,9 +17,6 @@ ScratchDirectory::ScratchDirectory(std::string_view prefix) {
 
 ScratchDirectory::~ScratchDirectory() {
   std::error_code ignored;
-  // Tests may have taken permissions away on the way.
-  std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
-                               std::filesystem::perm_options::add, ignored);
   std::filesystem::remove_all(path_, ignored);
 }
 

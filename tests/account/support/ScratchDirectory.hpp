@@ -6,8 +6,7 @@
 namespace vantor::account::testing {
 
 // A new empty folder "<prefix>-XXXXXX" in the system's temporary folder,
-// removed with all it holds when the object goes. Throws
-// std::runtime_error when it cannot be made.
+// removed with all it holds when the object goes.
 class ScratchDirectory {
  public:
   explicit ScratchDirectory(std::string_view prefix);
