@@ -24,6 +24,9 @@ namespace asio = boost::asio;
 namespace {
 std::atomic<bool> mainInUse{false};
 std::atomic<bool> mainOnHostThread{false};
+// The thread that asked to run the main loop itself; it owns the loop even
+// before it calls run().
+std::atomic<std::thread::id> mainHostThread{};
 }  // namespace
 
 struct EventLoop::Impl {
@@ -31,6 +34,8 @@ struct EventLoop::Impl {
   std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
   std::thread thread;
   std::atomic<bool> stopped{false};
+  std::atomic<bool> running{false};
+  bool hostRun = false;
 
   // Runs the loop until it is stopped; a handler's exception is reported and
   // the loop carries on, so one faulty callback cannot stall the library.
@@ -57,6 +62,7 @@ EventLoop& EventLoop::main() {
     // after the loop thread has been stopped below, never under its feet.
     OPENSSL_init_ssl(0, nullptr);
     auto* made = new EventLoop(!mainOnHostThread.load());
+    made->impl_->hostRun = mainOnHostThread.load();
     if (!mainOnHostThread) {
       std::atexit([] { EventLoop::main().shutDown(); });
     }
@@ -70,6 +76,7 @@ void EventLoop::useHostThreadForMain() {
     fatalError("EventLoop::useHostThreadForMain() must be called before the main loop is used");
   }
   mainOnHostThread = true;
+  mainHostThread = std::this_thread::get_id();
 }
 
 EventLoop::EventLoop(bool ownThread) : impl_(std::make_unique<Impl>()) {
@@ -101,7 +108,13 @@ void EventLoop::shutDown() noexcept {
 asio::io_context& EventLoop::context() noexcept { return impl_->context; }
 
 bool EventLoop::isCurrentThread() const noexcept {
-  return impl_->context.get_executor().running_in_this_thread();
+  if (impl_->context.get_executor().running_in_this_thread()) {
+    return true;
+  }
+  // Before run(), the host's own thread is the loop's: nothing else runs
+  // the loop's work meanwhile, so its calls may act at once instead of
+  // waiting for a loop that only it can start.
+  return impl_->hostRun && !impl_->running && mainHostThread.load() == std::this_thread::get_id();
 }
 
 bool EventLoop::hasStopped() const noexcept { return impl_->stopped; }
@@ -140,9 +153,15 @@ void EventLoop::run() {
   if (impl_->thread.joinable()) {
     fatalError("EventLoop::run() is only for a loop that the host runs");
   }
+  if (impl_->hostRun && mainHostThread.load() != std::this_thread::get_id()) {
+    fatalError(
+        "EventLoop::run() must be called on the thread that called useHostThreadForMain()");
+  }
   impl_->stopped = false;
+  impl_->running = true;
   impl_->context.restart();
   impl_->runLoop();
+  impl_->running = false;
   impl_->stopped = true;
 }
 

@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "Guarded.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/realtime/ChannelEvent.hpp"
 #include "vantor/realtime/Push.hpp"
@@ -151,6 +152,23 @@ void Channel::sendJoin(double timeout) {
   });
 }
 
+void Channel::socketDisconnected() {
+  onLoop([&] {
+    if (state_ != ChannelState::joined && state_ != ChannelState::joining) {
+      return;
+    }
+    if (state_ == ChannelState::joining) {
+      // Keep a stale queued join from going out on the next connection.
+      if (auto socket = socket_.lock()) {
+        socket->removeFromSendBuffer(joinRef());
+      }
+    }
+    joinPush_->reset();
+    rejoinTimer_->reset();
+    state_ = ChannelState::errored;
+  });
+}
+
 std::shared_ptr<Push> Channel::leave(double timeout) {
   return onLoop([&] {
     rejoinTimer_->reset();
@@ -221,7 +239,9 @@ void Channel::off(const std::string& event, std::optional<int> ref) {
 }
 
 void Channel::onMessage(std::function<Message(const Message&)> callback) {
-  onLoop([&] { onMessage_ = std::move(callback); });
+  onLoop([&] {
+    onMessage_ = callback ? std::make_shared<const MessageHook>(std::move(callback)) : nullptr;
+  });
 }
 
 bool Channel::isMember(const Message& message) const {
@@ -258,14 +278,19 @@ void Channel::trigger(const std::string& event, Payload payload, std::string ref
 
 void Channel::dispatch(const std::string& event, std::shared_ptr<const Payload> payload,
                        std::string ref, std::optional<std::string> joinRef) {
-  const Message message(std::move(ref), joinRef ? std::move(joinRef) : this->joinRef(), topic_,
-                        event, std::move(payload));
-  const auto rewritten = onMessage_(message);
+  Message message(std::move(ref), joinRef ? std::move(joinRef) : this->joinRef(), topic_, event,
+                  std::move(payload));
+  auto socket = socket_.lock();
+  // Held for the call: the hook may replace itself. A hook that throws
+  // leaves the message as it was.
+  if (const auto hook = onMessage_) {
+    detail::guarded(socket.get(), "channel message hook", [&] { message = (*hook)(message); });
+  }
   // Called on a snapshot, outside the binding list's lock: bindings may add
   // or remove bindings, which affects the next message, not this one.
   for (const auto& binding :
        syncBindingsDel_.filter([&](const Binding& binding) { return binding.event == event; })) {
-    binding.callback.call(rewritten);
+    detail::guarded(socket.get(), "channel binding", [&] { binding.callback.call(message); });
   }
 }
 

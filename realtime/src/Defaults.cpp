@@ -75,7 +75,9 @@ std::string Defaults::encode(const json::value& value) {
 
 std::optional<json::value> Defaults::decode(std::string_view bytes) {
   boost::system::error_code error;
-  auto value = json::parse(bytes, error);
+  json::parse_options options;
+  options.max_depth = maxNestingDepth;
+  auto value = json::parse(bytes, error, {}, options);
   if (error || !(value.is_array() || value.is_object())) {
     return std::nullopt;
   }

@@ -32,12 +32,13 @@ HeartbeatTimer::HeartbeatTimer(double timeInterval, platform::DispatchQueue& que
 }
 
 HeartbeatTimer::~HeartbeatTimer() {
-  // On the queue, like stop(): its own handler may have stopped it last.
-  queue_.sync([&] {
-    if (temporaryTimer_) {
-      temporaryTimer_->cancel();
-    }
-  });
+  // Nothing else reaches a timer being destroyed, and cancelling a source
+  // is safe from any thread, so this does not wait for the queue: releasing
+  // a socket must not block on the loop. A tick already on its way finds
+  // its owner gone.
+  if (temporaryTimer_) {
+    temporaryTimer_->cancel();
+  }
 }
 
 void HeartbeatTimer::start(std::function<void()> eventHandler) {

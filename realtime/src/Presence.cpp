@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Guarded.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Message.hpp"
@@ -102,6 +103,35 @@ std::shared_ptr<Presence> Presence::make(const std::shared_ptr<Channel>& channel
 
 Presence::Presence(const std::shared_ptr<Channel>& channel) : channel_(channel) {}
 
+// The application's callbacks as they are when an event starts, each run so
+// that an exception from it is logged and does not break the merge.
+struct Presence::Callbacks {
+  OnJoin onJoin;
+  OnLeave onLeave;
+  std::function<void()> onSync;
+};
+
+Presence::Callbacks Presence::callbacks() const {
+  auto channel = channel_.lock();
+  auto socket = channel ? channel->socket() : nullptr;
+  return {[socket, onJoin = onJoin_](const std::string& key, const std::optional<Map>& current,
+                                     const Map& joined) {
+            if (onJoin) {
+              detail::guarded(socket.get(), "presence onJoin", [&] { (*onJoin)(key, current, joined); });
+            }
+          },
+          [socket, onLeave = onLeave_](const std::string& key, const Map& current, const Map& left) {
+            if (onLeave) {
+              detail::guarded(socket.get(), "presence onLeave", [&] { (*onLeave)(key, current, left); });
+            }
+          },
+          [socket, onSync = onSync_] {
+            if (onSync) {
+              detail::guarded(socket.get(), "presence onSync", [&] { (*onSync)(); });
+            }
+          }};
+}
+
 void Presence::handleState(const Message& message) {
   auto newState = stateFrom(message.rawPayload());
   if (!newState) {
@@ -109,11 +139,12 @@ void Presence::handleState(const Message& message) {
   }
   auto channel = channel_.lock();
   joinRef_ = channel ? channel->joinRef() : std::nullopt;
-  state_ = syncState(state_, *newState, onJoin_, onLeave_);
+  const auto call = callbacks();
+  state_ = syncState(state_, *newState, call.onJoin, call.onLeave);
   for (const auto& diff : std::exchange(pendingDiffs_, {})) {
-    state_ = syncDiff(state_, diff, onJoin_, onLeave_);
+    state_ = syncDiff(state_, diff, call.onJoin, call.onLeave);
   }
-  onSync_();
+  call.onSync();
 }
 
 void Presence::handleDiff(const Message& message) {
@@ -125,8 +156,9 @@ void Presence::handleDiff(const Message& message) {
     pendingDiffs_.push_back(std::move(*diff));
     return;
   }
-  state_ = syncDiff(state_, *diff, onJoin_, onLeave_);
-  onSync_();
+  const auto call = callbacks();
+  state_ = syncDiff(state_, *diff, call.onJoin, call.onLeave);
+  call.onSync();
 }
 
 bool Presence::pendingSyncState() const {
@@ -251,13 +283,13 @@ Presence::State Presence::filter(const State& presences,
 }
 
 void Presence::onJoin(OnJoin callback) {
-  onLoop([&] { onJoin_ = std::move(callback); });
+  onLoop([&] { onJoin_ = callback ? std::make_shared<const OnJoin>(std::move(callback)) : nullptr; });
 }
 void Presence::onLeave(OnLeave callback) {
-  onLoop([&] { onLeave_ = std::move(callback); });
+  onLoop([&] { onLeave_ = callback ? std::make_shared<const OnLeave>(std::move(callback)) : nullptr; });
 }
 void Presence::onSync(OnSync callback) {
-  onLoop([&] { onSync_ = std::move(callback); });
+  onLoop([&] { onSync_ = callback ? std::make_shared<const OnSync>(std::move(callback)) : nullptr; });
 }
 Presence::State Presence::state() const {
   return onLoop([&] { return state_; });

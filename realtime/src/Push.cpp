@@ -1,5 +1,6 @@
 #include "vantor/realtime/Push.hpp"
 
+#include "Guarded.hpp"
 #include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -102,6 +103,9 @@ void Push::startTimeout() {
     if (!socket) {
       return;
     }
+    // A push buffered while its channel was joining took a reference then;
+    // its binding for that reference goes before it takes a new one.
+    removeReplyBinding();
     ref_ = socket->makeRef();
     refEvent_ = Channel::replyEventName(*ref_);
     channel->delegateOn<Push>(*refEvent_, shared_from_this(),
@@ -154,8 +158,10 @@ void Push::matchReceive(const std::string& status, const Message& message) {
     return;
   }
   auto hooks = found->second;  // a hook may add hooks
+  auto channel = channel_.lock();
+  auto socket = channel ? channel->socket() : nullptr;
   for (const auto& hook : hooks) {
-    hook.call(message);
+    detail::guarded(socket.get(), "push hook", [&] { hook.call(message); });
   }
 }
 

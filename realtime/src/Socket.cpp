@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <boost/json/serialize.hpp>
+#include <boost/url/encode.hpp>
+#include <boost/url/rfc/unreserved_chars.hpp>
 #include <charconv>
 
+#include "Guarded.hpp"
 #include "Text.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
@@ -59,6 +62,13 @@ std::string parameterText(const json::value& value) {
   }
 }
 
+// Percent-encodes everything but the unreserved characters, so that every
+// byte reads back the same through a form decoder: a "+" left as it is
+// would come back as a space, breaking base64 tokens.
+std::string queryText(std::string_view text) {
+  return boost::urls::encode(text, boost::urls::unreserved_chars);
+}
+
 }  // namespace
 
 /// Forwards one transport's reports to the socket, holding it weakly so that
@@ -102,6 +112,14 @@ class Socket::TransportDelegate : public PhoenixTransportDelegate {
   std::weak_ptr<Socket> socket_;
   const PhoenixTransport* transport_;
 };
+
+template <class List, class... Arguments>
+void Socket::callAll(const List& list, std::string_view what, const Arguments&... arguments) {
+  const auto callbacks = list;
+  for (const auto& [ref, callback] : callbacks) {
+    detail::guarded(this, what, [&] { callback.call(arguments...); });
+  }
+}
 
 std::optional<Socket::CloseCode> Socket::closeCode(int rawValue) noexcept {
   switch (rawValue) {
@@ -158,10 +176,17 @@ Socket::Socket(std::string endPoint, TransportFactory transport, ParamsClosure p
 std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
   socket->reconnectTimer_->callback.delegate(socket, [](Socket& self) {
     self.logItems("Socket attempting to reconnect");
-    self.teardown(CloseCode::normal, [&self] { self.connect(); });
+    self.teardown(CloseCode::normal, [&self] {
+      // A parameters closure or transport factory that throws must not end
+      // reconnecting: the next attempt follows on the back-off.
+      if (!detail::guarded(&self, "connect", [&] { self.connect(); })) {
+        self.reconnectTimer_->scheduleTimeout();
+      }
+    });
   });
   socket->reconnectTimer_->timerCalculation.delegate(socket, [](Socket& self, const int& tries) {
-    const double interval = self.reconnectAfter_(tries);
+    double interval = Defaults::reconnectSteppedBackOff(tries);
+    detail::guarded(&self, "reconnectAfter", [&] { interval = self.reconnectAfter_(tries); });
     self.logItems("Socket reconnecting in " + detail::shortestDecimal(interval) + "s");
     return interval;
   });
@@ -196,12 +221,12 @@ boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
     url.set_encoded_path(path);
   }
   url.remove_query();
-  auto query = url.params();
-  query.append({"vsn", vsn});
+  auto query = url.encoded_params();
+  query.append({queryText("vsn"), queryText(vsn)});
   if (paramsClosure) {
     if (auto params = paramsClosure()) {
       for (const auto& entry : *params) {
-        query.append({entry.key(), parameterText(entry.value())});
+        query.append({queryText(entry.key()), queryText(parameterText(entry.value()))});
       }
     }
   }
@@ -242,10 +267,14 @@ void Socket::teardown(CloseCode code, const std::function<void()>& callback) {
   if (heartbeatTimer_) {
     heartbeatTimer_->stop();
   }
-  auto callbacks = stateChangeCallbacks_.close;
-  for (const auto& [ref, closeCallback] : callbacks) {
-    closeCallback.call();
+  // The server forgets the channels with the connection: joined and joining
+  // ones must join again, under new join references, once a connection
+  // opens. No "phx_error" reaches their bindings: this close was asked for.
+  const auto channels = channels_;
+  for (const auto& channel : channels) {
+    channel->socketDisconnected();
   }
+  callAll(stateChangeCallbacks_.close, "close callback");
   if (callback) {
     callback();
   }
@@ -270,7 +299,10 @@ void Socket::push(std::string topic, std::string event, Payload payload,
       json::array frame{joinRef ? json::value(*joinRef) : json::value(nullptr),
                         ref ? json::value(*ref) : json::value(nullptr), json::value(topic),
                         json::value(event), json::value(payload)};
-      auto data = encode_(frame);
+      std::string data;
+      if (!detail::guarded(this, "encoder", [&] { data = encode_(frame); })) {
+        return;  // logged; the frame cannot be sent
+      }
       if (logger_) {
         logItems("push", "Sending " + (detail::isValidUtf8(data) ? data : std::string()));
       }
@@ -453,21 +485,14 @@ void Socket::onConnectionOpen() {
   flushSendBuffer();
   reconnectTimer_->reset();
   resetHeartbeat();
-  auto callbacks = stateChangeCallbacks_.open;
-  for (const auto& [ref, callback] : callbacks) {
-    callback.call();
-  }
+  callAll(stateChangeCallbacks_.open, "open callback");
 }
 
 void Socket::onConnectionError(const TransportError& error,
                                const std::optional<HttpResponse>& response) {
   logItems("transport", error, response);
   triggerChannelError();
-  auto callbacks = stateChangeCallbacks_.error;
-  const ErrorArguments arguments{error, response};
-  for (const auto& [ref, callback] : callbacks) {
-    callback.call(arguments);
-  }
+  callAll(stateChangeCallbacks_.error, "error callback", ErrorArguments{error, response});
 }
 
 void Socket::onConnectionClosed(int /*code*/) {
@@ -479,10 +504,7 @@ void Socket::onConnectionClosed(int /*code*/) {
   if (closeStatus_ == CloseStatus::unknown || closeStatus_ == CloseStatus::abnormal) {
     reconnectTimer_->scheduleTimeout();
   }
-  auto callbacks = stateChangeCallbacks_.close;
-  for (const auto& [ref, callback] : callbacks) {
-    callback.call();
-  }
+  callAll(stateChangeCallbacks_.close, "close callback");
 }
 
 void Socket::triggerChannelError() {
@@ -499,7 +521,9 @@ void Socket::triggerChannelError() {
 void Socket::onConnectionMessage(const std::string& rawMessage) {
   logItems("receive ", rawMessage);
   std::optional<Message> message;
-  if (auto decoded = decode_(rawMessage); decoded && decoded->is_array()) {
+  std::optional<json::value> decoded;
+  detail::guarded(this, "decoder", [&] { decoded = decode_(rawMessage); });
+  if (decoded && decoded->is_array()) {
     message = Message::fromJson(decoded->get_array());
   }
   if (!message) {
@@ -518,10 +542,7 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
       channel->trigger(*message);
     }
   }
-  auto callbacks = stateChangeCallbacks_.message;
-  for (const auto& [ref, callback] : callbacks) {
-    callback.call(*message);
-  }
+  callAll(stateChangeCallbacks_.message, "message callback", *message);
 }
 
 // --- Properties and options ----------------------------------------------------
@@ -591,7 +612,9 @@ double Socket::rejoinAfter(int tries) const {
   return onLoop([&] { return rejoinAfter_(tries); });
 }
 void Socket::setLogger(Logger logger) {
-  onLoop([&] { logger_ = std::move(logger); });
+  onLoop([&] {
+    logger_ = logger ? std::make_shared<const Logger>(std::move(logger)) : nullptr;
+  });
 }
 void Socket::setEncoder(Encoder encode) {
   onLoop([&] { encode_ = std::move(encode); });
@@ -615,7 +638,13 @@ void Socket::setEnabledSSLCipherSuites(std::optional<std::vector<std::uint16_t>>
 void Socket::log(const std::string& line) const {
   std::string prefixed(logPrefix);
   prefixed += line;
-  logger_(prefixed);
+  // Held for the call: the logger may replace itself.
+  const auto logger = logger_;
+  try {
+    (*logger)(prefixed);
+  } catch (...) {
+    // A logger that throws has nowhere to report to; the line is lost.
+  }
 }
 
 }  // namespace vantor::realtime

@@ -2,6 +2,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
@@ -50,6 +51,11 @@ bool isWebSocketError(const error_code& error) {
   return error.category() == websocket::make_error_code(websocket::error::closed).category();
 }
 
+// The code to report for a close frame that carried none.
+constexpr int noStatusReceived = 1005;
+// The code to report when our close got no answer in time.
+constexpr int abnormalClosure = 1006;
+
 }  // namespace
 
 /// One connection: resolve, TCP connect, TLS handshake, WebSocket handshake,
@@ -62,7 +68,8 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   Session(std::weak_ptr<URLSessionTransport> transport, URLSessionConfiguration configuration)
       : transport_(std::move(transport)),
         configuration_(std::move(configuration)),
-        resolver_(EventLoop::main().context()) {}
+        resolver_(EventLoop::main().context()),
+        deadline_(EventLoop::main().context()) {}
 
   void start(const boost::urls::url& url) {
     auto endpoint = NetworkTarget::of(url, "ws", "wss");
@@ -83,6 +90,13 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     } else {
       plain_ = std::make_unique<PlainStream>(context);
     }
+    // One deadline for the whole opening, DNS included: a server that
+    // accepts TCP and never answers must not hold the client for long.
+    armDeadline(configuration_.handshakeTimeout, [](Session& self) {
+      if (!self.open_) {
+        self.reportAbnormal(TransportError::from(beast::error::timeout), std::nullopt);
+      }
+    });
     resolver_.async_resolve(endpoint_.host, endpoint_.port,
                             [self = shared_from_this()](error_code error, auto results) {
                               self->onResolved(error, std::move(results));
@@ -110,6 +124,15 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       cancel();
       return;
     }
+    // A frozen peer never answers the close frame, and may not even take
+    // the frames queued before it: give up after the close time-out.
+    armDeadline(configuration_.closeTimeout, [](Session& self) {
+      self.finished_ = true;
+      self.cancel();
+      if (auto transport = self.transport_.lock()) {
+        transport->closed(abnormalClosure);
+      }
+    });
     closeReason_.code = static_cast<std::uint16_t>(code);
     if (reason) {
       closeReason_.reason.assign(reason->data(),
@@ -128,14 +151,25 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return;
     }
     finished_ = true;
-    if (open_ && !closing_) {
+    if (!open_) {
+      cancel();
+      return;
+    }
+    if (!closing_) {
       closing_ = true;
       withStream([&](auto& ws) {
-        ws.async_close(websocket::close_code::going_away, [self = shared_from_this()](error_code) {});
+        ws.async_close(websocket::close_code::going_away, [self = shared_from_this()](error_code) {
+          self->deadline_.cancel();
+        });
       });
-    } else if (!open_) {
-      cancel();
     }
+    // A peer that never answers must not keep the connection open.
+    deadline_.expires_after(configuration_.closeTimeout);
+    deadline_.async_wait([self = shared_from_this()](error_code error) {
+      if (!error) {
+        self->cancel();
+      }
+    });
   }
 
  private:
@@ -151,7 +185,30 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     }
   }
 
+  // Runs `onExpiry` once `timeout` has passed, unless the session has ended
+  // or another deadline replaced this one.
+  template <class F>
+  void armDeadline(std::chrono::milliseconds timeout, F onExpiry) {
+    deadline_.expires_after(timeout);
+    deadline_.async_wait([self = shared_from_this(), onExpiry](error_code error) {
+      if (!error && !self->finished_) {
+        onExpiry(*self);
+      }
+    });
+  }
+
+  // The close code of a close frame received from the peer, if one was.
+  std::optional<int> receivedCloseCode() {
+    int code = 0;
+    withStream([&](auto& ws) { code = ws.reason().code; });
+    if (code == 0) {
+      return std::nullopt;
+    }
+    return code;
+  }
+
   void cancel() {
+    deadline_.cancel();
     resolver_.cancel();
     withStream([](auto& ws) {
       error_code ignored;
@@ -160,12 +217,14 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   }
 
   void onResolved(error_code error, const tcp::resolver::results_type& results) {
+    if (finished_) {
+      return;
+    }
     if (error || closing_) {
       return fail(error ? error : asio::error::operation_aborted);
     }
     withStream([&](auto& ws) {
       auto& tcpStream = beast::get_lowest_layer(ws);
-      tcpStream.expires_after(configuration_.timeoutIntervalForRequest);
       tcpStream.async_connect(results, [self = shared_from_this()](error_code error, const auto&) {
         self->onConnected(error);
       });
@@ -173,6 +232,9 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   }
 
   void onConnected(error_code error) {
+    if (finished_) {
+      return;
+    }
     if (error) {
       return fail(error);
     }
@@ -194,14 +256,16 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   }
 
   void onTlsHandshake(error_code error) {
+    if (finished_) {
+      return;
+    }
     if (error) {
       return fail(error);
     }
     withStream([&](auto& ws) {
-      // From here the WebSocket's own time-outs apply.
-      beast::get_lowest_layer(ws).expires_never();
+      // The session's own deadlines limit the handshake and the close.
       websocket::stream_base::timeout timeouts{};
-      timeouts.handshake_timeout = configuration_.timeoutIntervalForRequest;
+      timeouts.handshake_timeout = websocket::stream_base::none();
       timeouts.idle_timeout = websocket::stream_base::none();
       timeouts.keep_alive_pings = false;
       ws.set_option(timeouts);
@@ -226,6 +290,9 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return;
     }
     open_ = true;
+    if (!closing_) {
+      deadline_.cancel();
+    }
     withStream([](auto& ws) { ws.text(true); });
     if (auto transport = transport_.lock()) {
       transport->opened();
@@ -251,13 +318,16 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return;
     }
     if (error == websocket::error::closed) {
-      int code = 0;
-      withStream([&](auto& ws) { code = ws.reason().code; });
-      return reportClosed(code);
+      return reportClosed(receivedCloseCode().value_or(noStatusReceived));
     }
     if (error) {
       if (closing_ && error == asio::error::operation_aborted) {
         return;  // our own close reports the end
+      }
+      // A server may send its close frame and drop the connection without
+      // waiting for our answer; that is still a close with its code.
+      if (auto code = receivedCloseCode()) {
+        return reportClosed(*code);
       }
       const auto transportError = TransportError::from(error);
       detail::writeLineToStandardOutput("Error when receiving " + transportError.description);
@@ -269,7 +339,14 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       auto message = beast::buffers_to_string(buffer_.data());
       buffer_.consume(buffer_.size());
       if (auto transport = transport_.lock()) {
-        transport->received(message);
+        // Whatever the delegate does, the next frame must still be read.
+        try {
+          transport->received(message);
+        } catch (const std::exception& e) {
+          detail::writeLineToStandardOutput(std::string("Error when delivering a message: ") + e.what());
+        } catch (...) {
+          detail::writeLineToStandardOutput("Error when delivering a message");
+        }
       }
     } else {
       buffer_.consume(buffer_.size());
@@ -319,9 +396,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return;
     }
     if (!error || error == websocket::error::closed) {
-      int code = 0;
-      withStream([&](auto& ws) { code = ws.reason().code; });
-      return reportClosed(code);
+      return reportClosed(receivedCloseCode().value_or(noStatusReceived));
+    }
+    if (auto code = receivedCloseCode()) {
+      return reportClosed(*code);
     }
     reportAbnormal(TransportError::from(error), std::nullopt);
   }
@@ -335,6 +413,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   void reportClosed(int code) {
     finished_ = true;
+    deadline_.cancel();
     if (auto transport = transport_.lock()) {
       transport->closed(code);
     }
@@ -352,6 +431,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   URLSessionConfiguration configuration_;
   NetworkTarget endpoint_;
   tcp::resolver resolver_;
+  asio::steady_timer deadline_;
   std::shared_ptr<ssl::context> tls_;
   std::unique_ptr<PlainStream> plain_;
   std::unique_ptr<SecureStream> secure_;

@@ -51,17 +51,34 @@ TEST(EventLoopDeathTest, HostRunsTheMainLoopOnItsOwnThread) {
   // In a fresh child process, before anything has used the loop.
   EXPECT_EXIT(
       {
-        EventLoop::useHostThreadForMain();
-        auto& loop = EventLoop::main();
-        std::thread host([&] { loop.run(); });
+        std::promise<EventLoop*> made;
+        std::promise<bool> earlyInline;
+        std::thread host([&] {
+          EventLoop::useHostThreadForMain();
+          auto& loop = EventLoop::main();
+          // Before run() the host's thread owns the loop: its calls act at
+          // once instead of waiting for a loop that only it could start.
+          earlyInline.set_value(loop.sync([&] { return loop.isCurrentThread(); }));
+          made.set_value(&loop);
+          loop.run();
+        });
+        auto& loop = *made.get_future().get();
         bool onHost = loop.sync([&] { return loop.isCurrentThread(); });
         loop.stop();
         host.join();
         // A stopped loop runs work on the caller instead of waiting forever.
         bool inline_ = loop.sync([&] { return loop.hasStopped() && !loop.isCurrentThread(); });
-        std::exit(onHost && inline_ ? 0 : 1);
+        std::exit(earlyInline.get_future().get() && onHost && inline_ ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
+  EXPECT_DEATH(
+      {
+        EventLoop::useHostThreadForMain();
+        auto& loop = EventLoop::main();
+        std::thread other([&] { loop.run(); });
+        other.join();
+      },
+      "EventLoop::run\\(\\) must be called on the thread that called useHostThreadForMain\\(\\)");
 }
 
 }  // namespace

@@ -171,6 +171,46 @@ TEST_F(ChannelWithFakeTransport, AJoinTimeOutSendsALeaveAndRetries) {
   socket->disconnect();
 }
 
+TEST_F(ChannelWithFakeTransport, AfterDisconnectAndConnectChannelsJoinAgainUnderNewReferences) {
+  auto transport = open();
+  auto joined = socket->channel("room:1");
+  auto joining = socket->channel("room:2");
+  int errors = 0;
+  joined->onError([&](const Message&) { ++errors; });
+  joined->join();
+  joinOk(transport, joined);
+  joining->join();  // its reply never comes on this connection
+  const auto oldRefs = std::vector{joined->joinRef(), joining->joinRef()};
+
+  socket->disconnect();
+  EXPECT_FALSE(joined->isJoined()) << "nothing is joined without a connection";
+  EXPECT_EQ(joined->state(), ChannelState::errored);
+  EXPECT_EQ(joining->state(), ChannelState::errored);
+  EXPECT_EQ(errors, 0) << "the application asked for this close";
+  auto pushed = joined->push("while_away", {});
+  int outcomes = 0;
+  pushed->receive("ok", [&](const Message&) { ++outcomes; })
+      ->receive("timeout", [&](const Message&) { ++outcomes; });
+
+  transport = open();
+  auto frames = framesSent(transport);
+  ASSERT_EQ(frames.size(), 2U) << "one join each; the old queued join is not sent";
+  EXPECT_EQ(frames[0].event, "phx_join");
+  EXPECT_EQ(frames[1].event, "phx_join");
+  EXPECT_NE(frames[0].ref, oldRefs[0]);
+  EXPECT_NE(frames[1].ref, oldRefs[1]);
+  reply(transport, lastFrame(transport, "phx_join"), "ok");
+  reply(transport, frames[0], "ok");
+  EXPECT_TRUE(joined->isJoined());
+  EXPECT_TRUE(joining->isJoined());
+  auto push = lastFrame(transport, "while_away");
+  EXPECT_EQ(push.joinRef, joined->joinRef());
+  reply(transport, push, "ok");
+  EXPECT_EQ(outcomes, 1);
+  EXPECT_EQ(framesSent(transport).size(), 3U) << "the push went out once";
+  socket->disconnect();
+}
+
 TEST_F(ChannelWithFakeTransport, BindingsAreNumberedFromThreeAndRemovedByEventOrReference) {
   auto channel = socket->channel("room:1");
   std::vector<int> calls;

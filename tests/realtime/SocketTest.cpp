@@ -5,6 +5,7 @@
 
 #include <boost/json/parse.hpp>
 #include <limits>
+#include <map>
 
 #include "support/Eventually.hpp"
 #include "support/FakeTransport.hpp"
@@ -50,6 +51,50 @@ TEST(SocketEndpoint, AppendsWebsocketUnlessThePathMentionsIt) {
   EXPECT_EQ(protocolOf("ws://h/socket"), "ws");
   EXPECT_EQ(protocolOf("wss://h/socket"), "wss");
   EXPECT_EQ(protocolOf("/socket"), "");
+}
+
+// Decodes a query as a form decoder does: "+" is a space, "%XX" a byte.
+std::map<std::string, std::string> formDecode(std::string_view query) {
+  auto decode = [](std::string_view text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      if (text[i] == '+') {
+        out += ' ';
+      } else if (text[i] == '%' && i + 2 < text.size()) {
+        out += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+        i += 2;
+      } else {
+        out += text[i];
+      }
+    }
+    return out;
+  };
+  std::map<std::string, std::string> fields;
+  std::size_t start = 0;
+  while (start <= query.size()) {
+    auto end = query.find('&', start);
+    auto item = query.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+    auto equals = item.find('=');
+    fields[decode(item.substr(0, equals))] = equals == std::string_view::npos ? "" : decode(item.substr(equals + 1));
+    if (end == std::string_view::npos) {
+      break;
+    }
+    start = end + 1;
+  }
+  return fields;
+}
+
+TEST(SocketEndpoint, EveryParameterByteSurvivesAFormDecoder) {
+  const std::string token = "ab+/c=d&e#f g\xc3\xa9\xe2\x82\xac%20?";
+  auto url = Socket::buildEndpointUrl(
+      "wss://h/socket", [&] { return std::optional<Payload>({{"token", token}, {"k+&=", "v"}}); },
+      "2.0.0");
+  EXPECT_FALSE(url.has_fragment());
+  auto fields = formDecode(url.encoded_query());
+  EXPECT_EQ(fields["vsn"], "2.0.0");
+  EXPECT_EQ(fields["token"], token);
+  EXPECT_EQ(fields["k+&="], "v");
+  EXPECT_EQ(fields.size(), 3U);
 }
 
 TEST(SocketEndpointDeathTest, AnEndpointThatDoesNotParseStopsTheProcess) {

@@ -121,6 +121,19 @@ TEST(Defaults, DecodesOnlyArraysAndObjects) {
   EXPECT_FALSE(Defaults::decode("[1, 2"));
   EXPECT_FALSE(Defaults::decode(""));
   EXPECT_FALSE(Defaults::decode("[\"\xff\"]"));
+
+  // Deeply nested payloads are data too, up to the documented limit.
+  auto nested = [](std::size_t depth) {
+    return std::string(depth, '[') + std::string(depth, ']');
+  };
+  EXPECT_TRUE(Defaults::decode(nested(Defaults::maxNestingDepth)));
+  EXPECT_FALSE(Defaults::decode(nested(Defaults::maxNestingDepth + 1)));
+  const std::string deepFrame = R"([null, null, "t", "e", {"a": )" + nested(600) + "}]";
+  auto decoded = Defaults::decode(deepFrame);
+  ASSERT_TRUE(decoded);
+  auto message = Message::fromJson(decoded->as_array());
+  ASSERT_TRUE(message);
+  EXPECT_EQ(Defaults::encode(message->rawPayload()), R"({"a":)" + nested(600) + "}");
 }
 
 TEST(Defaults, TheHeartbeatQueueIsMadeOnce) {

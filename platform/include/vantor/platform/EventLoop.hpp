@@ -24,8 +24,11 @@ class DispatchWorkItem;
 ///
 /// By default `main()` starts the loop on a thread of its own the first time
 /// it is used, and stops it when the process exits. A host that wants to run
-/// the loop on a thread of its choosing calls `useHostThreadForMain()` before
-/// anything uses the loop, and then calls `main().run()` on that thread.
+/// the loop on a thread of its choosing calls `useHostThreadForMain()` on
+/// that thread before anything uses the loop, and later `main().run()` on the
+/// same thread. From `useHostThreadForMain()` on, that thread is the loop's:
+/// its calls into the library act at once even before `run()`, while calls
+/// from other threads wait until the loop runs.
 ///
 /// An exception that escapes a handler is written to standard error and the
 /// loop goes on with the next handler.
@@ -72,7 +75,9 @@ class EventLoop {
   /// first. A negative delay runs it as soon as possible.
   void asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item);
 
-  /// Runs the loop on the calling thread until `stop()`; for host-run loops.
+  /// Runs the loop on the calling thread until `stop()`; for host-run loops,
+  /// on the thread that called `useHostThreadForMain()` (another thread is a
+  /// fatal error).
   void run();
 
   /// Makes `run()` return and discards the loop's pending work. Used at exit.

@@ -94,6 +94,11 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void rejoin(std::optional<double> timeout = std::nullopt);
   /// Sets the state to joining and resends the join push.
   void sendJoin(double timeout);
+  /// Called by the socket when the application disconnects it: a joined or
+  /// joining channel goes `errored` without calling its "phx_error"
+  /// bindings, and joins again under a new join reference once the socket
+  /// opens. Pushes made meanwhile wait for that join.
+  void socketDisconnected();
   /// "chan_reply_" followed by `ref`.
   static std::string replyEventName(const std::string& ref);
 
@@ -145,9 +150,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::vector<std::shared_ptr<Push>> pushBuffer_;
   std::shared_ptr<TimeoutTimer> rejoinTimer_;
   std::vector<std::string> stateChangeRefs_;
-  std::function<Message(const Message&)> onMessage_ = [](const Message& message) {
-    return message;
-  };
+  using MessageHook = std::function<Message(const Message&)>;
+  std::shared_ptr<const MessageHook> onMessage_;  // none: messages pass unchanged
 };
 
 template <class Owner>

@@ -2,6 +2,7 @@
 
 #include <boost/json/value.hpp>
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,8 +41,13 @@ struct Defaults {
   /// programming error and stops the process.
   static std::string encode(const boost::json::value& value);
 
+  /// The deepest nesting of arrays and objects that `decode` accepts,
+  /// counting the frame's own array as the first level.
+  static constexpr std::size_t maxNestingDepth = 1024;
+
   /// Parses JSON text whose top level is an array or an object; anything
-  /// else, or text that does not parse, gives no value.
+  /// else, text that does not parse, or text nested deeper than
+  /// `maxNestingDepth`, gives no value.
   static std::optional<boost::json::value> decode(std::string_view bytes);
 
   /// The serial queue labelled "com.phoenix.socket.heartbeat" on which

@@ -63,15 +63,18 @@ class DelegatedBase {
   /// Calls the stored callback; does nothing when none is stored or its
   /// weakly held owner is gone.
   Result call(Args... args) const {
+    // Held for the call, so a callback that replaces or removes itself does
+    // not destroy the closure that is running.
+    const auto callback = callback_;
     if constexpr (std::is_void_v<Output>) {
-      if (callback_) {
-        (*callback_)(args...);
+      if (callback) {
+        (*callback)(args...);
       }
     } else {
-      if (!callback_) {
+      if (!callback) {
         return std::nullopt;
       }
-      return (*callback_)(args...);
+      return (*callback)(args...);
     }
   }
 

@@ -114,6 +114,8 @@ class Presence : public std::enable_shared_from_this<Presence> {
   void handleState(const Message& message);
   void handleDiff(const Message& message);
   bool pendingSyncState() const;
+  struct Callbacks;
+  Callbacks callbacks() const;
 
   template <class F>
   auto onLoop(F&& work) const {
@@ -122,9 +124,11 @@ class Presence : public std::enable_shared_from_this<Presence> {
 
   // Everything below lives on the main loop.
   std::weak_ptr<Channel> channel_;
-  OnJoin onJoin_ = [](const std::string&, const std::optional<Map>&, const Map&) {};
-  OnLeave onLeave_ = [](const std::string&, const Map&, const Map&) {};
-  OnSync onSync_ = [] {};
+  // Shared, so that a handler holds the callbacks it runs even when one of
+  // them replaces itself. Empty: nothing to call.
+  std::shared_ptr<const OnJoin> onJoin_;
+  std::shared_ptr<const OnLeave> onLeave_;
+  std::shared_ptr<const OnSync> onSync_;
   State state_;
   std::vector<Diff> pendingDiffs_;
   std::optional<std::string> joinRef_;

@@ -47,7 +47,16 @@ std::string shortestDecimal(double seconds);
 /// close, error and message events to registered callbacks.
 ///
 /// Make sockets with `make`; they are shared objects. Releasing the last
-/// reference closes the connection without calling any callback.
+/// reference closes the connection without calling any callback, and never
+/// waits for the event loop: it may happen on any thread, the loop's own
+/// included, also before a host-run loop has started.
+///
+/// Callbacks of the application (socket callbacks, channel bindings, push
+/// hooks, presence callbacks, the logger, encoder, decoder, parameters
+/// closure and back-off functions) may throw: the exception is logged as
+/// one line through the logger and dropped, and the next callback and the
+/// next frame are handled as usual. Any of them may replace or remove
+/// itself while it runs; the change applies from the next event on.
 ///
 /// Thread safety: every public member may be called from any thread while
 /// traffic flows. The socket lives on the main event loop: calls from other
@@ -91,8 +100,11 @@ class Socket : public std::enable_shared_from_this<Socket> {
 
   /// The URL a socket connects to: `endpoint` with "/websocket" appended to
   /// its path unless the path already contains it, and the query replaced by
-  /// `vsn` followed by one item per parameter (its value's plain text). An
-  /// endpoint that does not parse stops the process ("Malformed URL: ...").
+  /// `vsn` followed by one item per parameter (its value's plain text).
+  /// Names and values are percent-encoded except for unreserved characters,
+  /// so every byte (a "+" in a base64 token, "&", "=", "#", spaces, UTF-8)
+  /// reads back unchanged through a standard form decoder. An endpoint that
+  /// does not parse stops the process ("Malformed URL: ...").
   static boost::urls::url buildEndpointUrl(const std::string& endpoint,
                                            const ParamsClosure& paramsClosure,
                                            const std::string& vsn);
@@ -109,7 +121,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
 
   /// Closes the connection with `code` and does not reconnect. The close
   /// callbacks run, then `callback`. Channels stay registered; a later
-  /// `connect()` works again.
+  /// `connect()` works again. Joined and joining channels go `errored`
+  /// without a "phx_error" to their bindings, and join again, under new join
+  /// references, once a later `connect()` opens; pushes made meanwhile are
+  /// buffered until then.
   void disconnect(CloseCode code = CloseCode::normal, std::function<void()> callback = nullptr);
 
   [[nodiscard]] PhoenixTransportReadyState connectionState() const;
@@ -248,6 +263,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::string append(CallbackList<Input> StateChangeCallbacks::*list,
                      Delegated<Input, void> callback);
   void log(const std::string& line) const;
+  /// Calls every callback of `list` (a snapshot: callbacks may add or remove
+  /// callbacks); one that throws is logged and the next one still runs.
+  template <class List, class... Arguments>
+  void callAll(const List& list, std::string_view what, const Arguments&... arguments);
 
   void teardown(CloseCode code, const std::function<void()>& callback);
   void flushSendBuffer();
@@ -273,7 +292,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::chrono::nanoseconds heartbeatLeeway_ = Defaults::heartbeatLeeway;
   BackOff reconnectAfter_ = &Defaults::reconnectSteppedBackOff;
   BackOff rejoinAfter_ = &Defaults::rejoinSteppedBackOff;
-  Logger logger_;
+  std::shared_ptr<const Logger> logger_;
   bool skipHeartbeat_ = false;
   bool disableSSLCertValidation_ = false;
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;

@@ -16,9 +16,15 @@ struct URLSessionConfiguration {
   bool useSystemTrustStore = true;
   /// Further certificate authorities to trust, each as PEM text.
   std::vector<std::string> additionalCertificateAuthorities;
-  /// Limit for the TCP connect, the TLS handshake, the WebSocket opening
-  /// handshake, and the closing handshake, each.
-  std::chrono::milliseconds timeoutIntervalForRequest{std::chrono::seconds(60)};
+  /// Limit for the whole opening of a connection: the DNS look-up, the TCP
+  /// connect, the TLS handshake and the WebSocket upgrade together. A server
+  /// that accepts TCP and never answers fails the connection after this.
+  std::chrono::milliseconds handshakeTimeout{std::chrono::seconds(10)};
+  /// How long `disconnect` waits for the server's answer to its close frame
+  /// (and for frames queued before it to be written). The close is reported
+  /// when the answer comes or this passes, whichever is first, so a frozen
+  /// server or a dead network cannot hold a close up.
+  std::chrono::milliseconds closeTimeout{std::chrono::seconds(1)};
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
 };
