@@ -177,6 +177,8 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.tls = std::move(options_.tls);
   wsOptions.port = options_.port;
   wsOptions.echo = false;
+  wsOptions.idleTimeout = options_.idleTimeout;
+  wsOptions.idleCloseCode = 1002;
   wsOptions.hooks.screenHandshake = [this](const std::string& target) { return screen(target); };
   wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) { opened(c, target); };
   wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
@@ -222,6 +224,9 @@ void PhoenixTestServer::Impl::received(ConnectionId connection, const std::strin
   trace(connection, "<- ", text);
   auto frame = decodeFrame(connection, text);
   if (!frame) {
+    // What a real server's serializer does with a frame it cannot decode:
+    // the connection process crashes and the socket closes with 1011.
+    ws_->closeConnectionWith(connection, 1011);
     return;
   }
   records_.update([&](Records& r) { r.frames.push_back(*frame); });
@@ -259,7 +264,7 @@ void PhoenixTestServer::Impl::dispatch(const Frame& frame) {
     if (frame.event == "phx_leave") {
       reply(frame.connection, frame.joinRef, frame.ref, frame.topic, "ok", {});
     } else {
-      reply(frame.connection, frame.joinRef, frame.ref, frame.topic, "error",
+      reply(frame.connection, std::nullopt, frame.ref, frame.topic, "error",
             {{"reason", "unmatched topic"}});
     }
     return;
@@ -281,13 +286,22 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
   auto connection = frame.connection;
   const auto& topic = frame.topic;
   auto& channels = channels_[connection];
+  // A join of a joined topic replaces the older channel. As on a real
+  // server, the new join's reply goes out first and the older channel's
+  // "phx_close" after it.
+  std::optional<Ref> replaced;
   if (auto old = channels.find(topic); old != channels.end()) {
-    auto oldRef = old->second.joinRef;
-    send(connection, oldRef, oldRef, topic, "phx_close", {});
+    replaced = old->second.joinRef;
     removeChannel(connection, topic);
   }
+  auto closeReplaced = [&] {
+    if (replaced) {
+      send(connection, *replaced, *replaced, topic, "phx_close", {});
+    }
+  };
   if (auto reason = forbidden_.find(topic); reason != forbidden_.end()) {
     reply(connection, frame.joinRef, frame.ref, topic, "error", {{"reason", reason->second}});
+    closeReplaced();
     return;
   }
 
@@ -295,6 +309,7 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
   channel.joinRef = frame.joinRef;
   countMembers(topic);
   reply(connection, frame.joinRef, frame.ref, topic, "ok", {});
+  closeReplaced();
   if (!options_.presence) {
     return;
   }
@@ -576,6 +591,24 @@ void PhoenixTestServer::setHeartbeatReplies(bool answer) {
 void PhoenixTestServer::refuseHandshake(std::optional<int> httpStatus) {
   impl_->ws().refuseHandshake(httpStatus);
 }
+
+void PhoenixTestServer::stallHandshakes(bool stall) { impl_->ws().stallHandshakes(stall); }
+
+void PhoenixTestServer::closeAfterUpgrade(std::optional<std::uint16_t> code) {
+  impl_->ws().closeAfterUpgrade(code);
+}
+
+void PhoenixTestServer::acceptHandshakes() { impl_->ws().acceptHandshakes(); }
+
+void PhoenixTestServer::closeAndDrop(std::uint16_t code, std::optional<ConnectionId> connection) {
+  if (connection) {
+    impl_->ws().closeAndDropConnection(*connection, code);
+  } else {
+    impl_->ws().closeAndDrop(code);
+  }
+}
+
+void PhoenixTestServer::shutDown() { impl_->ws().shutDown(1012); }
 
 void PhoenixTestServer::dropConnections() { impl_->ws().dropConnections(); }
 

@@ -14,6 +14,7 @@
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <cstdio>
@@ -51,7 +52,9 @@ constexpr std::size_t kBacklogLimit = 256;
 constexpr auto kBacklogWait = std::chrono::seconds(2);
 
 struct Outgoing {
-  enum class Kind { text, binary, close } kind;
+  // closeAndDrop: a close frame written as raw bytes, then the TCP connection
+  // shut down without waiting for the answer.
+  enum class Kind { text, binary, close, closeAndDrop } kind;
   std::string data;  // the payload, or the close reason
   std::uint16_t code = 0;
 };
@@ -73,6 +76,7 @@ class ServerCore {
   ServerCore& operator=(const ServerCore&) = delete;
 
   // Called by sessions, on the server thread.
+  void recordTarget(const std::string& target);
   std::optional<int> screen(const std::string& target);
   void opened(const std::shared_ptr<Session>& session, const std::string& target);
   void textReceived(const std::shared_ptr<Session>& session, ConnectionId id, std::string text);
@@ -85,6 +89,8 @@ class ServerCore {
   void withOpen(ConnectionId id, const std::function<void(Session&)>& action);
 
   void backlogChanged(std::ptrdiff_t delta);
+  // Closes the listener, `closeAndDrop(code)` on open connections, drops the rest.
+  void shutDown(std::uint16_t code);
 
   // Any thread.
   void execute(const std::function<void()>& work);
@@ -98,6 +104,11 @@ class ServerCore {
   // Server-thread state.
   bool echo_;
   std::optional<int> refusal_;
+  bool stall_ = false;
+  // Set: close each upgrade at once, with the code or (inner nullopt) a drop.
+  std::optional<std::optional<std::uint16_t>> closeAfterUpgrade_;
+  std::optional<std::chrono::milliseconds> idleTimeout_;
+  std::uint16_t idleCloseCode_ = 1002;
   Hooks hooks_;
   std::atomic<bool> stopped_{false};
 
@@ -146,7 +157,7 @@ class StreamSession final : public Session {
  public:
   template <class... Args>
   StreamSession(ServerCore& server, std::uint64_t key, Args&&... args)
-      : server_(server), key_(key), ws_(std::forward<Args>(args)...) {}
+      : server_(server), key_(key), ws_(std::forward<Args>(args)...), idle_(server.io_) {}
 
   void start() override {
     beast::get_lowest_layer(ws_).expires_after(kHandshakeTimeout);
@@ -167,7 +178,7 @@ class StreamSession final : public Session {
     if (!id || finished_ || closeQueued_) {
       return;
     }
-    closeQueued_ = item.kind == Outgoing::Kind::close;
+    closeQueued_ = item.kind == Outgoing::Kind::close || item.kind == Outgoing::Kind::closeAndDrop;
     queue_.push_back(std::move(item));
     server_.backlogChanged(1);
     writeNext();
@@ -206,6 +217,10 @@ class StreamSession final : public Session {
       return refuse(400, "a WebSocket upgrade was expected\n");
     }
     target_ = std::string(request.target());
+    server_.recordTarget(target_);
+    if (server_.stall_) {
+      return stall();
+    }
     if (auto status = server_.screen(target_)) {
       return refuse(*status, "handshake refused by the test server\n");
     }
@@ -217,6 +232,7 @@ class StreamSession final : public Session {
     // handshake completed finds its frame recorded. Answers to the server's
     // own close are not recorded. The stream owns the callback: no `self`.
     ws_.control_callback([this](websocket::frame_type kind, beast::string_view) {
+      armIdleTimer();
       if (kind == websocket::frame_type::close && !closeQueued_ && id) {
         server_.closeFrameReceived(*id, ws_.reason());
       }
@@ -224,14 +240,48 @@ class StreamSession final : public Session {
     // Counted before the 101 goes out: a client that has seen its connection
     // open must find it registered, for example when a test closes it next.
     // Frames queued meanwhile wait for the upgrade to finish.
+    auto closeAfterUpgrade = server_.closeAfterUpgrade_;
     server_.opened(self(), target_);
-    ws_.async_accept(request, [self = self()](beast::error_code ec) {
+    ws_.async_accept(request, [self = self(), closeAfterUpgrade](beast::error_code ec) {
       if (ec) {
         return self->finish();
       }
       self->upgraded_ = true;
+      if (closeAfterUpgrade && *closeAfterUpgrade) {
+        self->enqueue({Outgoing::Kind::close, {}, **closeAfterUpgrade});
+      } else if (closeAfterUpgrade) {
+        self->drop();
+      }
       self->writeNext();
       self->readNext();
+      self->armIdleTimer();
+    });
+  }
+
+  // Never answers the upgrade request; reads on only to notice the client
+  // leaving.
+  void stall() {
+    beast::get_lowest_layer(ws_).expires_never();
+    ws_.next_layer().async_read_some(
+        asio::buffer(stallBuffer_), [self = self()](beast::error_code ec, std::size_t) {
+          if (ec) {
+            return self->finish();
+          }
+          self->stall();
+        });
+  }
+
+  // (Re)starts the idle time-out; every frame that arrives calls it.
+  void armIdleTimer() {
+    if (!server_.idleTimeout_ || finished_) {
+      return;
+    }
+    idle_.expires_after(*server_.idleTimeout_);
+    idle_.async_wait([self = self(), generation = ++idleGeneration_](beast::error_code ec) {
+      if (ec || generation != self->idleGeneration_ || self->finished_) {
+        return;
+      }
+      self->enqueue({Outgoing::Kind::closeAndDrop, {}, self->server_.idleCloseCode_});
     });
   }
 
@@ -258,6 +308,7 @@ class StreamSession final : public Session {
       }
       auto data = beast::buffers_to_string(self->readBuffer_.data());
       self->readBuffer_.consume(self->readBuffer_.size());
+      self->armIdleTimer();
       if (self->ws_.got_text()) {
         self->server_.textReceived(self, *self->id, std::move(data));
       } else {
@@ -284,6 +335,19 @@ class StreamSession final : public Session {
                       });
       return;
     }
+    if (current_.kind == Outgoing::Kind::closeAndDrop) {
+      // Written past Beast, which would wait for the client's answer. A
+      // server frame is unmasked: FIN + close opcode, length, code.
+      current_.data = {static_cast<char>(0x88), 2, static_cast<char>(current_.code >> 8),
+                       static_cast<char>(current_.code & 0xff)};
+      asio::async_write(ws_.next_layer(), asio::buffer(current_.data),
+                        [self = self()](beast::error_code, std::size_t) {
+                          self->writing_ = false;
+                          self->server_.backlogChanged(-1);
+                          self->drop();
+                        });
+      return;
+    }
     ws_.text(current_.kind == Outgoing::Kind::text);
     ws_.async_write(asio::buffer(current_.data),
                     [self = self()](beast::error_code ec, std::size_t) {
@@ -300,6 +364,7 @@ class StreamSession final : public Session {
       return;
     }
     finished_ = true;
+    idle_.cancel();
     server_.backlogChanged(-static_cast<std::ptrdiff_t>(queue_.size()));
     queue_.clear();
     beast::get_lowest_layer(ws_).close();
@@ -320,6 +385,9 @@ class StreamSession final : public Session {
   bool writing_ = false;
   bool closeQueued_ = false;
   bool finished_ = false;
+  std::array<char, 512> stallBuffer_{};
+  asio::steady_timer idle_;
+  std::uint64_t idleGeneration_ = 0;
 };
 
 using PlainSession = StreamSession<beast::tcp_stream>;
@@ -327,6 +395,8 @@ using TlsSession = StreamSession<ssl::stream<beast::tcp_stream>>;
 
 ServerCore::ServerCore(Options options)
     : echo_(options.echo),
+      idleTimeout_(options.idleTimeout),
+      idleCloseCode_(options.idleCloseCode),
       hooks_(std::move(options.hooks)),
       acceptor_(io_),
       work_(asio::make_work_guard(io_)) {
@@ -403,8 +473,11 @@ void ServerCore::accept() {
   });
 }
 
-std::optional<int> ServerCore::screen(const std::string& target) {
+void ServerCore::recordTarget(const std::string& target) {
   records_.update([&](Records& r) { r.targets.push_back(target); });
+}
+
+std::optional<int> ServerCore::screen(const std::string& target) {
   if (refusal_) {
     return refusal_;
   }
@@ -481,6 +554,22 @@ void ServerCore::withOpen(ConnectionId id, const std::function<void(Session&)>& 
   if (auto it = open_.find(id); it != open_.end()) {
     if (auto session = it->second.lock()) {
       action(*session);
+    }
+  }
+}
+
+void ServerCore::shutDown(std::uint16_t code) {
+  beast::error_code ignored;
+  acceptor_.close(ignored);
+  std::vector<std::shared_ptr<Session>> sessions;
+  for (auto& [key, session] : sessions_) {
+    sessions.push_back(session);
+  }
+  for (auto& session : sessions) {
+    if (session->id) {
+      session->enqueue({Outgoing::Kind::closeAndDrop, {}, code});
+    } else {
+      session->drop();
     }
   }
 }
@@ -562,6 +651,22 @@ void WebSocketTestServer::refuseHandshake(std::optional<int> httpStatus) {
   impl_->execute([&] { impl_->refusal_ = httpStatus; });
 }
 
+void WebSocketTestServer::stallHandshakes(bool stall) {
+  impl_->execute([&] { impl_->stall_ = stall; });
+}
+
+void WebSocketTestServer::closeAfterUpgrade(std::optional<std::uint16_t> code) {
+  impl_->execute([&] { impl_->closeAfterUpgrade_ = code; });
+}
+
+void WebSocketTestServer::acceptHandshakes() {
+  impl_->execute([&] {
+    impl_->refusal_.reset();
+    impl_->stall_ = false;
+    impl_->closeAfterUpgrade_.reset();
+  });
+}
+
 bool WebSocketTestServer::waitForConnections(std::size_t count,
                                              std::chrono::milliseconds timeout) const {
   return impl_->records_.waitFor(timeout, [&](const auto& r) { return r.connections >= count; });
@@ -602,6 +707,16 @@ void WebSocketTestServer::dropConnections() {
   impl_->execute([&] { impl_->forEachOpen([](Session& s) { s.drop(); }); });
 }
 
+void WebSocketTestServer::closeAndDrop(std::uint16_t code) {
+  impl_->execute([&] {
+    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::closeAndDrop, {}, code}); });
+  });
+}
+
+void WebSocketTestServer::shutDown(std::uint16_t code) {
+  impl_->execute([&] { impl_->shutDown(code); });
+}
+
 void WebSocketTestServer::sendTextTo(ConnectionId connection, std::string text) {
   impl_->execute([&] {
     impl_->withOpen(connection, [&](Session& s) {
@@ -620,6 +735,23 @@ void WebSocketTestServer::sendBinaryTo(ConnectionId connection, std::string byte
 
 void WebSocketTestServer::dropConnection(ConnectionId connection) {
   impl_->execute([&] { impl_->withOpen(connection, [](Session& s) { s.drop(); }); });
+}
+
+void WebSocketTestServer::closeConnectionWith(ConnectionId connection, std::uint16_t code,
+                                              std::string reason) {
+  impl_->execute([&] {
+    impl_->withOpen(connection, [&](Session& s) {
+      s.enqueue({Outgoing::Kind::close, std::move(reason), code});
+    });
+  });
+}
+
+void WebSocketTestServer::closeAndDropConnection(ConnectionId connection, std::uint16_t code) {
+  impl_->execute([&] {
+    impl_->withOpen(connection, [&](Session& s) {
+      s.enqueue({Outgoing::Kind::closeAndDrop, {}, code});
+    });
+  });
 }
 
 std::vector<WebSocketTestServer::CloseFrame> WebSocketTestServer::receivedCloseFrames() const {

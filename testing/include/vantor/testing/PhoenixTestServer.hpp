@@ -33,16 +33,17 @@ namespace vantor::testing {
 ///   {"status":"ok","response":{}}], unless `setHeartbeatReplies(false)`.
 /// - "phx_join": the ok reply [join_ref, ref, topic, "phx_reply",
 ///   {"status":"ok","response":{}}]; for a topic marked with `forbidTopic`
-///   an "error" reply with {"reason": reason}. Joining a topic that the connection has
-///   already joined first closes the older channel with
-///   [old_join_ref, old_join_ref, topic, "phx_close", {}]; the newer join wins.
+///   an "error" reply with {"reason": reason}. Joining a topic that the
+///   connection has already joined replaces the older channel: the new
+///   join's reply comes first, then [old_join_ref, old_join_ref, topic,
+///   "phx_close", {}] for the older one.
 /// - "phx_leave": the ok reply, then [join_ref, join_ref, topic, "phx_close",
 ///   {}]. A leave for a topic that the connection has not joined gets an ok
 ///   reply only (the client may have raced a server-side close); a leave
 ///   that carries an older join ref than the current channel's is ignored.
 /// - Any other event on a topic that the connection has not joined:
-///   [join_ref, ref, topic, "phx_reply", {"status":"error",
-///   "response":{"reason":"unmatched topic"}}] with the frame's own join ref.
+///   [null, ref, topic, "phx_reply", {"status":"error",
+///   "response":{"reason":"unmatched topic"}}].
 /// - Events on a joined channel, replies carry the channel's join ref:
 ///   - "echo": ok reply whose response is the payload;
 ///   - "fail": "error" reply whose response is the payload;
@@ -63,13 +64,23 @@ namespace vantor::testing {
 /// reply the joining member gets [join_ref, null, topic, "presence_state",
 /// state], and when a tracked member comes or goes (join, leave, channel
 /// crash or close, dropped connection) every current member of the topic
-/// gets [null, null, topic, "presence_diff", {"joins":{...},"leaves":{...}}];
-/// the joining member receives its own join diff too. With
-/// `presenceDiffBeforeState` the joining member's diff is sent before its
-/// "presence_state" rather than after it.
+/// gets [null, null, topic, "presence_diff", {"joins":{...},"leaves":{...}}].
+/// The joining member receives its own join diff too, before its
+/// "presence_state" (as real servers may deliver them); with
+/// `presenceDiffBeforeState = false` after it.
 ///
-/// Bad input from a client (unparsable JSON, a frame of the wrong shape, a
-/// binary frame) is ignored; the connection stays up.
+/// Broadcasts and presence diffs carry a null join ref; pushes to one member
+/// ("pushed", `push`, "presence_state") carry its join ref; "phx_error" and
+/// "phx_close" are [join_ref, join_ref, topic, event, {}].
+///
+/// Closing codes, as real servers send them:
+/// - 1002 when a connection sent no frame at all for `Options::idleTimeout`
+///   (60 s by default): a close frame, then the TCP connection is dropped
+///   without waiting for the answer;
+/// - 1011 after a text frame that is not JSON or not a 5-element array of
+///   the right element types: a close handshake;
+/// - 1012 from `shutDown()`.
+/// A binary frame is ignored; the connection stays up.
 ///
 /// Connections are numbered 0, 1, 2 ... in the order in which they opened,
 /// the same numbers as `Frame::connection`, the index in `connectParams()`
@@ -96,7 +107,9 @@ class PhoenixTestServer {
     std::uint16_t port = 0;                              ///< 0: a free port
     bool presence = true;                  ///< send presence_state and presence_diff
     /// Send a joining member's own "presence_diff" before its "presence_state".
-    bool presenceDiffBeforeState = false;
+    bool presenceDiffBeforeState = true;
+    /// A connection that sends no frame for this long is closed with 1002.
+    std::chrono::milliseconds idleTimeout = std::chrono::seconds(60);
     /// Called on the server thread with one line per frame received ("<- ")
     /// or sent ("-> "), prefixed by the connection number. For demos.
     std::function<void(const std::string&)> trace = nullptr;
@@ -188,6 +201,21 @@ class PhoenixTestServer {
 
   /// Answers later upgrade requests with this HTTP status; `nullopt` undoes it.
   void refuseHandshake(std::optional<int> httpStatus);
+  /// Handshake faults of the WebSocket layer (see `WebSocketTestServer`):
+  /// upgrade requests left unanswered, upgrades closed at once with a code
+  /// (or dropped when `nullopt`), and back to normal.
+  void stallHandshakes(bool stall);
+  void closeAfterUpgrade(std::optional<std::uint16_t> code);
+  void acceptHandshakes();
+  /// A close frame with `code`, then the TCP connection dropped at once
+  /// without waiting for the answer (what the idle time-out does), on one or
+  /// all connections.
+  void closeAndDrop(std::uint16_t code, std::optional<ConnectionId> connection = std::nullopt);
+  /// Server shutdown: stops listening (new connections are refused, the port
+  /// is free again), sends close 1012 to every connection and drops it
+  /// without waiting for the answer. The object stays usable for reading
+  /// records; a new server may take the port to play a restart.
+  void shutDown();
   /// Shuts down and closes the TCP connections, without a close frame.
   void dropConnections();
   void dropConnection(ConnectionId connection);

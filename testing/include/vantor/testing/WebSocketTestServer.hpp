@@ -32,7 +32,13 @@ namespace vantor::testing {
 ///
 /// Misbehaving clients (vanishing, sending garbage, closing mid-handshake,
 /// failing TLS) only end their own connection. A handshake or a close
-/// handshake that stalls is given up after ten seconds.
+/// handshake that stalls is given up after ten seconds (not one that
+/// `stallHandshakes` stalls on purpose).
+///
+/// Faults on demand: refused, stalled or at once closed upgrades, a close
+/// frame followed by dropping the TCP connection without waiting for the
+/// answer (`closeAndDrop`, also what `Options::idleTimeout` does), and a
+/// shutdown that closes the listener and every connection (`shutDown`).
 ///
 /// Thread safety: every public member may be called from any thread, also
 /// from inside a hook. Calls from other threads are carried onto the server
@@ -78,6 +84,10 @@ class WebSocketTestServer {
     /// as 127.0.0.2) is absent from the test certificate.
     std::string address = "127.0.0.1";
     bool echo = true;                                    ///< initial value of `setEcho`
+    /// A connection from which no frame (data or control) arrives for this
+    /// long gets `closeAndDrop(idleCloseCode)`. None by default.
+    std::optional<std::chrono::milliseconds> idleTimeout = std::nullopt;
+    std::uint16_t idleCloseCode = 1002;
     Hooks hooks = {};
   };
 
@@ -121,6 +131,19 @@ class WebSocketTestServer {
   /// text body, then closes the connection; `nullopt` accepts again. The
   /// refused requests still appear in `handshakeTargets()`.
   void refuseHandshake(std::optional<int> httpStatus);
+  /// While true, later upgrade requests get no answer at all: the TCP
+  /// connection stays open (until the client leaves or the server stops) and
+  /// the client's handshake hangs. The requests appear in
+  /// `handshakeTargets()`; the connections are never counted. Takes
+  /// precedence over `refuseHandshake`.
+  void stallHandshakes(bool stall);
+  /// Later upgrades are accepted (counted, hooks run) and then at once closed:
+  /// with a close frame carrying `code` (a normal close handshake), or, when
+  /// `code` is `nullopt`, by dropping the TCP connection right after the 101.
+  /// `acceptHandshakes()` ends this mode.
+  void closeAfterUpgrade(std::optional<std::uint16_t> code);
+  /// Undoes `refuseHandshake`, `stallHandshakes` and `closeAfterUpgrade`.
+  void acceptHandshakes();
 
   /// Waits until the upgrades of `count` connections have been accepted since
   /// the start (cumulative). False when the timeout passes first.
@@ -141,11 +164,22 @@ class WebSocketTestServer {
   /// Ends every open connection at once: the TCP socket is shut down and
   /// closed without a close frame.
   void dropConnections();
+  /// Sends a close frame with `code` after the frames queued before, then
+  /// shuts down and closes the TCP connection at once, without waiting for
+  /// the client's answer.
+  void closeAndDrop(std::uint16_t code);
+  /// Stops listening (new connections are refused; the port is free again
+  /// afterwards), `closeAndDrop(code)` on every open connection and drops
+  /// connections still in their handshake. Hooks keep running; `stop()` is
+  /// still needed to end the thread.
+  void shutDown(std::uint16_t code);
 
   /// The same, for one connection. An unknown or ended connection is ignored.
   void sendTextTo(ConnectionId connection, std::string text);
   void sendBinaryTo(ConnectionId connection, std::string bytes);
   void dropConnection(ConnectionId connection);
+  void closeConnectionWith(ConnectionId connection, std::uint16_t code, std::string reason = {});
+  void closeAndDropConnection(ConnectionId connection, std::uint16_t code);
 
   /// Close frames that clients sent to start a close handshake, in order of
   /// arrival. Answers to the server's own close are not included.

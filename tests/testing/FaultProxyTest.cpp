@@ -1,0 +1,341 @@
+// The fault proxy and the servers' handshake and close faults, driven by a
+// plain Beast WebSocket client.
+#include "vantor/testing/FaultProxy.hpp"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <thread>
+#include <variant>
+
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+namespace vantor::testing {
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+namespace json = boost::json;
+using namespace std::chrono_literals;
+using error_code = boost::system::error_code;
+using tcp = asio::ip::tcp;
+
+constexpr auto kPatience = 3s;  // only catches hangs
+
+// A blocking WebSocket client with a time limit on every step.
+class Client {
+ public:
+  // TCP connect and upgrade to "/socket/websocket?vsn=2.0.0" on `port`.
+  error_code connect(std::uint16_t port, std::chrono::milliseconds limit = kPatience) {
+    auto ec = run(limit, [&](auto done) {
+      ws_.next_layer().async_connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port),
+                                     done);
+    });
+    if (ec) {
+      return ec;
+    }
+    return run(limit, [&](auto done) {
+      ws_.async_handshake(response_, "127.0.0.1", "/socket/websocket?vsn=2.0.0", done);
+    });
+  }
+
+  error_code write(const std::string& text) {
+    return run(kPatience, [&](auto done) { ws_.async_write(asio::buffer(text), done); });
+  }
+
+  // One message, or the error that ended the connection.
+  std::variant<std::string, error_code> read(std::chrono::milliseconds limit = kPatience) {
+    beast::flat_buffer buffer;
+    auto ec = run(limit, [&](auto done) { ws_.async_read(buffer, done); });
+    if (ec) {
+      return ec;
+    }
+    return beast::buffers_to_string(buffer.data());
+  }
+
+  json::array readFrame() {
+    auto message = read();
+    EXPECT_TRUE(std::holds_alternative<std::string>(message));
+    return std::holds_alternative<std::string>(message)
+               ? json::parse(std::get<std::string>(message)).as_array()
+               : json::array{};
+  }
+
+  error_code readError(std::chrono::milliseconds limit = kPatience) {
+    auto message = read(limit);
+    return std::holds_alternative<error_code>(message) ? std::get<error_code>(message)
+                                                       : error_code{};
+  }
+
+  [[nodiscard]] std::uint16_t closeCode() const { return ws_.reason().code; }
+  [[nodiscard]] unsigned httpStatus() const { return response_.result_int(); }
+
+ private:
+  template <class Start>
+  error_code run(std::chrono::milliseconds limit, Start start) {
+    std::optional<error_code> result;
+    ws_.next_layer().expires_after(limit);
+    start([&](error_code ec, auto&&...) { result = ec; });
+    io_.restart();
+    io_.run();
+    return result.value_or(asio::error::timed_out);
+  }
+
+  asio::io_context io_;
+  websocket::stream<beast::tcp_stream> ws_{io_};
+  websocket::response_type response_;
+};
+
+std::string frame(const json::value& joinRef, const json::value& ref, std::string_view topic,
+                  std::string_view event, json::object payload = {}) {
+  return json::serialize(json::array{joinRef, ref, json::value(topic), json::value(event),
+                                     std::move(payload)});
+}
+
+std::string heartbeat(int ref) {
+  return frame(nullptr, json::value(std::to_string(ref)), "phoenix", "heartbeat");
+}
+
+// --- The proxy ---------------------------------------------------------------------------
+
+class ThroughProxy : public ::testing::Test {
+ protected:
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
+  Client client;
+
+  void SetUp() override { ASSERT_FALSE(client.connect(proxy.port())); }
+};
+
+TEST_F(ThroughProxy, ForwardsBothWaysAndCountsConnections) {
+  ASSERT_FALSE(client.write(heartbeat(1)));
+  EXPECT_EQ(client.readFrame()[1], "1");
+  EXPECT_EQ(proxy.connectionCount(), 1U);
+  EXPECT_EQ(proxy.openConnections(), 1U);
+  EXPECT_EQ(proxy.url("socket"), "ws://127.0.0.1:" + std::to_string(proxy.port()) + "/socket");
+}
+
+TEST_F(ThroughProxy, FrozenHoldsDataAndHandshakesThenForwardsWhatItHeld) {
+  proxy.freeze();
+  ASSERT_FALSE(client.write(heartbeat(1)));
+  Client late;
+  EXPECT_EQ(late.connect(proxy.port(), 200ms), beast::error::timeout)
+      << "the handshake through a frozen proxy hangs";
+  EXPECT_TRUE(proxy.waitForConnections(2, kPatience)) << "accepted at TCP level all the same";
+  EXPECT_EQ(server.heartbeatsReceived(), 0U);
+  EXPECT_EQ(server.connectParams().size(), 1U);
+
+  proxy.unfreeze();
+  EXPECT_EQ(client.readFrame()[1], "1") << "the held heartbeat went through";
+  Client fresh;
+  EXPECT_FALSE(fresh.connect(proxy.port()));
+}
+
+TEST_F(ThroughProxy, ResetGivesBothPeersAConnectionError) {
+  ASSERT_TRUE(server.waitForOpenConnections(1, kPatience));
+  proxy.reset();
+  EXPECT_EQ(client.readError(), asio::error::connection_reset);
+  EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
+  EXPECT_EQ(proxy.openConnections(), 0U);
+}
+
+TEST_F(ThroughProxy, ACutFrameEndsTheConnectionWithoutAClose) {
+  proxy.cutNextServerChunk();
+  server.sendRaw(std::string(1000, 'x'));
+  auto ec = client.readError();
+  EXPECT_TRUE(ec) << "no message may arrive";
+  EXPECT_NE(ec, websocket::error::closed);
+  EXPECT_NE(ec, beast::error::timeout);
+  EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
+}
+
+constexpr std::array<const char*, 3> kSlowNames = {"Trickle", "Delay", "Both"};
+
+// Slow links still deliver every byte, in order.
+class SlowProxy : public ThroughProxy,
+                  public ::testing::WithParamInterface<std::function<void(FaultProxy&)>> {};
+
+TEST_P(SlowProxy, DeliversEveryByteInOrder) {
+  GetParam()(proxy);
+  ASSERT_FALSE(client.write(frame(json::value("1"), json::value("1"), "room:a", "phx_join")));
+  EXPECT_EQ(client.readFrame()[3], "phx_reply");
+  EXPECT_EQ(client.readFrame()[3], "presence_state");
+  for (int ref = 2; ref < 6; ++ref) {
+    json::object payload{{"body", std::string(3000, static_cast<char>('a' + ref))}};
+    ASSERT_FALSE(client.write(
+        frame(json::value("1"), json::value(std::to_string(ref)), "room:a", "echo", payload)));
+  }
+  for (int ref = 2; ref < 6; ++ref) {
+    auto reply = client.readFrame();
+    ASSERT_EQ(reply.size(), 5U);
+    EXPECT_EQ(reply[1], json::value(std::to_string(ref)));
+    EXPECT_EQ(reply[4].at("response").at("body"),
+              json::value(std::string(3000, static_cast<char>('a' + ref))));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, SlowProxy,
+    ::testing::Values([](FaultProxy& p) { p.trickle(512, 1ms); },
+                      [](FaultProxy& p) { p.delay(20ms); },
+                      [](FaultProxy& p) {
+                        p.trickle(700, 2ms);
+                        p.delay(5ms);
+                      }),
+    [](const auto& info) { return kSlowNames[info.index]; });
+
+TEST(FaultProxy, DelayAddsLatencyInEachDirection) {
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
+  Client client;
+  ASSERT_FALSE(client.connect(proxy.port()));
+  proxy.delay(50ms);
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_FALSE(client.write(heartbeat(1)));
+  EXPECT_EQ(client.readFrame()[1], "1");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
+}
+
+TEST(FaultProxy, StopsWithConnectionsOpenAndTwice) {
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port(), .tls = true}};
+  EXPECT_EQ(proxy.url(), "wss://localhost:" + std::to_string(proxy.port()) + "/");
+  Client client;
+  ASSERT_FALSE(client.connect(proxy.port()));
+  proxy.freeze();
+  ASSERT_FALSE(client.write(heartbeat(1)));
+  proxy.stop();
+  EXPECT_TRUE(client.readError());
+  proxy.stop();
+  proxy.reset();
+}
+
+// --- Handshake faults --------------------------------------------------------------------
+
+TEST(HandshakeFaults, RefusedStalledAndClosedUpgrades) {
+  PhoenixTestServer server;
+  for (int status : {403, 500}) {
+    server.refuseHandshake(status);
+    Client client;
+    EXPECT_EQ(client.connect(server.port()), websocket::error::upgrade_declined);
+    EXPECT_EQ(client.httpStatus(), static_cast<unsigned>(status));
+  }
+
+  server.stallHandshakes(true);
+  Client stalled;
+  EXPECT_EQ(stalled.connect(server.port(), 200ms), beast::error::timeout);
+  EXPECT_EQ(server.webSocket().handshakeTargets().size(), 3U);
+
+  server.acceptHandshakes();
+  server.closeAfterUpgrade(4001);
+  Client closed;
+  ASSERT_FALSE(closed.connect(server.port()));
+  EXPECT_EQ(closed.readError(), websocket::error::closed);
+  EXPECT_EQ(closed.closeCode(), 4001);
+
+  server.closeAfterUpgrade(std::nullopt);
+  Client dropped;
+  ASSERT_FALSE(dropped.connect(server.port()));
+  auto ec = dropped.readError();
+  EXPECT_TRUE(ec);
+  EXPECT_NE(ec, websocket::error::closed);
+
+  server.acceptHandshakes();
+  Client normal;
+  ASSERT_FALSE(normal.connect(server.port()));
+  ASSERT_FALSE(normal.write(heartbeat(1)));
+  EXPECT_EQ(normal.readFrame()[1], "1");
+  EXPECT_TRUE(server.waitForOpenConnections(1, kPatience));
+}
+
+// --- Close codes of the protocol server --------------------------------------------------
+
+TEST(ServerCloses, AnIdleConnectionGets1002AndIsDropped) {
+  PhoenixTestServer server(PhoenixTestServer::Options{.idleTimeout = 150ms});
+  Client chatty;
+  Client idle;
+  ASSERT_FALSE(chatty.connect(server.port()));
+  ASSERT_FALSE(idle.connect(server.port()));
+  for (int ref = 1; ref <= 6; ++ref) {
+    ASSERT_FALSE(chatty.write(heartbeat(ref)));
+    EXPECT_EQ(chatty.readFrame()[1], json::value(std::to_string(ref)));
+    std::this_thread::sleep_for(50ms);
+  }
+  // The client's answer may meet a dropped connection: any error, but the
+  // close frame must have come first.
+  EXPECT_TRUE(idle.readError());
+  EXPECT_EQ(idle.closeCode(), 1002);
+  EXPECT_TRUE(server.waitForOpenConnections(1, kPatience)) << "only the idle one went";
+  EXPECT_TRUE(chatty.readError(1s));
+  EXPECT_EQ(chatty.closeCode(), 1002) << "once it went quiet as well";
+}
+
+TEST(ServerCloses, AMalformedFrameGets1011) {
+  PhoenixTestServer server;
+  for (std::string bad : {"not json", "[1,2,3]", R"([null,"1","t","e",[]])", R"({"a":1})"}) {
+    Client client;
+    ASSERT_FALSE(client.connect(server.port()));
+    ASSERT_FALSE(client.write(bad));
+    EXPECT_EQ(client.readError(), websocket::error::closed) << bad;
+    EXPECT_EQ(client.closeCode(), 1011) << bad;
+  }
+}
+
+TEST(ServerCloses, ShutDownSends1012ToEveryConnectionAndStopsListening) {
+  PhoenixTestServer server;
+  Client first;
+  Client second;
+  ASSERT_FALSE(first.connect(server.port()));
+  ASSERT_FALSE(second.connect(server.port()));
+  ASSERT_TRUE(server.waitForOpenConnections(2, kPatience));
+  server.shutDown();
+  for (auto* client : {&first, &second}) {
+    EXPECT_TRUE(client->readError());
+    EXPECT_EQ(client->closeCode(), 1012);
+  }
+  EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
+  Client late;
+  EXPECT_EQ(late.connect(server.port()), asio::error::connection_refused);
+}
+
+// --- Replies as a real server orders and addresses them ----------------------------------
+
+TEST(ServerReplies, UnmatchedTopicSecondJoinAndPresenceOrder) {
+  PhoenixTestServer server;
+  Client client;
+  ASSERT_FALSE(client.connect(server.port()));
+
+  ASSERT_FALSE(client.write(frame(json::value("7"), json::value("8"), "room:x", "echo")));
+  EXPECT_EQ(client.readFrame(),
+            json::parse(R"([null,"8","room:x","phx_reply",)"
+                        R"({"status":"error","response":{"reason":"unmatched topic"}}])"));
+
+  ASSERT_FALSE(client.write(
+      frame(json::value("1"), json::value("1"), "room:a", "phx_join", {{"user_id", "al"}})));
+  EXPECT_EQ(client.readFrame()[3], "phx_reply");
+  auto diff = client.readFrame();
+  EXPECT_EQ(diff[0], nullptr);
+  EXPECT_EQ(diff[3], "presence_diff") << "the own diff comes before the state";
+  EXPECT_EQ(client.readFrame()[3], "presence_state");
+
+  ASSERT_FALSE(client.write(frame(json::value("3"), json::value("3"), "room:a", "phx_join")));
+  EXPECT_EQ(client.readFrame(), json::parse(R"(["3","3","room:a","phx_reply",)"
+                                            R"({"status":"ok","response":{}}])"));
+  EXPECT_EQ(client.readFrame(), json::parse(R"(["1","1","room:a","phx_close",{}])"));
+}
+
+}  // namespace
+}  // namespace vantor::testing
