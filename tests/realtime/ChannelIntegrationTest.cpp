@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <boost/json/serialize.hpp>
+#include <stdexcept>
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -245,6 +246,58 @@ TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   EXPECT_THAT(socket->channels(), ElementsAre(newer));
   EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, leaving duplicate topic: [room:1]"));
   ASSERT_TRUE(server.waitForMembers("room:1", 1, 10s));
+}
+
+TEST_F(ChannelAgainstServer, DisconnectThenConnectRejoinsAndAPushMadeBetweenIsAnsweredOnce) {
+  std::vector<std::shared_ptr<Channel>> channels;
+  for (const auto* topic : {"room:a", "room:b"}) {
+    channels.push_back(socket->channel(topic));
+    channels.back()->join();
+  }
+  for (const auto& channel : channels) {
+    ASSERT_TRUE(waitForState(channel, ChannelState::joined));
+  }
+  const auto oldRef = channels[0]->joinRef();
+  socket->disconnect();
+  EXPECT_FALSE(channels[0]->isJoined());
+  std::atomic<int> replies{0};
+  std::atomic<int> failures{0};
+  channels[0]->push("echo", {{"n", 1}})
+      ->receive("ok", [&](const Message&) { ++replies; })
+      ->receive("error", [&](const Message&) { ++failures; })
+      ->receive("timeout", [&](const Message&) { ++failures; });
+
+  socket->connect();
+  for (const auto& channel : channels) {
+    ASSERT_TRUE(waitForState(channel, ChannelState::joined));
+  }
+  EXPECT_NE(channels[0]->joinRef(), oldRef);
+  ASSERT_TRUE(eventually([&] { return replies == 1; }));
+  std::this_thread::sleep_for(50ms);
+  EXPECT_EQ(replies, 1);
+  EXPECT_EQ(failures, 0) << "no \"unmatched topic\" and no time-out";
+  EXPECT_EQ(server.countReceived("room:a", "echo"), 1U);
+  EXPECT_EQ(server.memberCount("room:a"), 1U);
+}
+
+TEST_F(ChannelAgainstServer, ABindingThatAlwaysThrowsDoesNotStopTheConnection) {
+  auto channel = socket->channel("room:1");
+  std::atomic<int> before{0};
+  std::atomic<int> after{0};
+  std::atomic<int> onSocket{0};
+  channel->on("news", [&](const Message&) { ++before; });
+  channel->on("news", [](const Message&) { throw std::runtime_error("always"); });
+  channel->on("news", [&](const Message&) { ++after; });
+  socket->onMessage([&](const Message& message) { onSocket += message.event() == "news" ? 1 : 0; });
+  channel->join();
+  ASSERT_TRUE(waitForState(channel, ChannelState::joined));
+  for (int n = 0; n < 100; ++n) {
+    server.broadcast("room:1", "news", {{"n", n}});
+  }
+  ASSERT_TRUE(eventually([&] { return after == 100 && onSocket == 100; }));
+  EXPECT_EQ(before, 100);
+  EXPECT_TRUE(socket->isConnected());
+  EXPECT_EQ(log.count("VantorPhoenixClient: error, channel binding threw: always"), 100U);
 }
 
 struct Owner {};

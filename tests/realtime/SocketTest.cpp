@@ -6,6 +6,7 @@
 #include <boost/json/parse.hpp>
 #include <limits>
 #include <map>
+#include <thread>
 
 #include "support/Eventually.hpp"
 #include "support/FakeTransport.hpp"
@@ -22,6 +23,7 @@ struct SocketTestAccess {
 namespace {
 
 using namespace std::chrono_literals;
+using platform::EventLoop;
 using testing::eventually;
 using testing::FakeTransport;
 using testing::FakeTransports;
@@ -103,6 +105,33 @@ TEST(SocketEndpointDeathTest, AnEndpointThatDoesNotParseStopsTheProcess) {
   // Read naively, this names the host 127.0.0.1 with the path ".evil.test/".
   EXPECT_DEATH(Socket::buildEndpointUrl("ws://127.0.0.1.evil.test/socket", nullptr, "2.0.0"),
                "Malformed URL: ws://127.0.0.1.evil.test/socket");
+}
+
+TEST(SocketDeathTest, OnAHostRunLoopNothingWaitsForTheLoopBeforeItRuns) {
+  // In a fresh child process, before anything has used the loop.
+  EXPECT_EXIT(
+      {
+        FakeTransports transports;
+        EventLoop::useHostThreadForMain();
+        // The host's own calls act at once, before run().
+        auto socket = Socket::make("ws://h/socket", transports.factory());
+        socket->setHeartbeatInterval(0.01);
+        socket->connect();
+        transports.last()->open();
+        auto channel = socket->channel("room:1");
+        channel->join();
+        const bool sent = transports.last()->sent().size() == 1;
+        // Releasing a connected socket, here and on another thread, does not
+        // wait for a loop that is not running.
+        auto other = Socket::make("ws://h/socket", transports.factory());
+        other->connect();
+        transports.last()->open();
+        std::thread([other = std::move(other)]() mutable { other.reset(); }).join();
+        socket.reset();
+        channel.reset();
+        std::exit(sent ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST(SocketLogging, IntervalsAreWrittenAsTheShortestDecimalWithAFraction) {

@@ -9,6 +9,7 @@
 #include "support/RecordingDelegate.hpp"
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Message.hpp"
+#include "vantor/testing/FaultProxy.hpp"
 #include "vantor/testing/TestCertificates.hpp"
 #include "vantor/testing/WebSocketTestServer.hpp"
 
@@ -17,6 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::RecordingDelegate;
+using vantor::testing::FaultProxy;
 using vantor::testing::TestCertificates;
 using vantor::testing::WebSocketTestServer;
 using ::testing::ElementsAre;
@@ -179,6 +181,53 @@ TEST_F(TransportAgainstServer, AReleasedTransportReportsNothingMore) {
   server.dropConnections();
   std::this_thread::sleep_for(30ms);
   EXPECT_THAT(delegate->kinds(), ElementsAre("open"));
+}
+
+TEST_F(TransportAgainstServer, AServerCloseFollowedByADroppedConnectionIsACloseWithItsCode) {
+  // What a server does on its idle time-out: a close frame, then the TCP
+  // connection goes without waiting for the answer.
+  Connection connection(transportFor(server.url()));
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("open"));
+  server.closeAndDrop(1002);
+  ASSERT_TRUE(connection.delegate->waitFor("close"));
+  std::this_thread::sleep_for(30ms);
+  EXPECT_THAT(connection.delegate->kinds(), ElementsAre("open", "close:1002"));
+}
+
+struct Timeouts {
+  URLSessionConfiguration configuration;
+  Timeouts() {
+    configuration.handshakeTimeout = 200ms;
+    configuration.closeTimeout = 200ms;
+  }
+};
+
+TEST_F(TransportAgainstServer, AHandshakeThatGetsNoAnswerFailsAfterTheHandshakeTimeout) {
+  server.stallHandshakes(true);
+  Connection connection(transportFor(server.url(), Timeouts().configuration));
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("close"));
+  EXPECT_THAT(connection.delegate->kinds(), ElementsAre("error", "close:999"));
+  EXPECT_THAT(connection.delegate->events().at(0).detail, HasSubstr("timeout"));
+  // The next attempt, once the server answers again, works.
+  server.acceptHandshakes();
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("open"));
+}
+
+TEST(TransportThroughAFrozenNetwork, DisconnectReportsTheCloseAfterTheCloseTimeout) {
+  WebSocketTestServer server;
+  FaultProxy proxy({.targetPort = server.port()});
+  Connection connection(transportFor(proxy.url(), Timeouts().configuration));
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("open"));
+  proxy.freeze();
+  connection.transport->send("[\"into the void\"]");
+  connection.transport->disconnect(1000, "heartbeat timeout");
+  ASSERT_TRUE(connection.delegate->waitFor("close"));
+  EXPECT_THAT(connection.delegate->kinds(), ElementsAre("open", "close:1006"));
+  EXPECT_EQ(connection.transport->readyState(), State::closed);
 }
 
 TEST(TransportConnectFailure, ANothingListeningPortIsAnErrorThenAbnormalClose) {

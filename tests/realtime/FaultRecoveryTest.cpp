@@ -1,0 +1,268 @@
+// Recovery from real faults: a socket and a channel talk to the bundled
+// server through a proxy that freezes, resets and cuts connections, while the
+// server refuses, stalls and closes. After each fault the socket must
+// reconnect on its back-off, the channel rejoin, and every push get exactly
+// one outcome.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <map>
+#include <mutex>
+
+#include "support/PhoenixClient.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/testing/FaultProxy.hpp"
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+namespace vantor::realtime {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::eventually;
+using testing::LogRecorder;
+using vantor::testing::FaultProxy;
+using vantor::testing::PhoenixTestServer;
+
+constexpr double heartbeatInterval = 0.3;
+constexpr double pushTimeout = 2.0;
+
+class Recovery : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    URLSessionConfiguration configuration;
+    configuration.handshakeTimeout = 500ms;
+    socket = Socket::make(proxy.url("/socket"),
+                          [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+                            return URLSessionTransport::make(url, configuration);
+                          });
+    socket->setHeartbeatInterval(heartbeatInterval);
+    socket->setReconnectAfter([](int) { return 0.05; });
+    socket->setRejoinAfter([](int) { return 0.05; });
+    socket->setLogger(log.logger());
+    socket->onClose([this] { ++closes; });
+    socket->onError([this](const TransportError&, const std::optional<HttpResponse>& response) {
+      std::lock_guard lock(mutex);
+      errorStatuses.push_back(response ? response->statusCode : 0);
+    });
+    channel = socket->channel("room:1");
+    channel->onError([this](const Message&) { ++channelErrors; });
+    channel->join();
+    socket->connect();
+    ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+    push();
+    ASSERT_TRUE(eventually([&] { return outcomeCount() == 1; }));
+  }
+
+  void TearDown() override { socket->disconnect(); }
+
+  // Pushes an echo and writes down every outcome it gets.
+  void push() {
+    const int id = pushes++;
+    auto note = [this, id](const std::string& what) {
+      return [this, id, what](const Message&) {
+        std::lock_guard lock(mutex);
+        outcomes[id].push_back(what);
+      };
+    };
+    channel->push("echo", {{"id", id}}, pushTimeout)
+        ->receive("ok", note("ok"))
+        ->receive("error", note("error"))
+        ->receive("timeout", note("timeout"));
+  }
+
+  std::size_t outcomeCount() {
+    std::lock_guard lock(mutex);
+    std::size_t count = 0;
+    for (const auto& [id, seen] : outcomes) {
+      count += seen.size();
+    }
+    return count;
+  }
+
+  // Waits until every push has an outcome, gives duplicates time to show,
+  // and checks that each push had exactly one.
+  void expectEachPushAnsweredOnce() {
+    ASSERT_TRUE(eventually([&] {
+      std::lock_guard lock(mutex);
+      return outcomes.size() == static_cast<std::size_t>(pushes);
+    })) << "a push without an outcome";
+    std::this_thread::sleep_for(100ms);
+    std::lock_guard lock(mutex);
+    for (const auto& [id, seen] : outcomes) {
+      EXPECT_EQ(seen.size(), 1U) << "push " << id << " had " << ::testing::PrintToString(seen);
+      EXPECT_NE(seen.front(), "error") << "push " << id;
+    }
+  }
+
+  // The channel is joined again, by a new connection, and works.
+  void expectRecovered(std::size_t connectionsBefore) {
+    ASSERT_TRUE(eventually([&] { return channel->isJoined() && socket->isConnected(); }));
+    EXPECT_GT(proxy.connectionCount(), connectionsBefore);
+    push();
+    expectEachPushAnsweredOnce();
+    EXPECT_EQ(server.memberCount("room:1"), 1U);
+  }
+
+  PhoenixTestServer server;
+  FaultProxy proxy{{.targetPort = server.port()}};
+  LogRecorder log;
+  std::shared_ptr<Socket> socket;
+  std::shared_ptr<Channel> channel;
+  std::atomic<int> closes{0};
+  std::atomic<int> channelErrors{0};
+  std::mutex mutex;
+  std::vector<int> errorStatuses;
+  std::map<int, std::vector<std::string>> outcomes;
+  int pushes = 0;
+};
+
+TEST_F(Recovery, AFrozenNetworkIsNoticedWithinTwoHeartbeatsAndTheChannelRejoinsAfterIt) {
+  const auto connectionsBefore = proxy.connectionCount();
+  const auto frozenAt = std::chrono::steady_clock::now();
+  proxy.freeze();
+  push();  // into the frozen connection: it times out
+  ASSERT_TRUE(eventually([&] {
+    return closes >= 1 && channelErrors >= 1 && proxy.connectionCount() > connectionsBefore;
+  }));
+  const auto noticedAfter = std::chrono::steady_clock::now() - frozenAt;
+  EXPECT_LT(noticedAfter, std::chrono::duration<double>(2 * heartbeatInterval + 2.0))
+      << "close callbacks, phx_error and a reconnect attempt within 2h + 2 s";
+  RecordProperty("noticed_after_ms",
+                 static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(noticedAfter).count()));
+  EXPECT_TRUE(log.contains(
+      "VantorPhoenixClient: transport, heartbeat timeout. Attempting to re-establish connection"));
+  push();  // while the channel is errored: sent once, after the rejoin
+  EXPECT_FALSE(channel->isJoined());
+  std::this_thread::sleep_for(700ms);  // reconnect attempts hang and time out meanwhile
+  proxy.unfreeze();
+  expectRecovered(connectionsBefore);
+}
+
+enum class Fault {
+  reset,
+  cutFrame,
+  serverCloseAndDrop,
+  malformedFrame,
+  refused403,
+  refused500,
+  stalledHandshake,
+  closedAfterUpgrade
+};
+
+std::string nameOf(Fault fault) {
+  switch (fault) {
+    case Fault::reset: return "Reset";
+    case Fault::cutFrame: return "FrameCutInTheMiddle";
+    case Fault::serverCloseAndDrop: return "ServerIdleClose1002";
+    case Fault::malformedFrame: return "ServerClose1011AfterAMalformedFrame";
+    case Fault::refused403: return "Handshake403";
+    case Fault::refused500: return "Handshake500";
+    case Fault::stalledHandshake: return "HandshakeNeverAnswered";
+    case Fault::closedAfterUpgrade: return "ClosedRightAfterUpgrade";
+  }
+  return "";
+}
+
+class RecoveryFrom : public Recovery, public ::testing::WithParamInterface<Fault> {};
+
+TEST_P(RecoveryFrom, TheSocketReconnectsTheChannelRejoinsAndEveryPushIsAnsweredOnce) {
+  const auto connectionsBefore = proxy.connectionCount();
+  const auto closesBefore = closes.load();
+  switch (GetParam()) {
+    case Fault::reset:
+      proxy.reset();
+      break;
+    case Fault::cutFrame:
+      proxy.cutNextServerChunk();
+      server.broadcast("room:1", "news", {{"body", std::string(4096, 'x')}});
+      break;
+    case Fault::serverCloseAndDrop:
+      server.closeAndDrop(1002);
+      break;
+    case Fault::malformedFrame:
+      socket->setEncoder([](const boost::json::value& frame) {
+        return frame.as_array()[3].as_string() == "garble" ? std::string("[1,") : Defaults::encode(frame);
+      });
+      channel->push("garble", {}, 0.2);
+      break;
+    case Fault::refused403:
+    case Fault::refused500:
+      server.refuseHandshake(GetParam() == Fault::refused403 ? 403 : 500);
+      server.dropConnections();
+      break;
+    case Fault::stalledHandshake:
+      server.stallHandshakes(true);
+      server.dropConnections();
+      break;
+    case Fault::closedAfterUpgrade:
+      server.closeAfterUpgrade(1011);
+      server.dropConnections();
+      break;
+  }
+  push();
+  ASSERT_TRUE(eventually([&] { return closes > closesBefore; }));
+  switch (GetParam()) {
+    case Fault::refused403:
+    case Fault::refused500: {
+      const int status = GetParam() == Fault::refused403 ? 403 : 500;
+      ASSERT_TRUE(eventually([&] {
+        std::lock_guard lock(mutex);
+        return std::count(errorStatuses.begin(), errorStatuses.end(), status) >= 2;
+      })) << "refused attempts are retried";
+      server.acceptHandshakes();
+      break;
+    }
+    case Fault::stalledHandshake:
+      ASSERT_TRUE(eventually([&] { return server.webSocket().handshakeTargets().size() >= 3; }))
+          << "a hung handshake is given up and retried";
+      server.acceptHandshakes();
+      break;
+    case Fault::closedAfterUpgrade:
+      ASSERT_TRUE(server.waitForConnections(3, 20s)) << "closed connections are retried";
+      server.acceptHandshakes();
+      break;
+    default:
+      break;
+  }
+  expectRecovered(connectionsBefore);
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, RecoveryFrom,
+                         ::testing::Values(Fault::reset, Fault::cutFrame, Fault::serverCloseAndDrop,
+                                           Fault::malformedFrame, Fault::refused403, Fault::refused500,
+                                           Fault::stalledHandshake, Fault::closedAfterUpgrade),
+                         [](const auto& info) { return nameOf(info.param); });
+
+TEST_F(Recovery, ASlowNetworkDelaysTrafficButLosesNothing) {
+  const auto connectionsBefore = proxy.connectionCount();
+  proxy.delay(20ms);
+  proxy.trickle(512, 5ms);
+  for (int n = 0; n < 20; ++n) {
+    push();
+  }
+  expectEachPushAnsweredOnce();
+  EXPECT_EQ(proxy.connectionCount(), connectionsBefore) << "no reconnect was needed";
+  EXPECT_TRUE(channel->isJoined());
+}
+
+TEST(RecoveryFromARestart, AServerShutDownWith1012IsFollowedByAReconnectToItsSuccessor) {
+  auto server = std::make_unique<PhoenixTestServer>();
+  const auto port = server->port();
+  auto socket = testing::socketFor(*server);
+  auto channel = socket->channel("room:1");
+  channel->join();
+  socket->connect();
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  std::atomic<int> replies{0};
+  server->shutDown();
+  ASSERT_TRUE(eventually([&] { return !channel->isJoined(); }));
+  channel->push("echo", {})->receive("ok", [&](const Message&) { ++replies; });
+  server = std::make_unique<PhoenixTestServer>(PhoenixTestServer::Options{.port = port});
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  ASSERT_TRUE(eventually([&] { return replies == 1; }));
+  socket->disconnect();
+}
+
+}  // namespace
+}  // namespace vantor::realtime
