@@ -190,6 +190,42 @@ TEST(FaultProxy, ACutChunkArrivesInPartThenEnds) {
   EXPECT_LT(n, 1004U);
 }
 
+bool eventually(const std::function<bool()>& condition) {
+  auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+TEST(FaultProxy, PassesOnHalfClosesAndEndsTheConnectionWhenBothSidesEnded) {
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
+  asio::io_context io;
+  tcp::socket socket(io);
+  socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), proxy.port()));
+  ASSERT_TRUE(proxy.waitForConnections(1, kPatience));
+  socket.shutdown(tcp::socket::shutdown_send);  // the server gives up on the request
+  error_code ec;
+  std::string received;
+  asio::read(socket, asio::dynamic_buffer(received), ec);
+  EXPECT_EQ(ec, asio::error::eof);
+  EXPECT_TRUE(eventually([&] { return proxy.openConnections() == 0; }));
+
+  {
+    Client client;  // the server drops its side: the client learns of it
+    ASSERT_FALSE(client.connect(proxy.port()));
+    ASSERT_TRUE(server.waitForOpenConnections(1, kPatience));
+    server.dropConnections();
+    EXPECT_EQ(client.readError(), asio::error::eof);
+    EXPECT_EQ(proxy.openConnections(), 1U) << "the client's side is still open";
+  }
+  EXPECT_TRUE(eventually([&] { return proxy.openConnections() == 0; }));
+}
+
 struct SlowLink {
   const char* name;
   std::function<void(FaultProxy&)> apply;
