@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <boost/asio/connect.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/read_until.hpp>
+#include <boost/asio/streambuf.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -16,6 +20,7 @@
 #include <chrono>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <variant>
@@ -162,14 +167,76 @@ TEST_F(ThroughProxy, ACutFrameEndsTheConnectionWithoutAClose) {
   EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
 }
 
-constexpr std::array<const char*, 3> kSlowNames = {"Trickle", "Delay", "Both"};
+TEST(FaultProxy, ACutChunkArrivesInPartThenEnds) {
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
+  asio::io_context io;
+  tcp::socket socket(io);
+  socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), proxy.port()));
+  asio::write(socket, asio::buffer(std::string_view(
+                          "GET /socket/websocket?vsn=2.0.0 HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                          "Upgrade: websocket\r\nConnection: Upgrade\r\n"
+                          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                          "Sec-WebSocket-Version: 13\r\n\r\n")));
+  asio::streambuf response;
+  asio::read_until(socket, response, "\r\n\r\n");
+  proxy.cutNextServerChunk();
+  server.sendRaw(std::string(1000, 'x'));  // 1004 bytes on the wire
+  error_code ec;
+  std::string received;
+  auto n = asio::read(socket, asio::dynamic_buffer(received), ec);
+  EXPECT_EQ(ec, asio::error::eof);
+  EXPECT_GE(n, 1U);
+  EXPECT_LT(n, 1004U);
+}
+
+bool eventually(const std::function<bool()>& condition) {
+  auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+TEST(FaultProxy, PassesOnHalfClosesAndEndsTheConnectionWhenBothSidesEnded) {
+  PhoenixTestServer server;
+  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
+  asio::io_context io;
+  tcp::socket socket(io);
+  socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), proxy.port()));
+  ASSERT_TRUE(proxy.waitForConnections(1, kPatience));
+  socket.shutdown(tcp::socket::shutdown_send);  // the server gives up on the request
+  error_code ec;
+  std::string received;
+  asio::read(socket, asio::dynamic_buffer(received), ec);
+  EXPECT_EQ(ec, asio::error::eof);
+  EXPECT_TRUE(eventually([&] { return proxy.openConnections() == 0; }));
+
+  {
+    Client client;  // the server drops its side: the client learns of it
+    ASSERT_FALSE(client.connect(proxy.port()));
+    ASSERT_TRUE(server.waitForOpenConnections(1, kPatience));
+    server.dropConnections();
+    EXPECT_EQ(client.readError(), asio::error::eof);
+    EXPECT_EQ(proxy.openConnections(), 1U) << "the client's side is still open";
+  }
+  EXPECT_TRUE(eventually([&] { return proxy.openConnections() == 0; }));
+}
+
+struct SlowLink {
+  const char* name;
+  std::function<void(FaultProxy&)> apply;
+  friend void PrintTo(const SlowLink& link, std::ostream* out) { *out << link.name; }
+};
 
 // Slow links still deliver every byte, in order.
-class SlowProxy : public ThroughProxy,
-                  public ::testing::WithParamInterface<std::function<void(FaultProxy&)>> {};
+class SlowProxy : public ThroughProxy, public ::testing::WithParamInterface<SlowLink> {};
 
 TEST_P(SlowProxy, DeliversEveryByteInOrder) {
-  GetParam()(proxy);
+  GetParam().apply(proxy);
   ASSERT_FALSE(client.write(frame(json::value("1"), json::value("1"), "room:a", "phx_join")));
   EXPECT_EQ(client.readFrame()[3], "phx_reply");
   EXPECT_EQ(client.readFrame()[3], "presence_state");
@@ -189,13 +256,14 @@ TEST_P(SlowProxy, DeliversEveryByteInOrder) {
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, SlowProxy,
-    ::testing::Values([](FaultProxy& p) { p.trickle(512, 1ms); },
-                      [](FaultProxy& p) { p.delay(20ms); },
-                      [](FaultProxy& p) {
-                        p.trickle(700, 2ms);
-                        p.delay(5ms);
-                      }),
-    [](const auto& info) { return kSlowNames[info.index]; });
+    ::testing::Values(SlowLink{"Trickle", [](FaultProxy& p) { p.trickle(512, 1ms); }},
+                      SlowLink{"Delay", [](FaultProxy& p) { p.delay(20ms); }},
+                      SlowLink{"Both",
+                               [](FaultProxy& p) {
+                                 p.trickle(700, 2ms);
+                                 p.delay(5ms);
+                               }}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(FaultProxy, DelayAddsLatencyInEachDirection) {
   PhoenixTestServer server;
