@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "Recorder.hpp"
+#include "RunLoop.hpp"
 
 namespace vantor::testing {
 namespace {
@@ -315,16 +316,7 @@ void ProxyCore::stop() {
   records_.update([](Records& r) { r.open = 0; });
 }
 
-void ProxyCore::runLoop() {
-  for (;;) {
-    try {
-      io_.run();
-      return;
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "FaultProxy: handler threw: %s\n", e.what());
-    }
-  }
-}
+void ProxyCore::runLoop() { detail::runUntilStopped(io_, "FaultProxy"); }
 
 void ProxyCore::accept() {
   acceptor_.async_accept([this](error_code ec, tcp::socket socket) {

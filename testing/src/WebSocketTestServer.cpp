@@ -27,6 +27,7 @@
 #include <utility>
 
 #include "Recorder.hpp"
+#include "RunLoop.hpp"
 
 namespace vantor::testing {
 namespace {
@@ -439,16 +440,7 @@ void ServerCore::stop() {
   records_.update([](Records& r) { r.open = 0; });
 }
 
-void ServerCore::runLoop() {
-  for (;;) {
-    try {
-      io_.run();
-      return;
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "WebSocketTestServer: handler threw: %s\n", e.what());
-    }
-  }
-}
+void ServerCore::runLoop() { detail::runUntilStopped(io_, "WebSocketTestServer"); }
 
 void ServerCore::accept() {
   acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
