@@ -10,9 +10,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
+#include "OAuthSupport.hpp"
 #include "vantor/util/LogAccounts.hpp"
 
 namespace vantor::account::detail {
@@ -24,6 +23,8 @@ using util::logAccounts;
 namespace {
 
 constexpr int formatVersion = 1;
+// Far more than a few accounts take; a larger file is not ours.
+constexpr off_t largestFile = 256 * 1024;
 
 json::value optionalText(const std::optional<std::string>& text) {
   return text ? json::value(*text) : json::value(nullptr);
@@ -76,8 +77,10 @@ StoredAccount fromJson(const json::value& value) {
   account.tokens.idToken = textAt(tokens, "idToken");
   account.tokens.tokenType = textAt(tokens, "tokenType");
   if (const auto* expires = tokens.if_contains("expiresAt"); expires && !expires->is_null()) {
-    account.tokens.expiresAt =
-        std::chrono::system_clock::time_point(std::chrono::seconds(expires->to_number<std::int64_t>()));
+    account.tokens.expiresAt = unixTimeIn(*expires);
+    if (!account.tokens.expiresAt) {
+      throw std::runtime_error("expiry out of range");
+    }
   }
   if (account.uuid.empty()) {
     throw std::runtime_error("account without uuid");
@@ -140,16 +143,61 @@ std::string timestamp() {
 
 }  // namespace
 
-std::vector<StoredAccount> AccountStore::load() {
-  std::ifstream in(file_, std::ios::binary);
-  if (!in) {
-    return {};  // no store yet
+std::optional<std::string> AccountStore::readPrivateFile() const {
+  int fd = ::open(file_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (errno != ENOENT) {
+      logAccounts().error("The account store " + file_.string() + " cannot be opened: " + errnoText());
+    }
+    return std::nullopt;
   }
-  std::stringstream content;
-  content << in.rdbuf();
-  in.close();
+  // Checked on the open file, so that it cannot be swapped in between. A
+  // file that someone else owns or may write could hand us their tokens.
+  struct stat info {};
+  std::string problem;
+  if (::fstat(fd, &info) != 0) {
+    problem = errnoText();
+  } else if (!S_ISREG(info.st_mode)) {
+    problem = "not a regular file";
+  } else if (info.st_uid != ::geteuid()) {
+    problem = "owned by another user";
+  } else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    problem = "writable by others";
+  } else if (info.st_size > largestFile) {
+    problem = "larger than " + std::to_string(largestFile) + " bytes";
+  }
+  std::string content;
+  if (problem.empty()) {
+    content.resize(static_cast<std::size_t>(info.st_size));
+    std::size_t filled = 0;
+    while (filled < content.size()) {
+      auto n = ::read(fd, content.data() + filled, content.size() - filled);
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n <= 0) {
+        break;
+      }
+      filled += static_cast<std::size_t>(n);
+    }
+    content.resize(filled);
+  }
+  ::close(fd);
+  if (!problem.empty()) {
+    logAccounts().error("The account store " + file_.string() + " is refused (" + problem +
+                        "); sign-in starts afresh");
+    return std::nullopt;
+  }
+  return content;
+}
+
+std::vector<StoredAccount> AccountStore::load() {
+  auto content = readPrivateFile();
+  if (!content) {
+    return {};
+  }
   try {
-    auto document = json::parse(content.str()).as_object();
+    auto document = json::parse(*content).as_object();
     if (document.at("version").to_number<int>() != formatVersion) {
       throw std::runtime_error("unknown version");
     }

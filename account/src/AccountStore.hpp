@@ -35,7 +35,9 @@ class AccountStore {
 
   // The stored accounts; none when there is no file yet. A file that cannot
   // be read as a store is moved aside to "<file>.corrupt-<time>" (never
-  // deleted), logged, and taken as empty.
+  // deleted), logged, and taken as empty. A file over 256 KiB, not a regular
+  // file, owned by another user or writable by group or others is refused:
+  // logged, left alone and taken as empty.
   std::vector<StoredAccount> load();
 
   // Replaces the file with `accounts`. False (and logged) on failure, when
@@ -43,6 +45,8 @@ class AccountStore {
   bool save(const std::vector<StoredAccount>& accounts);
 
  private:
+  std::optional<std::string> readPrivateFile() const;
+
   std::filesystem::path file_;
 };
 

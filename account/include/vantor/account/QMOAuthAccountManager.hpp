@@ -28,6 +28,9 @@ namespace vantor::account {
 /// "accounts.json.corrupt-<time>", logged, and taken as empty. The location is
 /// fixed on first use of the store.
 ///
+/// An expired access token is renewed with the refresh token through the
+/// account's authoriser (`refreshTokens`); a refused refresh signs out.
+///
 /// Tokens, codes and client secrets are never logged.
 ///
 /// Thread safety: every member may be called from any thread. Code
@@ -58,6 +61,8 @@ class QMOAuthAccountManager : public QMAccountManager,
 
   [[nodiscard]] std::vector<std::shared_ptr<QMAccount>> accounts() const override;
   void addAccount(std::shared_ptr<QMAccount> account) override;
+  /// Also revokes the account's refresh token at the service's revocation
+  /// endpoint, when discovery advertises one, without waiting for it.
   void removeAccount(const std::shared_ptr<QMAccount>& account) override;
 
  private:
@@ -67,6 +72,7 @@ class QMOAuthAccountManager : public QMAccountManager,
   // Both need the store's mutex held.
   void loadIfNeeded() const;
   void persist() const;
+  void revokeInBackground(std::string refreshToken) const;
 
   std::unique_ptr<Impl> impl_;
 };
