@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include "OAuthSupport.hpp"
 #include "vantor/util/LogAccounts.hpp"
@@ -25,6 +26,8 @@ namespace {
 constexpr int formatVersion = 1;
 // Far more than a few accounts take; a larger file is not ours.
 constexpr off_t largestFile = 256 * 1024;
+// The value of an entry's "tokensIn" when the Secret Service holds them.
+constexpr std::string_view secretServiceName = "secret-service";
 
 json::value optionalText(const std::optional<std::string>& text) {
   return text ? json::value(*text) : json::value(nullptr);
@@ -34,22 +37,28 @@ std::int64_t toUnixSeconds(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-json::object toJson(const StoredAccount& account) {
-  json::object tokens;
-  tokens["accessToken"] = optionalText(account.tokens.accessToken);
-  tokens["refreshToken"] = optionalText(account.tokens.refreshToken);
-  tokens["idToken"] = optionalText(account.tokens.idToken);
-  tokens["tokenType"] = optionalText(account.tokens.tokenType);
-  tokens["expiresAt"] = account.tokens.expiresAt
-                            ? json::value(toUnixSeconds(*account.tokens.expiresAt))
-                            : json::value(nullptr);
+json::object tokensToJson(const QMAccountTokens& tokens) {
+  json::object object;
+  object["accessToken"] = optionalText(tokens.accessToken);
+  object["refreshToken"] = optionalText(tokens.refreshToken);
+  object["idToken"] = optionalText(tokens.idToken);
+  object["tokenType"] = optionalText(tokens.tokenType);
+  object["expiresAt"] = tokens.expiresAt ? json::value(toUnixSeconds(*tokens.expiresAt)) : json::value(nullptr);
+  return object;
+}
+
+// With `tokensElsewhere` the entry only says where its tokens are.
+json::object toJson(const StoredAccount& account, bool tokensElsewhere) {
   json::object object;
   object["uuid"] = account.uuid;
   object["class"] = account.classTypeIdentifier;
   object["serviceName"] = optionalText(account.serviceName);
   object["identifier"] = optionalText(account.identifier);
   object["email"] = optionalText(account.email);
-  object["tokens"] = std::move(tokens);
+  object["tokens"] = tokensToJson(tokensElsewhere ? QMAccountTokens{} : account.tokens);
+  if (tokensElsewhere) {
+    object["tokensIn"] = secretServiceName;
+  }
   return object;
 }
 
@@ -63,6 +72,22 @@ std::optional<std::string> textAt(const json::object& object, std::string_view k
   return std::string(value->as_string());
 }
 
+QMAccountTokens tokensFromJson(const json::value& value) {
+  const auto& object = value.as_object();
+  QMAccountTokens tokens;
+  tokens.accessToken = textAt(object, "accessToken");
+  tokens.refreshToken = textAt(object, "refreshToken");
+  tokens.idToken = textAt(object, "idToken");
+  tokens.tokenType = textAt(object, "tokenType");
+  if (const auto* expires = object.if_contains("expiresAt"); expires && !expires->is_null()) {
+    tokens.expiresAt = unixTimeIn(*expires);
+    if (!tokens.expiresAt) {
+      throw std::runtime_error("expiry out of range");
+    }
+  }
+  return tokens;
+}
+
 StoredAccount fromJson(const json::value& value) {
   const auto& object = value.as_object();
   StoredAccount account;
@@ -71,17 +96,7 @@ StoredAccount fromJson(const json::value& value) {
   account.serviceName = textAt(object, "serviceName");
   account.identifier = textAt(object, "identifier");
   account.email = textAt(object, "email");
-  const auto& tokens = object.at("tokens").as_object();
-  account.tokens.accessToken = textAt(tokens, "accessToken");
-  account.tokens.refreshToken = textAt(tokens, "refreshToken");
-  account.tokens.idToken = textAt(tokens, "idToken");
-  account.tokens.tokenType = textAt(tokens, "tokenType");
-  if (const auto* expires = tokens.if_contains("expiresAt"); expires && !expires->is_null()) {
-    account.tokens.expiresAt = unixTimeIn(*expires);
-    if (!account.tokens.expiresAt) {
-      throw std::runtime_error("expiry out of range");
-    }
-  }
+  account.tokens = tokensFromJson(object.at("tokens"));
   if (account.uuid.empty()) {
     throw std::runtime_error("account without uuid");
   }
@@ -204,6 +219,11 @@ std::vector<StoredAccount> AccountStore::load() {
     std::vector<StoredAccount> accounts;
     for (const auto& entry : document.at("accounts").as_array()) {
       accounts.push_back(fromJson(entry));
+      const auto* where = entry.as_object().if_contains("tokensIn");
+      if (where != nullptr && where->is_string() && where->as_string() == secretServiceName) {
+        accounts.back().tokens = secretTokens(accounts.back().uuid);
+      }
+      secretUuids_.insert(accounts.back().uuid);
     }
     return accounts;
   } catch (const std::exception& e) {
@@ -228,8 +248,19 @@ bool AccountStore::save(const std::vector<StoredAccount>& accounts) {
     return false;
   }
   json::array list;
+  std::set<std::string> kept;
   for (const auto& account : accounts) {
-    list.push_back(toJson(account));
+    bool elsewhere = false;
+    if (secrets_) {
+      if (account.tokens == QMAccountTokens{}) {
+        secrets_->remove(account.uuid);
+      } else {
+        // Should the Secret Service fail, the tokens stay in the file.
+        elsewhere = secrets_->store(account.uuid, json::serialize(tokensToJson(account.tokens)));
+      }
+      kept.insert(account.uuid);
+    }
+    list.push_back(toJson(account, elsewhere));
   }
   json::object document;
   document["version"] = formatVersion;
@@ -252,7 +283,35 @@ bool AccountStore::save(const std::vector<StoredAccount>& accounts) {
     return false;
   }
   syncDirectory(directory);
+  // Accounts that are gone take their tokens with them.
+  if (secrets_) {
+    for (const auto& uuid : secretUuids_) {
+      if (kept.count(uuid) == 0) {
+        secrets_->remove(uuid);
+      }
+    }
+    secretUuids_ = std::move(kept);
+  }
   return true;
+}
+
+QMAccountTokens AccountStore::secretTokens(const std::string& uuid) {
+  auto text = secrets_ ? secrets_->lookup(uuid) : std::nullopt;
+  if (!text) {
+    logAccounts().error("The tokens of a stored account are not in the Secret Service" +
+                        std::string(secrets_ ? "" : ", which is not available") + "; it must sign in again");
+    return {};
+  }
+  boost::system::error_code error;
+  auto value = json::parse(*text, error);
+  try {
+    if (!error) {
+      return tokensFromJson(value);
+    }
+  } catch (const std::exception&) {
+  }
+  logAccounts().error("The Secret Service holds unreadable tokens for a stored account; it must sign in again");
+  return {};
 }
 
 fs::path userConfigurationDirectory(const std::function<const char*(const char*)>& environment) {

@@ -132,7 +132,12 @@ void QMOAuthAccountManager::loadIfNeeded() const {
   if (impl_->store) {
     return;
   }
-  impl_->store.emplace(detail::userConfigurationDirectory() / folderName(*this) / "accounts.json");
+  auto folder = folderName(*this);
+  std::shared_ptr<detail::SecretStore> secrets;
+  if (impl_->configuration.useSecretService) {
+    secrets = detail::SecretStore::connect(folder);
+  }
+  impl_->store.emplace(detail::userConfigurationDirectory() / folder / "accounts.json", std::move(secrets));
   for (auto& stored : impl_->store->load()) {
     if (stored.classTypeIdentifier != QMQuelmoConnectAccount::typeIdentifier) {
       impl_->foreign.push_back(std::move(stored));

@@ -127,6 +127,7 @@ class OAuthSignInTest : public ::testing::Test {
     QMOAuthServiceConfiguration configuration;
     configuration.issuer = issuer;
     configuration.requestTimeout = 5s;
+    configuration.useSecretService = false;
     return configuration;
   }
 

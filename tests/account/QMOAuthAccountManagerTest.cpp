@@ -59,6 +59,7 @@ class QMOAuthAccountManagerTest : public ::testing::Test {
     QMOAuthServiceConfiguration configuration;
     configuration.authorizationEndpoint = "https://accounts.example.test/authorize?tenant=7";
     configuration.tokenEndpoint = "https://accounts.example.test/token";
+    configuration.useSecretService = false;
     configuration.deobfuscate = [](std::string_view text) { return std::string(text.rbegin(), text.rend()); };
     return configuration;
   }

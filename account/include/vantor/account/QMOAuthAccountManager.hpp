@@ -26,7 +26,10 @@ namespace vantor::account {
 /// mode 0700 and the file written with mode 0600, by atomic replacement. A
 /// file that cannot be read as a store is renamed to
 /// "accounts.json.corrupt-<time>", logged, and taken as empty. The location is
-/// fixed on first use of the store.
+/// fixed on first use of the store. When the session bus offers a Secret
+/// Service with an unlocked default keyring (and the configuration allows
+/// it), the tokens are kept there, one item per account, and the file keeps
+/// only the account's identity.
 ///
 /// An expired access token is renewed with the refresh token through the
 /// account's authoriser (`refreshTokens`); a refused refresh signs out.

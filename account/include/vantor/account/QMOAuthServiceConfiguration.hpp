@@ -57,6 +57,11 @@ struct QMOAuthServiceConfiguration {
   bool useSystemTrustStore = true;
   std::vector<std::string> additionalCertificateAuthorities;
 
+  /// Keep tokens in the desktop's Secret Service (through libsecret) when
+  /// the session bus offers one with an unlocked default keyring; otherwise,
+  /// or when false, they stay in the private accounts file.
+  bool useSecretService = true;
+
   /// Limit for each HTTP request (connect, TLS, request and response).
   std::chrono::milliseconds requestTimeout{std::chrono::seconds(15)};
 };
