@@ -10,9 +10,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <set>
 
+#include "OAuthSupport.hpp"
 #include "vantor/util/LogAccounts.hpp"
 
 namespace vantor::account::detail {
@@ -24,6 +24,10 @@ using util::logAccounts;
 namespace {
 
 constexpr int formatVersion = 1;
+// Far more than a few accounts take; a larger file is not ours.
+constexpr off_t largestFile = 256 * 1024;
+// The value of an entry's "tokensIn" when the Secret Service holds them.
+constexpr std::string_view secretServiceName = "secret-service";
 
 json::value optionalText(const std::optional<std::string>& text) {
   return text ? json::value(*text) : json::value(nullptr);
@@ -33,22 +37,28 @@ std::int64_t toUnixSeconds(std::chrono::system_clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
 }
 
-json::object toJson(const StoredAccount& account) {
-  json::object tokens;
-  tokens["accessToken"] = optionalText(account.tokens.accessToken);
-  tokens["refreshToken"] = optionalText(account.tokens.refreshToken);
-  tokens["idToken"] = optionalText(account.tokens.idToken);
-  tokens["tokenType"] = optionalText(account.tokens.tokenType);
-  tokens["expiresAt"] = account.tokens.expiresAt
-                            ? json::value(toUnixSeconds(*account.tokens.expiresAt))
-                            : json::value(nullptr);
+json::object tokensToJson(const QMAccountTokens& tokens) {
+  json::object object;
+  object["accessToken"] = optionalText(tokens.accessToken);
+  object["refreshToken"] = optionalText(tokens.refreshToken);
+  object["idToken"] = optionalText(tokens.idToken);
+  object["tokenType"] = optionalText(tokens.tokenType);
+  object["expiresAt"] = tokens.expiresAt ? json::value(toUnixSeconds(*tokens.expiresAt)) : json::value(nullptr);
+  return object;
+}
+
+// With `tokensElsewhere` the entry only says where its tokens are.
+json::object toJson(const StoredAccount& account, bool tokensElsewhere) {
   json::object object;
   object["uuid"] = account.uuid;
   object["class"] = account.classTypeIdentifier;
   object["serviceName"] = optionalText(account.serviceName);
   object["identifier"] = optionalText(account.identifier);
   object["email"] = optionalText(account.email);
-  object["tokens"] = std::move(tokens);
+  object["tokens"] = tokensToJson(tokensElsewhere ? QMAccountTokens{} : account.tokens);
+  if (tokensElsewhere) {
+    object["tokensIn"] = secretServiceName;
+  }
   return object;
 }
 
@@ -62,6 +72,22 @@ std::optional<std::string> textAt(const json::object& object, std::string_view k
   return std::string(value->as_string());
 }
 
+QMAccountTokens tokensFromJson(const json::value& value) {
+  const auto& object = value.as_object();
+  QMAccountTokens tokens;
+  tokens.accessToken = textAt(object, "accessToken");
+  tokens.refreshToken = textAt(object, "refreshToken");
+  tokens.idToken = textAt(object, "idToken");
+  tokens.tokenType = textAt(object, "tokenType");
+  if (const auto* expires = object.if_contains("expiresAt"); expires && !expires->is_null()) {
+    tokens.expiresAt = unixTimeIn(*expires);
+    if (!tokens.expiresAt) {
+      throw std::runtime_error("expiry out of range");
+    }
+  }
+  return tokens;
+}
+
 StoredAccount fromJson(const json::value& value) {
   const auto& object = value.as_object();
   StoredAccount account;
@@ -70,15 +96,7 @@ StoredAccount fromJson(const json::value& value) {
   account.serviceName = textAt(object, "serviceName");
   account.identifier = textAt(object, "identifier");
   account.email = textAt(object, "email");
-  const auto& tokens = object.at("tokens").as_object();
-  account.tokens.accessToken = textAt(tokens, "accessToken");
-  account.tokens.refreshToken = textAt(tokens, "refreshToken");
-  account.tokens.idToken = textAt(tokens, "idToken");
-  account.tokens.tokenType = textAt(tokens, "tokenType");
-  if (const auto* expires = tokens.if_contains("expiresAt"); expires && !expires->is_null()) {
-    account.tokens.expiresAt =
-        std::chrono::system_clock::time_point(std::chrono::seconds(expires->to_number<std::int64_t>()));
-  }
+  account.tokens = tokensFromJson(object.at("tokens"));
   if (account.uuid.empty()) {
     throw std::runtime_error("account without uuid");
   }
@@ -140,22 +158,72 @@ std::string timestamp() {
 
 }  // namespace
 
-std::vector<StoredAccount> AccountStore::load() {
-  std::ifstream in(file_, std::ios::binary);
-  if (!in) {
-    return {};  // no store yet
+std::optional<std::string> AccountStore::readPrivateFile() const {
+  int fd = ::open(file_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    if (errno != ENOENT) {
+      logAccounts().error("The account store " + file_.string() + " cannot be opened: " + errnoText());
+    }
+    return std::nullopt;
   }
-  std::stringstream content;
-  content << in.rdbuf();
-  in.close();
+  // Checked on the open file, so that it cannot be swapped in between. A
+  // file that someone else owns or may write could hand us their tokens.
+  struct stat info {};
+  std::string problem;
+  if (::fstat(fd, &info) != 0) {
+    problem = errnoText();
+  } else if (!S_ISREG(info.st_mode)) {
+    problem = "not a regular file";
+  } else if (info.st_uid != ::geteuid()) {
+    problem = "owned by another user";
+  } else if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    problem = "writable by others";
+  } else if (info.st_size > largestFile) {
+    problem = "larger than " + std::to_string(largestFile) + " bytes";
+  }
+  std::string content;
+  if (problem.empty()) {
+    content.resize(static_cast<std::size_t>(info.st_size));
+    std::size_t filled = 0;
+    while (filled < content.size()) {
+      auto n = ::read(fd, content.data() + filled, content.size() - filled);
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n <= 0) {
+        break;
+      }
+      filled += static_cast<std::size_t>(n);
+    }
+    content.resize(filled);
+  }
+  ::close(fd);
+  if (!problem.empty()) {
+    logAccounts().error("The account store " + file_.string() + " is refused (" + problem +
+                        "); sign-in starts afresh");
+    return std::nullopt;
+  }
+  return content;
+}
+
+std::vector<StoredAccount> AccountStore::load() {
+  auto content = readPrivateFile();
+  if (!content) {
+    return {};
+  }
   try {
-    auto document = json::parse(content.str()).as_object();
+    auto document = json::parse(*content).as_object();
     if (document.at("version").to_number<int>() != formatVersion) {
       throw std::runtime_error("unknown version");
     }
     std::vector<StoredAccount> accounts;
     for (const auto& entry : document.at("accounts").as_array()) {
       accounts.push_back(fromJson(entry));
+      const auto* where = entry.as_object().if_contains("tokensIn");
+      if (where != nullptr && where->is_string() && where->as_string() == secretServiceName) {
+        accounts.back().tokens = secretTokens(accounts.back().uuid);
+      }
+      secretUuids_.insert(accounts.back().uuid);
     }
     return accounts;
   } catch (const std::exception& e) {
@@ -180,8 +248,19 @@ bool AccountStore::save(const std::vector<StoredAccount>& accounts) {
     return false;
   }
   json::array list;
+  std::set<std::string> kept;
   for (const auto& account : accounts) {
-    list.push_back(toJson(account));
+    bool elsewhere = false;
+    if (secrets_) {
+      if (account.tokens == QMAccountTokens{}) {
+        secrets_->remove(account.uuid);
+      } else {
+        // Should the Secret Service fail, the tokens stay in the file.
+        elsewhere = secrets_->store(account.uuid, json::serialize(tokensToJson(account.tokens)));
+      }
+      kept.insert(account.uuid);
+    }
+    list.push_back(toJson(account, elsewhere));
   }
   json::object document;
   document["version"] = formatVersion;
@@ -204,7 +283,35 @@ bool AccountStore::save(const std::vector<StoredAccount>& accounts) {
     return false;
   }
   syncDirectory(directory);
+  // Accounts that are gone take their tokens with them.
+  if (secrets_) {
+    for (const auto& uuid : secretUuids_) {
+      if (kept.count(uuid) == 0) {
+        secrets_->remove(uuid);
+      }
+    }
+    secretUuids_ = std::move(kept);
+  }
   return true;
+}
+
+QMAccountTokens AccountStore::secretTokens(const std::string& uuid) {
+  auto text = secrets_ ? secrets_->lookup(uuid) : std::nullopt;
+  if (!text) {
+    logAccounts().error("The tokens of a stored account are not in the Secret Service" +
+                        std::string(secrets_ ? "" : ", which is not available") + "; it must sign in again");
+    return {};
+  }
+  boost::system::error_code error;
+  auto value = json::parse(*text, error);
+  try {
+    if (!error) {
+      return tokensFromJson(value);
+    }
+  } catch (const std::exception&) {
+  }
+  logAccounts().error("The Secret Service holds unreadable tokens for a stored account; it must sign in again");
+  return {};
 }
 
 fs::path userConfigurationDirectory(const std::function<const char*(const char*)>& environment) {

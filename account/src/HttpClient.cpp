@@ -4,6 +4,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
@@ -49,14 +50,17 @@ std::optional<platform::NetworkTarget> targetOf(const std::string& text, std::st
 }
 
 // One request: resolve, connect, TLS handshake when secure, write, read.
-// Every step runs under one overall deadline.
+// One timer bounds the whole request, the host name look-up included: a
+// look-up cannot be interrupted, so the deadline finishes the request without
+// waiting for it, and its late answer finds nothing left to complete.
 class Exchange : public std::enable_shared_from_this<Exchange> {
  public:
   Exchange(asio::io_context& context, HttpClientOptions options, HttpCompletion completion)
       : context_(context),
         options_(std::move(options)),
         completion_(std::move(completion)),
-        resolver_(context) {}
+        resolver_(context),
+        deadlineTimer_(context) {}
 
   void start(const HttpRequest& request) {
     std::string failure;
@@ -66,6 +70,13 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     }
     target_ = std::move(*target);
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
+    deadlineTimer_.expires_at(deadline_);
+    deadlineTimer_.async_wait([self = shared_from_this()](error_code error) {
+      if (!error) {
+        self->resolver_.cancel();
+        self->finish("no answer within " + std::to_string(self->options_.timeout.count()) + " ms");
+      }
+    });
     if (target_.secure) {
       error_code error;
       tls_ = platform::makeTlsClientContext(options_.useSystemTrustStore,
@@ -174,6 +185,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     // The connection is not reused ("Connection: close"); closing the TCP
     // socket without a TLS close_notify is fine for a finished response.
     error_code ignored;
+    deadlineTimer_.cancel();
     if (secure_ || plain_) {
       tcpStream().socket().close(ignored);
     }
@@ -186,6 +198,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   const HttpClientOptions options_;
   HttpCompletion completion_;
   tcp::resolver resolver_;
+  asio::steady_timer deadlineTimer_;
   platform::NetworkTarget target_;
   std::chrono::steady_clock::time_point deadline_;
   std::shared_ptr<ssl::context> tls_;

@@ -8,6 +8,7 @@
 
 #include "HttpClient.hpp"
 #include "OAuthSupport.hpp"
+#include "TokenEndpoint.hpp"
 #include "vantor/account/QMAccountConstants.hpp"
 #include "vantor/account/QMNotificationCenter.hpp"
 #include "vantor/platform/EventLoop.hpp"
@@ -18,12 +19,11 @@ namespace vantor::account::detail {
 namespace json = boost::json;
 using platform::EventLoop;
 using util::logAccounts;
-using ClientAuthentication = QMOAuthServiceConfiguration::ClientAuthentication;
 
 namespace {
 
 // Clock skew tolerated when checking an ID token's expiry.
-constexpr auto clockLeeway = std::chrono::minutes(5);
+constexpr auto clockLeeway = std::chrono::minutes(2);
 
 std::optional<std::string> textField(const json::object& object, std::string_view key) {
   const auto* value = object.if_contains(key);
@@ -33,10 +33,6 @@ std::optional<std::string> textField(const json::object& object, std::string_vie
   return std::string(value->as_string());
 }
 
-std::string deobfuscated(const QMOAuthServiceConfiguration& configuration, std::string_view text) {
-  return configuration.deobfuscate ? configuration.deobfuscate(text) : std::string(text);
-}
-
 void postAccountDidChange() {
   EventLoop::main().post([] {
     QMNotificationCenter::defaultCenter().post(
@@ -44,96 +40,106 @@ void postAccountDidChange() {
   });
 }
 
-bool audienceContains(const json::value* audience, const std::string& clientId) {
-  if (audience == nullptr) {
-    return false;
+// The ID token's audiences; none when `aud` is neither a string nor an array
+// of strings.
+std::optional<std::vector<std::string>> audiencesOf(const json::object& claims) {
+  const auto* audience = claims.if_contains("aud");
+  if (audience != nullptr && audience->is_string()) {
+    return std::vector<std::string>{std::string(audience->as_string())};
   }
-  if (audience->is_string()) {
-    return audience->as_string() == clientId;
+  if (audience == nullptr || !audience->is_array()) {
+    return std::nullopt;
   }
-  if (audience->is_array()) {
-    const auto& list = audience->as_array();
-    return std::any_of(list.begin(), list.end(), [&clientId](const json::value& entry) {
-      return entry.is_string() && entry.as_string() == clientId;
-    });
+  std::vector<std::string> list;
+  for (const auto& entry : audience->as_array()) {
+    if (!entry.is_string()) {
+      return std::nullopt;
+    }
+    list.emplace_back(entry.as_string());
   }
-  return false;
+  return list;
+}
+
+// What is wrong with an ID token's claims for this sign-in (OpenID Connect
+// Core, section 3.1.3.7), if anything. The signature is not checked: the
+// token came straight from the token endpoint over a verified connection,
+// which that section accepts in its place.
+std::optional<std::string> idTokenProblem(const json::object& claims, const std::string& issuer,
+                                          const std::string& clientId,
+                                          const std::optional<std::string>& nonce) {
+  if (textField(claims, "iss") != issuer) {
+    return "the ID token comes from another issuer";
+  }
+  auto audiences = audiencesOf(claims);
+  if (!audiences || std::find(audiences->begin(), audiences->end(), clientId) == audiences->end()) {
+    return "the ID token is meant for another client";
+  }
+  const auto* party = claims.if_contains("azp");
+  if ((audiences->size() > 1 || party != nullptr) && textField(claims, "azp") != clientId) {
+    return "the ID token was issued to another party";
+  }
+  const auto* expiry = claims.if_contains("exp");
+  auto expiresAt = expiry ? unixTimeIn(*expiry) : std::nullopt;
+  if (!expiresAt || *expiresAt + clockLeeway < std::chrono::system_clock::now()) {
+    return "the ID token has expired or names no valid expiry";
+  }
+  if (nonce && textField(claims, "nonce") != nonce) {
+    return "the ID token does not belong to this sign-in";
+  }
+  if (auto subject = textField(claims, "sub"); !subject || subject->empty()) {
+    return "the ID token names no subject";
+  }
+  return std::nullopt;
 }
 
 // The token response and, when needed, the userinfo request of one code
 // exchange, on the main loop. Ends by posting the account-did-change
-// notification, whatever the outcome.
+// notification, whatever the outcome; an exception on the way ends it as a
+// failure, never as silence.
 class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
  public:
   TokenExchange(std::shared_ptr<QMOAuthAccountManager> manager, std::shared_ptr<QMAccount> account,
-                SignIn signIn, bool addToStore, HttpClientOptions options)
+                std::shared_ptr<OAuthAuthorizer> authorizer, SignIn signIn, bool addToStore,
+                HttpClientOptions options)
       : manager_(std::move(manager)),
         account_(std::move(account)),
+        authorizer_(std::move(authorizer)),
         signIn_(std::move(signIn)),
         addToStore_(addToStore),
         options_(std::move(options)) {}
 
   void start(const std::string& code) {
     const auto& configuration = manager_->configuration();
-    clientId_ = deobfuscated(configuration, signIn_.obfuscatedClientId);
-    FormFields fields{{"grant_type", "authorization_code"},
-                      {"code", code},
-                      {"redirect_uri", signIn_.redirectURI},
-                      {"code_verifier", signIn_.codeVerifier}};
-    HttpRequest request{"POST", signIn_.endpoints.token, {}, {}};
-    request.headers.emplace_back("Content-Type", "application/x-www-form-urlencoded");
-    request.headers.emplace_back("Accept", "application/json");
-    switch (configuration.clientAuthentication) {
-      case ClientAuthentication::clientSecretBasic:
-        // RFC 6749, section 2.3.1: both parts form-encoded before Basic.
-        request.headers.emplace_back(
-            "Authorization",
-            "Basic " + base64Encode(formEncodeComponent(clientId_) + ":" +
-                                    formEncodeComponent(deobfuscated(
-                                        configuration, signIn_.obfuscatedClientSecret))));
-        break;
-      case ClientAuthentication::clientSecretPost:
-        fields.emplace_back("client_id", clientId_);
-        fields.emplace_back("client_secret",
-                            deobfuscated(configuration, signIn_.obfuscatedClientSecret));
-        break;
-      case ClientAuthentication::none:
-        fields.emplace_back("client_id", clientId_);
-        break;
-    }
-    request.body = formEncode(fields);
-    sendHttpRequest(EventLoop::main().context(), std::move(request), options_,
-                    [self = shared_from_this()](HttpOutcome outcome) { self->onToken(std::move(outcome)); });
+    clientId_ = deobfuscated(configuration, signIn_.credentials.obfuscatedClientId);
+    auto request = clientRequest(signIn_.endpoints.token,
+                                 {{"grant_type", "authorization_code"},
+                                  {"code", code},
+                                  {"redirect_uri", signIn_.credentials.redirectURI},
+                                  {"code_verifier", signIn_.codeVerifier}},
+                                 configuration, signIn_.credentials);
+    send(std::move(request), &TokenExchange::onToken);
   }
 
  private:
-  void onToken(HttpOutcome outcome) {
-    if (!outcome.succeeded()) {
-      return fail("the token endpoint could not be reached: " + outcome.failure);
+  using Step = void (TokenExchange::*)(const HttpOutcome&);
+
+  void send(HttpRequest request, Step step) {
+    sendHttpRequest(EventLoop::main().context(), std::move(request), options_,
+                    [self = shared_from_this(), step](const HttpOutcome& outcome) {
+                      try {
+                        ((*self).*step)(outcome);
+                      } catch (const std::exception& e) {
+                        self->fail(std::string("the answer could not be read: ") + e.what());
+                      }
+                    });
+  }
+
+  void onToken(const HttpOutcome& outcome) {
+    auto response = readTokenResponse(outcome, std::chrono::system_clock::now());
+    if (response.problem) {
+      return fail(*response.problem);
     }
-    boost::system::error_code error;
-    auto document = json::parse(outcome.body, error);
-    const auto* response = !error && document.is_object() ? &document.as_object() : nullptr;
-    if (outcome.status != 200) {
-      // The OAuth error code names the cause without revealing anything.
-      auto code = response ? textField(*response, "error") : std::nullopt;
-      return fail("the token endpoint answered " + std::to_string(outcome.status) +
-                  (code ? " (" + *code + ")" : ""));
-    }
-    if (response == nullptr) {
-      return fail("the token endpoint answered no JSON object");
-    }
-    tokens_.accessToken = textField(*response, "access_token");
-    tokens_.tokenType = textField(*response, "token_type");
-    tokens_.refreshToken = textField(*response, "refresh_token");
-    tokens_.idToken = textField(*response, "id_token");
-    if (const auto* expiresIn = response->if_contains("expires_in"); expiresIn && expiresIn->is_number()) {
-      tokens_.expiresAt = std::chrono::system_clock::now() +
-                          std::chrono::seconds(expiresIn->to_number<std::int64_t>());
-    }
-    if (!tokens_.accessToken) {
-      return fail("the token response has no access token");
-    }
+    tokens_ = std::move(response.tokens);
     if (tokens_.idToken) {
       if (auto problem = readIdToken(*tokens_.idToken)) {
         return fail(*problem);
@@ -145,36 +151,23 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
     finishIdentity();
   }
 
-  // Checks the ID token's claims and takes the identity from it; returns what
-  // is wrong, if anything. The token came straight from the token endpoint
-  // over a verified connection, which stands in for its signature (OpenID
-  // Connect Core, section 3.1.3.7).
+  // Checks the ID token and takes the identity from it; returns what is
+  // wrong, if anything. Without a configured issuer there is nothing to
+  // check it against, so it is kept but says nothing about the user.
   std::optional<std::string> readIdToken(const std::string& idToken) {
     auto claims = jwtClaims(idToken);
     if (!claims) {
       return "the ID token cannot be read";
     }
-    if (signIn_.endpoints.issuer && textField(*claims, "iss") != signIn_.endpoints.issuer) {
-      return "the ID token comes from another issuer";
+    if (!signIn_.endpoints.issuer) {
+      logAccounts().warning("No issuer is configured to check the ID token against; it is not used");
+      return std::nullopt;
     }
-    if (!audienceContains(claims->if_contains("aud"), clientId_)) {
-      return "the ID token is meant for another client";
-    }
-    const auto* expiry = claims->if_contains("exp");
-    if (expiry == nullptr || !expiry->is_number() ||
-        std::chrono::system_clock::time_point(std::chrono::seconds(expiry->to_number<std::int64_t>())) +
-                clockLeeway <
-            std::chrono::system_clock::now()) {
-      return "the ID token has expired";
-    }
-    if (signIn_.nonce && textField(*claims, "nonce") != signIn_.nonce) {
-      return "the ID token does not belong to this sign-in";
+    if (auto problem = idTokenProblem(*claims, *signIn_.endpoints.issuer, clientId_, signIn_.nonce)) {
+      return problem;
     }
     subject_ = textField(*claims, "sub");
     email_ = textField(*claims, "email");
-    if (!subject_) {
-      return "the ID token names no subject";
-    }
     return std::nullopt;
   }
 
@@ -182,11 +175,10 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
     HttpRequest request{"GET", *signIn_.endpoints.userinfo, {}, {}};
     request.headers.emplace_back("Accept", "application/json");
     request.headers.emplace_back("Authorization", "Bearer " + *tokens_.accessToken);
-    sendHttpRequest(EventLoop::main().context(), std::move(request), options_,
-                    [self = shared_from_this()](HttpOutcome outcome) { self->onUserinfo(std::move(outcome)); });
+    send(std::move(request), &TokenExchange::onUserinfo);
   }
 
-  void onUserinfo(HttpOutcome outcome) {
+  void onUserinfo(const HttpOutcome& outcome) {
     if (!outcome.succeeded() || outcome.status != 200) {
       return fail("the userinfo endpoint failed: " +
                   (outcome.succeeded() ? "status " + std::to_string(outcome.status) : outcome.failure));
@@ -199,7 +191,7 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
     auto subject = textField(document.as_object(), "sub");
     // OpenID Connect Core, section 5.3.4: a different subject means the
     // answer is not about this user.
-    if (!subject || (subject_ && subject != subject_)) {
+    if (!subject || subject->empty() || (subject_ && subject != subject_)) {
       return fail("the userinfo answer is about another user");
     }
     subject_ = subject;
@@ -219,17 +211,26 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
       manager_->addAccount(account_);
     }
     logAccounts().info("Signed in to " + manager_->configuration().serviceName);
-    postAccountDidChange();
+    end();
   }
 
   void fail(const std::string& reason) {
     logAccounts().error("Signing in to " + manager_->configuration().serviceName +
                         " failed: " + reason);
+    end();
+  }
+
+  void end() {
+    if (std::exchange(ended_, true)) {
+      return;
+    }
+    authorizer_->exchangeEnded();
     postAccountDidChange();
   }
 
   const std::shared_ptr<QMOAuthAccountManager> manager_;
   const std::shared_ptr<QMAccount> account_;
+  const std::shared_ptr<OAuthAuthorizer> authorizer_;
   const SignIn signIn_;
   const bool addToStore_;
   const HttpClientOptions options_;
@@ -237,6 +238,7 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
   QMAccountTokens tokens_;
   std::optional<std::string> subject_;
   std::optional<std::string> email_;
+  bool ended_ = false;
 };
 
 }  // namespace
@@ -257,32 +259,21 @@ bool redirectStateMatches(const std::string& redirectURL, const std::string& exp
   return states == 1 && matches == 1;
 }
 
-std::optional<std::string> OAuthAuthorizer::authorizationURL() {
+void OAuthAuthorizer::authorizationURL(URLCompletion completion) {
+  endpoints_->resolve([self = shared_from_this(), completion = std::move(completion)](
+                          const std::optional<Endpoints>& endpoints) { completion(self->startSignIn(endpoints)); });
+}
+
+std::optional<std::string> OAuthAuthorizer::startSignIn(const std::optional<Endpoints>& endpoints) {
   auto manager = manager_.lock();
-  if (!manager) {
-    return std::nullopt;
-  }
-  auto* provider = manager->delegateOfWebServiceRequirements();
-  if (provider == nullptr) {
-    logAccounts().error("No client credentials are registered for signing in");
-    return std::nullopt;
-  }
   auto account = account_.lock();
-  std::optional<QMWebServiceClientCredentials> credentials;
-  for (auto& candidate : provider->webServiceClientCredentials()) {
-    if (candidate.serviceProvider == QMWebServiceProvider::quelmoConnect ||
-        (account && candidate.serviceProviderClassTypeIdentifier == account->classTypeIdentifier())) {
-      credentials = std::move(candidate);
-      break;
-    }
-  }
-  if (!credentials) {
-    logAccounts().error("No client credentials are registered for " +
-                        manager->configuration().serviceName);
+  if (!manager || !account || !endpoints) {
     return std::nullopt;
   }
-  auto endpoints = endpoints_->resolve();
-  if (!endpoints) {
+  const auto& configuration = manager->configuration();
+  auto credentials =
+      registeredCredentials(*manager, account->classTypeIdentifier(), configuration.serviceName);
+  if (!credentials) {
     return std::nullopt;
   }
   auto url = parseEndpointURL(endpoints->authorization);
@@ -290,19 +281,12 @@ std::optional<std::string> OAuthAuthorizer::authorizationURL() {
     logAccounts().error("The authorization endpoint is not a valid URL");
     return std::nullopt;
   }
-  const auto& configuration = manager->configuration();
-  SignIn signIn;
-  signIn.state = credentials->redirectURIState.value_or(randomToken(32));
-  signIn.codeVerifier = randomToken(32);
+  SignIn signIn{credentials->redirectURIState.value_or(randomToken(32)), randomToken(32), std::nullopt,
+                *endpoints, *credentials};
   const auto& scopes = configuration.scopes;
   if (std::find(scopes.begin(), scopes.end(), "openid") != scopes.end()) {
     signIn.nonce = randomToken(16);
   }
-  signIn.endpoints = *endpoints;
-  signIn.obfuscatedClientId = credentials->obfuscatedClientId;
-  signIn.obfuscatedClientSecret = credentials->obfuscatedClientSecret;
-  signIn.redirectURI = credentials->redirectURI;
-
   std::string scope;
   for (const auto& item : scopes) {
     scope += (scope.empty() ? "" : " ") + item;
@@ -310,8 +294,8 @@ std::optional<std::string> OAuthAuthorizer::authorizationURL() {
   boost::urls::url authorization(*url);
   auto params = authorization.params();
   params.append({"response_type", "code"});
-  params.append({"client_id", deobfuscated(configuration, signIn.obfuscatedClientId)});
-  params.append({"redirect_uri", signIn.redirectURI});
+  params.append({"client_id", deobfuscated(configuration, credentials->obfuscatedClientId)});
+  params.append({"redirect_uri", credentials->redirectURI});
   params.append({"scope", scope});
   params.append({"state", signIn.state});
   params.append({"code_challenge", pkceChallenge(signIn.codeVerifier)});
@@ -329,32 +313,126 @@ std::optional<std::string> OAuthAuthorizer::authorizationURL() {
 
 void OAuthAuthorizer::exchangeCode(const std::string& code, bool addToStore,
                                    const std::string& redirectURL) {
-  std::optional<SignIn> signIn;
-  {
-    // A code is exchanged at most once per sign-in: a replayed redirect finds
-    // nothing pending.
-    std::lock_guard lock(mutex_);
-    signIn = std::exchange(pending_, std::nullopt);
-  }
   auto manager = manager_.lock();
   auto account = account_.lock();
   const std::string serviceName = manager ? manager->configuration().serviceName : "the service";
-  auto failNow = [&serviceName](const std::string& reason) {
-    logAccounts().error("Signing in to " + serviceName + " failed: " + reason);
-    postAccountDidChange();
-  };
+  std::optional<SignIn> signIn;
+  {
+    // Any program may open the redirect URL, and the system may deliver it
+    // twice: only a redirect with the pending sign-in's `state` is taken, and
+    // anything else leaves the sign-in waiting for the genuine one. A code is
+    // exchanged at most once.
+    std::lock_guard lock(mutex_);
+    if (!pending_) {
+      logAccounts().warning("A redirect from " + serviceName + " was ignored: " +
+                            (exchanging_ ? "its sign-in is already being completed"
+                                         : "no sign-in is waiting for it"));
+      return;
+    }
+    if (!redirectStateMatches(redirectURL, pending_->state)) {
+      logAccounts().warning("A redirect from " + serviceName +
+                            " was ignored: its state is not the one this sign-in sent");
+      return;
+    }
+    signIn = std::exchange(pending_, std::nullopt);
+    exchanging_ = true;
+  }
   if (!manager || !account) {
-    return failNow("the account is gone");
+    exchangeEnded();
+    logAccounts().error("Signing in to " + serviceName + " failed: the account is gone");
+    postAccountDidChange();
+    return;
   }
-  if (!signIn) {
-    return failNow("no sign-in is waiting for this redirect");
-  }
-  if (!redirectStateMatches(redirectURL, signIn->state)) {
-    return failNow("the redirect's state does not match the one sent");
-  }
-  auto exchange = std::make_shared<TokenExchange>(manager, account, std::move(*signIn), addToStore,
-                                                  endpoints_->httpOptions());
+  auto exchange = std::make_shared<TokenExchange>(manager, account, shared_from_this(), std::move(*signIn),
+                                                  addToStore, endpoints_->httpOptions());
   exchange->start(code);
+}
+
+void OAuthAuthorizer::exchangeEnded() {
+  std::lock_guard lock(mutex_);
+  exchanging_ = false;
+}
+
+void OAuthAuthorizer::refreshTokens(RefreshCompletion completion) {
+  {
+    std::lock_guard lock(mutex_);
+    refreshWaiting_.push_back(std::move(completion));
+    if (refreshWaiting_.size() > 1) {
+      return;  // one refresh at a time: a rotated refresh token works once
+    }
+  }
+  endpoints_->resolve([self = shared_from_this()](const std::optional<Endpoints>& endpoints) {
+    self->refreshWith(endpoints);
+  });
+}
+
+void OAuthAuthorizer::refreshWith(const std::optional<Endpoints>& endpoints) {
+  auto manager = manager_.lock();
+  auto account = account_.lock();
+  if (!manager || !account || !endpoints) {
+    return refreshEnded(false);
+  }
+  const auto& configuration = manager->configuration();
+  auto signOut = [manager, account, this](const std::string& reason) {
+    logAccounts().error("Signed out of " + manager->configuration().serviceName + ": " + reason);
+    // Forgotten first, so that removing the account revokes nothing.
+    account->setTokens({});
+    manager->removeAccount(account);
+    postAccountDidChange();
+    refreshEnded(false);
+  };
+  auto refreshToken = account->refreshToken();
+  if (!refreshToken) {
+    return signOut("the access token expired and there is no refresh token");
+  }
+  auto credentials =
+      registeredCredentials(*manager, account->classTypeIdentifier(), configuration.serviceName);
+  if (!credentials) {
+    return refreshEnded(false);
+  }
+  // RFC 6749, section 6.
+  auto request = clientRequest(endpoints->token, {{"grant_type", "refresh_token"}, {"refresh_token", *refreshToken}},
+                               configuration, *credentials);
+  sendHttpRequest(EventLoop::main().context(), std::move(request), endpoints_->httpOptions(),
+                  [self = shared_from_this(), manager, account, signOut](const HttpOutcome& outcome) {
+                    auto response = readTokenResponse(outcome, std::chrono::system_clock::now());
+                    if (response.refused) {
+                      return signOut("the service refused the refresh token: " + *response.problem);
+                    }
+                    if (response.problem) {
+                      logAccounts().error("Renewing the access token failed: " + *response.problem);
+                      return self->refreshEnded(false);
+                    }
+                    auto previous = account->tokens();
+                    auto& tokens = response.tokens;
+                    // Section 6: the refresh token may stay the same.
+                    if (!tokens.refreshToken) {
+                      tokens.refreshToken = previous.refreshToken;
+                    }
+                    if (!tokens.idToken) {
+                      tokens.idToken = previous.idToken;
+                    }
+                    account->setTokens(std::move(tokens));
+                    // Stored again only when it still is stored (not signed
+                    // out meanwhile).
+                    auto stored = manager->accounts();
+                    if (std::any_of(stored.begin(), stored.end(),
+                                    [&account](const auto& entry) { return entry == account; })) {
+                      manager->addAccount(account);
+                    }
+                    self->refreshEnded(true);
+                  });
+}
+
+void OAuthAuthorizer::refreshEnded(bool refreshed) {
+  std::vector<RefreshCompletion> waiting;
+  {
+    std::lock_guard lock(mutex_);
+    waiting.swap(refreshWaiting_);
+  }
+  for (auto& completion : waiting) {
+    completion(refreshed);
+  }
 }
 
 }  // namespace vantor::account::detail

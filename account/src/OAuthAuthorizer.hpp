@@ -4,11 +4,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ServiceEndpoints.hpp"
 #include "vantor/account/QMAccount.hpp"
 #include "vantor/account/QMOAuthAccountManager.hpp"
 #include "vantor/account/QMWebServiceAuthorizer.hpp"
+#include "vantor/account/QMWebServiceClientCredentials.hpp"
 
 namespace vantor::account::detail {
 
@@ -19,31 +21,41 @@ struct SignIn {
   std::string codeVerifier;
   std::optional<std::string> nonce;
   Endpoints endpoints;
-  std::string obfuscatedClientId;
-  std::string obfuscatedClientSecret;
-  std::string redirectURI;
+  QMWebServiceClientCredentials credentials;
 };
 
 // The authoriser of accounts made by QMOAuthAccountManager: authorization
-// code flow with `state`, PKCE (S256) and, for OpenID Connect, `nonce`.
-// Holds its manager and account weakly, so an account does not keep its
-// manager alive. Thread safety: every member may be called from any thread.
-class OAuthAuthorizer : public QMWebServiceAuthorizer {
+// code flow with `state`, PKCE (S256) and, for OpenID Connect, `nonce`;
+// refresh with the refresh token. Holds its manager and account weakly, so
+// an account does not keep its manager alive. Thread safety: every member
+// may be called from any thread.
+class OAuthAuthorizer : public QMWebServiceAuthorizer,
+                        public std::enable_shared_from_this<OAuthAuthorizer> {
  public:
   OAuthAuthorizer(std::weak_ptr<QMOAuthAccountManager> manager,
                   std::shared_ptr<ServiceEndpoints> endpoints, std::weak_ptr<QMAccount> account)
       : manager_(std::move(manager)), endpoints_(std::move(endpoints)), account_(std::move(account)) {}
 
-  std::optional<std::string> authorizationURL() override;
+  void authorizationURL(URLCompletion completion) override;
   void exchangeCode(const std::string& code, bool addToStore,
                     const std::string& redirectURL) override;
+  void refreshTokens(RefreshCompletion completion) override;
+
+  // Called by the exchange when it has ended, whatever the outcome.
+  void exchangeEnded();
 
  private:
+  std::optional<std::string> startSignIn(const std::optional<Endpoints>& endpoints);
+  void refreshWith(const std::optional<Endpoints>& endpoints);
+  void refreshEnded(bool refreshed);
+
   const std::weak_ptr<QMOAuthAccountManager> manager_;
   const std::shared_ptr<ServiceEndpoints> endpoints_;
   const std::weak_ptr<QMAccount> account_;
   std::mutex mutex_;
   std::optional<SignIn> pending_;
+  bool exchanging_ = false;
+  std::vector<RefreshCompletion> refreshWaiting_;
 };
 
 // True when `redirectURL` carries exactly one `state`, equal to `expected`.

@@ -178,6 +178,45 @@ bool isLoopbackURL(std::string_view text) {
   }
 }
 
+bool isAllowedEndpointURL(std::string_view text) {
+  auto url = parseEndpointURL(text);
+  if (!url || url->host().empty()) {
+    return false;
+  }
+  return url->scheme_id() == boost::urls::scheme::https ||
+         (url->scheme_id() == boost::urls::scheme::http && isLoopbackURL(text));
+}
+
+std::optional<std::chrono::seconds> secondsIn(const boost::json::value& value, std::chrono::seconds limit) {
+  double seconds = 0;
+  if (value.is_int64()) {
+    seconds = static_cast<double>(value.get_int64());
+  } else if (value.is_uint64()) {
+    seconds = static_cast<double>(value.get_uint64());
+  } else if (value.is_double()) {
+    seconds = value.get_double();
+  } else {
+    return std::nullopt;
+  }
+  // Written so that NaN fails too.
+  if (!(seconds >= 0 && seconds <= static_cast<double>(limit.count()))) {
+    return std::nullopt;
+  }
+  return std::chrono::seconds(static_cast<std::int64_t>(seconds));
+}
+
+std::optional<std::chrono::system_clock::time_point> unixTimeIn(const boost::json::value& value) {
+  // Half the clock's range (about the year 2116 with nanosecond ticks), so
+  // that adding a leeway or a lifetime to it cannot overflow either.
+  constexpr auto limit =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::duration::max()) / 2;
+  auto seconds = secondsIn(value, limit);
+  if (!seconds) {
+    return std::nullopt;
+  }
+  return std::chrono::system_clock::time_point(*seconds);
+}
+
 std::optional<boost::json::object> jwtClaims(std::string_view jwt) {
   auto first = jwt.find('.');
   auto second = first == std::string_view::npos ? first : jwt.find('.', first + 1);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -40,6 +41,19 @@ std::optional<boost::urls::url> parseEndpointURL(std::string_view text);
 
 // True for http URLs that may go without TLS: loopback hosts only.
 bool isLoopbackURL(std::string_view url);
+
+// True for URLs the sign-in may send the user or its requests to: https, or
+// plain http to a loopback host.
+bool isAllowedEndpointURL(std::string_view url);
+
+// A count of seconds read from the network or the store: a JSON number
+// (fractions are cut off) from 0 to `limit`; none for anything else, so
+// that no value can overflow the clock's arithmetic.
+std::optional<std::chrono::seconds> secondsIn(const boost::json::value& value, std::chrono::seconds limit);
+
+// A JWT "NumericDate" or a stored time: seconds since 1970, as a time point;
+// none when not a number or beyond half the clock's range.
+std::optional<std::chrono::system_clock::time_point> unixTimeIn(const boost::json::value& value);
 
 // The claims of a JWT in compact form, without checking its signature; none
 // when it is not three base64url parts with a JSON object in the middle.

@@ -10,6 +10,8 @@
 #include "AccountStore.hpp"
 #include "OAuthAuthorizer.hpp"
 #include "ServiceEndpoints.hpp"
+#include "TokenEndpoint.hpp"
+#include "vantor/platform/EventLoop.hpp"
 #include "vantor/account/QMAccountFactory.hpp"
 #include "vantor/account/QMHostApplication.hpp"
 #include "vantor/account/QMOAuthAccountFactory.hpp"
@@ -130,7 +132,12 @@ void QMOAuthAccountManager::loadIfNeeded() const {
   if (impl_->store) {
     return;
   }
-  impl_->store.emplace(detail::userConfigurationDirectory() / folderName(*this) / "accounts.json");
+  auto folder = folderName(*this);
+  std::shared_ptr<detail::SecretStore> secrets;
+  if (impl_->configuration.useSecretService) {
+    secrets = detail::SecretStore::connect(folder);
+  }
+  impl_->store.emplace(detail::userConfigurationDirectory() / folder / "accounts.json", std::move(secrets));
   for (auto& stored : impl_->store->load()) {
     if (stored.classTypeIdentifier != QMQuelmoConnectAccount::typeIdentifier) {
       impl_->foreign.push_back(std::move(stored));
@@ -183,18 +190,56 @@ void QMOAuthAccountManager::removeAccount(const std::shared_ptr<QMAccount>& acco
   if (!account) {
     return;
   }
-  std::lock_guard lock(impl_->mutex);
-  loadIfNeeded();
-  auto& accounts = impl_->accounts;
-  auto removed = std::remove_if(accounts.begin(), accounts.end(), sameUuidAs(account));
-  if (removed == accounts.end()) {
+  std::vector<std::string> refreshTokens;
+  {
+    std::lock_guard lock(impl_->mutex);
+    loadIfNeeded();
+    auto& accounts = impl_->accounts;
+    auto removed = std::remove_if(accounts.begin(), accounts.end(), sameUuidAs(account));
+    if (removed == accounts.end()) {
+      return;
+    }
+    for (auto it = removed; it != accounts.end(); ++it) {
+      if (auto token = (*it)->refreshToken()) {
+        refreshTokens.push_back(std::move(*token));
+      }
+      (*it)->setTokens({});
+    }
+    accounts.erase(removed, accounts.end());
+    persist();
+  }
+  for (auto& token : refreshTokens) {
+    revokeInBackground(std::move(token));
+  }
+}
+
+void QMOAuthAccountManager::revokeInBackground(std::string refreshToken) const {
+  const auto& configuration = impl_->configuration;
+  auto credentials = detail::registeredCredentials(*this, QMQuelmoConnectAccount::typeIdentifier,
+                                                   configuration.serviceName);
+  if (!credentials) {
     return;
   }
-  for (auto it = removed; it != accounts.end(); ++it) {
-    (*it)->setTokens({});
-  }
-  accounts.erase(removed, accounts.end());
-  persist();
+  // The request holds what it needs, not the manager, and nobody waits for
+  // it: signing out is done once the tokens are forgotten here.
+  auto endpoints = impl_->endpoints;
+  endpoints->resolve([configuration, credentials = std::move(*credentials), refreshToken = std::move(refreshToken),
+                      options = endpoints->httpOptions()](const std::optional<detail::Endpoints>& resolved) {
+    if (!resolved || !resolved->revocation) {
+      return;
+    }
+    // RFC 7009, section 2.1.
+    auto request = detail::clientRequest(*resolved->revocation,
+                                         {{"token", refreshToken}, {"token_type_hint", "refresh_token"}},
+                                         configuration, credentials);
+    detail::sendHttpRequest(platform::EventLoop::main().context(), std::move(request), options,
+                            [](const detail::HttpOutcome& outcome) {
+                              if (!outcome.succeeded() || outcome.status != 200) {
+                                util::logAccounts().warning(
+                                    "The service did not confirm that the refresh token was revoked");
+                              }
+                            });
+  });
 }
 
 }  // namespace vantor::account

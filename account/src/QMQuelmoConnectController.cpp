@@ -2,6 +2,7 @@
 
 #include <boost/url/parse.hpp>
 #include <cctype>
+#include <future>
 #include <mutex>
 #include <typeindex>
 
@@ -190,52 +191,121 @@ void QMQuelmoConnectController::load() {
 
 void QMQuelmoConnectController::login(CompletionHandler handler) {
   // Errors come back as values and are thrown here, on the caller's thread,
-  // so no exception object is shared between threads.
-  if (auto error = EventLoop::main().sync([this, &handler] { return loginOnLoop(std::move(handler)); })) {
+  // so no exception object is shared between threads. A caller on another
+  // thread waits until the page opens or fails to; the loop itself is never
+  // held up (finding the page may take a network request).
+  struct Start {
+    std::promise<std::optional<Error>> outcome;
+    bool callerWaits = true;  // touched on the loop thread only
+  };
+  auto start = std::make_shared<Start>();
+  auto outcome = start->outcome.get_future();
+  const bool onLoop = EventLoop::main().isCurrentThread();
+  EventLoop::main().sync([this, &handler, start, onLoop] {
+    startLogin(std::move(handler), [start](std::optional<Error> error) {
+      if (!start->callerWaits) {
+        return false;
+      }
+      start->callerWaits = false;
+      start->outcome.set_value(error);
+      return true;
+    });
+    if (onLoop && start->callerWaits) {
+      // The page is still being looked for; a failure now goes to the
+      // handler instead.
+      start->callerWaits = false;
+      start->outcome.set_value(std::nullopt);
+    }
+  });
+  if (auto error = outcome.get()) {
     throw Exception(*error);
   }
 }
 
-std::optional<QMQuelmoConnectController::Error> QMQuelmoConnectController::loginOnLoop(
-    CompletionHandler handler) {
+void QMQuelmoConnectController::startLogin(CompletionHandler handler, StartReport report) {
   if (account_ || !QMAccountManager::shared()->accounts().empty()) {
-    return Error::alreadyLoggedIn;
+    report(Error::alreadyLoggedIn);
+    return;
   }
   auto created = QMAccountFactory::shared()->createAccount(std::nullopt, 0,
                                                            QMWebServiceProvider::quelmoConnect);
   auto account = std::dynamic_pointer_cast<QMQuelmoConnectAccount>(created);
   if (!account) {
-    return Error::accountCreationFailed;
+    report(Error::accountCreationFailed);
+    return;
   }
   auto authorizer = account->webServiceAuthorizer();
   if (!authorizer) {
-    return Error::invalidAccount;
+    report(Error::invalidAccount);
+    return;
   }
-  auto url = authorizer->authorizationURL();
-  if (!url) {
-    return Error::invalidAccount;
-  }
-  preliminaryAccount_ = std::move(account);
+  // Replaces an earlier sign-in; its handler is dropped without a call.
+  preliminaryAccount_ = account;
   completionHandler_ = std::move(handler);
-  if (!QMWorkspace::open(*url)) {
-    util::logAccounts().error("Could not open the sign-in page in the browser");
-  }
-  return std::nullopt;
+  authorizer->authorizationURL([this, account, report = std::move(report)](std::optional<std::string> url) {
+    EventLoop::main().dispatch([this, account, report, url = std::move(url)] {
+      if (preliminaryAccount_ != account) {
+        report(std::nullopt);  // replaced, or signed out, while the page was looked for
+        return;
+      }
+      if (!url) {
+        preliminaryAccount_.reset();
+        auto handler = std::exchange(completionHandler_, nullptr);
+        // Reported before the handler is dropped, so that a promise learns
+        // this error and not the one for a dropped sign-in.
+        if (!report(Error::invalidAccount) && handler) {
+          handler(LoginResult(Error::invalidAccount));
+        }
+        return;
+      }
+      report(std::nullopt);
+      if (!QMWorkspace::open(*url)) {
+        util::logAccounts().error("Could not open the sign-in page in the browser");
+      }
+    });
+  });
 }
+
+namespace {
+
+// Settles a login() promise whose sign-in was replaced: dropping the last
+// copy of its handler without a call rejects it with `notLoggedIn`, as
+// documented, rather than leaving it to break.
+class RejectWhenDropped {
+ public:
+  explicit RejectWhenDropped(std::shared_ptr<util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>>> pending)
+      : pending_(std::move(pending)) {}
+  RejectWhenDropped(const RejectWhenDropped&) = delete;
+  RejectWhenDropped& operator=(const RejectWhenDropped&) = delete;
+  ~RejectWhenDropped() { pending_->reject(exceptionFor(QMQuelmoConnectControllerError::notLoggedIn)); }
+
+ private:
+  std::shared_ptr<util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>>> pending_;
+};
+
+}  // namespace
 
 util::QMPromise<std::shared_ptr<QMAccount>> QMQuelmoConnectController::login() {
   auto pending = std::make_shared<util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>>>();
-  try {
-    login([pending](const LoginResult& result) {
-      if (const auto* account = std::get_if<std::shared_ptr<QMAccount>>(&result)) {
-        pending->fulfill(*account);
-      } else {
-        pending->reject(exceptionFor(std::get<Error>(result)));
+  auto guard = std::make_shared<RejectWhenDropped>(pending);
+  auto handler = [pending, guard](const LoginResult& result) {
+    if (const auto* account = std::get_if<std::shared_ptr<QMAccount>>(&result)) {
+      pending->fulfill(*account);
+    } else {
+      pending->reject(exceptionFor(std::get<Error>(result)));
+    }
+  };
+  guard.reset();
+  // Only the first outcome counts, so the guard's rejection on dropping the
+  // handler changes nothing once the promise is settled.
+  EventLoop::main().sync([this, &handler, pending] {
+    startLogin(std::move(handler), [pending](std::optional<Error> error) {
+      if (error) {
+        pending->reject(exceptionFor(*error));
       }
+      return true;
     });
-  } catch (const Exception& e) {
-    pending->reject(exceptionFor(e.error()));
-  }
+  });
   return pending->promise();
 }
 
@@ -243,12 +313,25 @@ util::QMPromise<std::shared_ptr<QMAccount>> QMQuelmoConnectController::loginIfNe
   auto current = EventLoop::main().sync([this]() -> std::shared_ptr<QMAccount> {
     return account_ && account_->token() ? account_ : nullptr;
   });
-  if (current) {
-    util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>> ready;
-    ready.fulfill(std::move(current));
-    return ready.promise();
+  if (!current) {
+    return login();
   }
-  return login();
+  auto ready = std::make_shared<util::QMExternallyResolvablePromise<std::shared_ptr<QMAccount>>>();
+  auto authorizer = current->webServiceAuthorizer();
+  if (!current->tokens().accessTokenExpired() || !authorizer) {
+    ready->fulfill(std::move(current));
+    return ready->promise();
+  }
+  // An expired access token is renewed before the account is handed out;
+  // a refused renewal has signed the account out.
+  authorizer->refreshTokens([ready, current](bool refreshed) {
+    if (refreshed) {
+      ready->fulfill(current);
+    } else {
+      ready->reject(exceptionFor(Error::notLoggedIn));
+    }
+  });
+  return ready->promise();
 }
 
 void QMQuelmoConnectController::logout() {
@@ -264,7 +347,7 @@ void QMQuelmoConnectController::logout() {
 
 bool QMQuelmoConnectController::isLoggedIn() const {
   return EventLoop::main().sync(
-      [this] { return account_ && account_->token().has_value() && !error_; });
+      [this] { return account_ && account_->token().has_value() && !account_->tokens().accessTokenExpired() && !error_; });
 }
 
 void QMQuelmoConnectController::deleteAccount() {

@@ -2,12 +2,15 @@
 //
 //   vantor-signin-demo
 //       against a local OpenID provider, in headless Chromium, as "alice"
-//   vantor-signin-demo --issuer URL --client-id ID --client-secret SECRET
-//                      --redirect-uri URI [--scope SCOPE]... [--service-name NAME]
+//   vantor-signin-demo --issuer URL --client-id ID --redirect-uri URI
+//                      [--client-secret-file FILE] [--scope SCOPE]... [--service-name NAME]
 //       against a real service, in the default browser; paste the URL that
-//       the browser was redirected to when asked
+//       the browser was redirected to when asked. The client secret is read
+//       from FILE (its first line), or else from $VANTOR_CLIENT_SECRET; never
+//       from the command line, where other users' `ps` would show it.
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -32,6 +35,7 @@ using Controller = QMQuelmoConnectController;
 struct Options {
   std::optional<std::string> issuer;
   std::optional<std::string> clientId;
+  std::optional<std::string> clientSecretFile;
   std::optional<std::string> clientSecret;
   std::optional<std::string> redirectURI;
   std::vector<std::string> scopes;
@@ -42,7 +46,7 @@ std::optional<Options> parse(int argc, char** argv) {
   Options options;
   std::map<std::string, std::optional<std::string>*> texts{{"--issuer", &options.issuer},
                                                            {"--client-id", &options.clientId},
-                                                           {"--client-secret", &options.clientSecret},
+                                                           {"--client-secret-file", &options.clientSecretFile},
                                                            {"--redirect-uri", &options.redirectURI}};
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string name = argv[i];
@@ -60,12 +64,30 @@ std::optional<Options> parse(int argc, char** argv) {
   if (argc % 2 == 0) {
     return std::nullopt;
   }
-  bool any = options.issuer || options.clientId || options.clientSecret || options.redirectURI;
-  bool all = options.issuer && options.clientId && options.clientSecret && options.redirectURI;
+  bool any = options.issuer || options.clientId || options.clientSecretFile || options.redirectURI;
+  bool all = options.issuer && options.clientId && options.redirectURI;
   if (any && !all) {
     return std::nullopt;
   }
   return options;
+}
+
+// The client secret: the first line of `file`, else $VANTOR_CLIENT_SECRET.
+std::optional<std::string> readClientSecret(const std::optional<std::string>& file) {
+  if (file) {
+    std::ifstream in(*file);
+    std::string secret;
+    if (!in || !std::getline(in, secret) || secret.empty()) {
+      std::cerr << "Cannot read the client secret from " << *file << "\n";
+      return std::nullopt;
+    }
+    return secret;
+  }
+  if (const char* secret = std::getenv("VANTOR_CLIENT_SECRET"); secret != nullptr && *secret != '\0') {
+    return std::string(secret);
+  }
+  std::cerr << "Give the client secret with --client-secret-file FILE or in $VANTOR_CLIENT_SECRET\n";
+  return std::nullopt;
 }
 
 // Waits for the sign-in; the browser side reports failure through `failed`.
@@ -102,11 +124,18 @@ int main(int argc, char** argv) {
   auto options = parse(argc, argv);
   if (!options) {
     std::cerr << "usage: " << argv[0]
-              << " [--issuer URL --client-id ID --client-secret SECRET --redirect-uri URI"
-                 " [--scope SCOPE]... [--service-name NAME]]\n";
+              << " [--issuer URL --client-id ID --redirect-uri URI [--client-secret-file FILE]"
+                 " [--scope SCOPE]... [--service-name NAME]]\n"
+                 "The client secret comes from FILE or $VANTOR_CLIENT_SECRET.\n";
     return 2;
   }
   const bool local = !options->issuer;
+  if (!local) {
+    options->clientSecret = readClientSecret(options->clientSecretFile);
+    if (!options->clientSecret) {
+      return 2;
+    }
+  }
   std::optional<testing::LocalOpenIdProvider> provider;
   testing::LocalOpenIdProvider::Options client;
   client.redirectURI = "com.vantor.signin-demo:/qmaccounts/quelmoconnect";
@@ -139,6 +168,8 @@ int main(int argc, char** argv) {
     service.scopes = options->scopes;
   }
   service.additionalAuthorizationParameters = {{"prompt", "consent"}};
+  // The local example's throw-away account stays out of the desktop's keyring.
+  service.useSecretService = !local;
   QMOAuthAccountManager::install(service);
   Controller::setClientId(options->clientId);
   Controller::setClientSecret(options->clientSecret);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -95,7 +96,28 @@ TEST_P(CorruptStoreTest, IsMovedAsideAndTakenAsEmpty) {
 INSTANTIATE_TEST_SUITE_P(
     Files, CorruptStoreTest,
     ::testing::Values("{\"version\":1,\"accounts\":[{\"uuid\":\"A\",\"cla",  // cut short
-                      R"({"version":2,"accounts":[]})", R"({"version":1,"accounts":[{"uuid":7}]})"));
+                      R"({"version":2,"accounts":[]})", R"({"version":1,"accounts":[{"uuid":7}]})",
+                      // An expiry that would overflow the clock.
+                      R"({"version":1,"accounts":[{"uuid":"A","class":"c","tokens":{"expiresAt":9000000000000000000}}]})"));
+
+TEST_F(AccountStoreTest, RefusesFilesItCannotTrustAndLeavesThemAlone) {
+  AccountStore store(file_);
+  ASSERT_TRUE(store.save({alice()}));
+  fs::permissions(file_, fs::perms(0622));
+  EXPECT_TRUE(store.load().empty()) << "writable by others";
+  fs::permissions(file_, fs::perms(0600));
+  EXPECT_EQ(store.load().size(), 1u);
+
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(file_.c_str(), 65534, 65534), 0);
+    EXPECT_TRUE(store.load().empty()) << "owned by another user";
+    ASSERT_EQ(::chown(file_.c_str(), 0, 0), 0);
+  }
+
+  std::ofstream(file_, std::ios::app) << std::string(300 * 1024, ' ');
+  EXPECT_TRUE(store.load().empty()) << "larger than any store";
+  EXPECT_EQ(filesBeside(), std::vector<fs::path>{"accounts.json"}) << "refused, not moved aside";
+}
 
 TEST_F(AccountStoreTest, ReplacesTheFileWholeWithoutTheRemovedTokens) {
   AccountStore store(file_);

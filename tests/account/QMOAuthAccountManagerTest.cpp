@@ -28,6 +28,14 @@ class Credentials : public QMAccountWebServiceCredentialsProviderProtocol,
   std::optional<std::string> state;
 };
 
+// The authorization URL; explicit endpoints need no request, so it comes at once.
+std::string authorizationURLOf(const std::shared_ptr<QMQuelmoConnectAccount>& account) {
+  std::optional<std::string> found;
+  account->webServiceAuthorizer()->authorizationURL([&found](std::optional<std::string> url) { found = url; });
+  EXPECT_TRUE(found);
+  return found.value_or("https://invalid.example.test/");
+}
+
 std::map<std::string, std::string> queryOf(const std::string& url) {
   std::map<std::string, std::string> query;
   for (auto param : boost::urls::parse_absolute_uri(url)->params()) {
@@ -51,6 +59,7 @@ class QMOAuthAccountManagerTest : public ::testing::Test {
     QMOAuthServiceConfiguration configuration;
     configuration.authorizationEndpoint = "https://accounts.example.test/authorize?tenant=7";
     configuration.tokenEndpoint = "https://accounts.example.test/token";
+    configuration.useSecretService = false;
     configuration.deobfuscate = [](std::string_view text) { return std::string(text.rbegin(), text.rend()); };
     return configuration;
   }
@@ -62,22 +71,20 @@ class QMOAuthAccountManagerTest : public ::testing::Test {
 TEST_F(QMOAuthAccountManagerTest, AuthorizationURLCarriesAFreshStateAndPkcePerSignIn) {
   auto manager = makeManager(explicitEndpoints());
   auto account = manager->createAccount(std::nullopt);
-  auto url = account->webServiceAuthorizer()->authorizationURL();
-  ASSERT_TRUE(url);
-  auto query = queryOf(*url);
+  auto query = queryOf(authorizationURLOf(account));
   EXPECT_EQ(query["tenant"], "7") << "the endpoint's own query stays";
   EXPECT_EQ(query["client_id"], "client-id") << "de-obfuscated";
   EXPECT_GE(query["state"].size(), 43u);
   EXPECT_FALSE(query["nonce"].empty());
   EXPECT_EQ(query.count("client_secret"), 0u);
 
-  auto again = queryOf(*account->webServiceAuthorizer()->authorizationURL());
+  auto again = queryOf(authorizationURLOf(account));
   EXPECT_NE(again["state"], query["state"]);
   EXPECT_NE(again["code_challenge"], query["code_challenge"]);
   EXPECT_NE(again["nonce"], query["nonce"]);
 
   credentials_.state = "host-state";
-  EXPECT_EQ(queryOf(*account->webServiceAuthorizer()->authorizationURL())["state"], "host-state");
+  EXPECT_EQ(queryOf(authorizationURLOf(account))["state"], "host-state");
 }
 
 TEST_F(QMOAuthAccountManagerTest, StoresAccountsUnderTheBundleIdentifierAcrossManagers) {

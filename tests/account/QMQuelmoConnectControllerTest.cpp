@@ -161,6 +161,51 @@ TEST_F(QMQuelmoConnectControllerTest, TheLatestLoginsHandlerIsCalledOnceOnTheLoo
   EXPECT_EQ(willChangeCount_, 6);
 }
 
+TEST_F(QMQuelmoConnectControllerTest, AReplacedLoginPromiseIsRejectedWithNotLoggedIn) {
+  factory_->script(InMemoryAccountFactory::Outcome::signIn, "https://accounts.example.test/a");
+  auto replaced = controller().login();
+  auto latest = controller().login();
+  EXPECT_EQ(rejectionOf(replaced), Error::notLoggedIn);
+  EXPECT_EQ(latest.result(), std::nullopt);
+  controller().handleOAuthResponse(std::string(redirect) + "?code=abc");
+  drainLoop();
+  ASSERT_TRUE(latest.result() && latest.result()->isFulfilled());
+  EXPECT_EQ(latest.result()->value(), controller().account());
+}
+
+TEST_F(QMQuelmoConnectControllerTest, AnExpiredTokenIsRenewedBeforeTheAccountIsHandedOut) {
+  auto stored = std::make_shared<QMQuelmoConnectAccount>("11111111-2222-3333-4444-555555555555");
+  stored->setWebServiceAuthorizer(factory_);
+  QMAccountTokens tokens;
+  tokens.accessToken = "expired";
+  tokens.refreshToken = "refresh";
+  tokens.expiresAt = std::chrono::system_clock::now() - std::chrono::seconds(1);
+  stored->setTokens(tokens);
+  manager_->addAccount(stored);
+  factory_->adopt(stored);
+  testing::postAccountDidChange();  // as after a sign-in: account set, error clear
+  drainLoop();
+  ASSERT_EQ(controller().account(), stored);
+  EXPECT_FALSE(controller().isLoggedIn()) << "an expired access token is no sign-in";
+
+  auto renewed = controller().loginIfNeeded();
+  ASSERT_TRUE(renewed.result() && renewed.result()->isFulfilled());
+  EXPECT_EQ(renewed.result()->value(), stored);
+  EXPECT_EQ(stored->token(), "refreshed");
+  EXPECT_TRUE(controller().isLoggedIn());
+
+  // The service refuses the next renewal: signed out, and nobody gets the
+  // stale token.
+  tokens.expiresAt = std::chrono::system_clock::now() - std::chrono::seconds(1);
+  stored->setTokens(tokens);
+  factory_->script(InMemoryAccountFactory::Outcome::fail, std::nullopt);
+  EXPECT_EQ(rejectionOf(controller().loginIfNeeded()), Error::notLoggedIn);
+  drainLoop();
+  EXPECT_EQ(controller().account(), nullptr);
+  EXPECT_EQ(controller().error(), Error::notLoggedIn);
+  EXPECT_EQ(opened, 0);
+}
+
 TEST_F(QMQuelmoConnectControllerTest, RefusesWhatCannotSignIn) {
   using Makes = InMemoryAccountFactory::Makes;
   auto login = [] { controller().login([](const Controller::LoginResult&) {}); };

@@ -14,7 +14,10 @@
 #include <vantor/account/QMAccountManager.hpp>
 #include <vantor/account/QMWorkspace.hpp>
 
+#include <vantor/platform/EventLoop.hpp>
+
 #include "LocalSignIn.hpp"
+#include "LoopbackHttpServer.hpp"
 #include "ScratchDirectory.hpp"
 
 namespace vantor::account {
@@ -22,6 +25,7 @@ namespace {
 
 using Controller = QMQuelmoConnectController;
 using Error = QMQuelmoConnectControllerError;
+using platform::EventLoop;
 using testing::LocalOpenIdProvider;
 
 // Stands in for the default browser: keeps each URL for the test to hand
@@ -140,6 +144,8 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   EXPECT_TRUE(Controller::isValidResponse(*redirect)) << *redirect;
   EXPECT_EQ(willChange, 0);
   controller().handleOAuthResponse(*redirect);
+  // The system may deliver the URL twice: the second changes nothing.
+  controller().handleOAuthResponse(*redirect);
 
   ASSERT_EQ(outcomeOf(promise_), std::nullopt);
   auto account = promise_.future().get();
@@ -164,7 +170,7 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   EXPECT_EQ(loadInNewProcess(), "NO ACCOUNT\n");
 }
 
-TEST_F(SignInEndToEndTest, DeniedConsentOrAnotherStateEndsSignedOut) {
+TEST_F(SignInEndToEndTest, DeniedConsentEndsSignedOutAndForgedRedirectsAreIgnored) {
   startProvider();
   auto redirect = signInInBrowser(promise_, /*deny=*/true);
   ASSERT_TRUE(redirect);
@@ -177,15 +183,49 @@ TEST_F(SignInEndToEndTest, DeniedConsentOrAnotherStateEndsSignedOut) {
   }
   expectNothingStored();
 
-  // A new sign-in replaces the refused one; its redirect's state is forged.
+  // A new sign-in replaces the refused one. Another program opens the
+  // redirect with a state of its own first: ignored, and the genuine
+  // redirect still completes the sign-in.
   redirect = signInInBrowser(promise_);
   ASSERT_TRUE(redirect);
   boost::urls::url forged = *boost::urls::parse_uri(*redirect);
   forged.params().set("state", "forged-by-someone-else");
+  forged.params().set("code", "forged-code");
   controller().handleOAuthResponse(forged.buffer());
-  EXPECT_EQ(outcomeOf(promise_), Error::notLoggedIn);
-  EXPECT_EQ(controller().error(), Error::notLoggedIn);
-  expectNothingStored();
+  EventLoop::main().sync([] {});
+  EXPECT_EQ(promise_.result(), std::nullopt) << "the forged redirect ended the sign-in";
+  controller().handleOAuthResponse(*redirect);
+  ASSERT_EQ(outcomeOf(promise_), std::nullopt);
+  EXPECT_EQ(promise_.future().get()->identifier(), "alice");
+}
+
+TEST_F(SignInEndToEndTest, LoginLeavesTheEventLoopFreeWhileDiscoveryRuns) {
+  // A service whose discovery document takes its time.
+  std::mutex mutex;
+  std::string base;
+  testing::LoopbackHttpServer slow([&mutex, &base](const testing::LoopbackHttpServer::Request&) {
+    std::lock_guard lock(mutex);
+    return testing::LoopbackHttpServer::Response{
+        200,
+        R"({"issuer":")" + base + R"(","authorization_endpoint":")" + base + R"(/auth","token_endpoint":")" + base +
+            R"(/token"})",
+        std::chrono::milliseconds(1500)};
+  });
+  {
+    std::lock_guard lock(mutex);
+    base = slow.url();
+  }
+  testing::configureTestApplication(slow.url(), LocalOpenIdProvider::Options{});
+  auto began = std::chrono::steady_clock::now();
+  promise_ = controller().login();
+  ASSERT_TRUE(slow.waitForRequest("/.well-known/openid-configuration", std::chrono::seconds(5)));
+  EventLoop::main().sync([] {});
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::milliseconds(1000))
+      << "login() or the loop waited for discovery";
+  auto page = browser().next();
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->rfind(slow.url() + "/auth?", 0), 0u) << *page;
+  EXPECT_EQ(promise_.result(), std::nullopt);
 }
 
 TEST_F(SignInEndToEndTest, RefusedCodeExchangeEndsSignedOut) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -82,6 +83,12 @@ class InMemoryAccountFactory : public QMAccountFactory,
     return codes_;
   }
 
+  // The account that the next refresh acts on.
+  void adopt(const std::shared_ptr<QMAccount>& account) {
+    std::lock_guard lock(mutex_);
+    last_ = account;
+  }
+
   std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid>, std::uint32_t,
                                            QMWebServiceProvider) override {
     std::lock_guard lock(mutex_);
@@ -98,9 +105,31 @@ class InMemoryAccountFactory : public QMAccountFactory,
     return account;
   }
 
-  std::optional<std::string> authorizationURL() override {
-    std::lock_guard lock(mutex_);
-    return url_;
+  void authorizationURL(URLCompletion completion) override {
+    std::unique_lock lock(mutex_);
+    auto url = url_;
+    lock.unlock();
+    completion(std::move(url));
+  }
+
+  // Renews by giving the account a token that is valid for an hour, or, when
+  // scripted to fail, signs it out as the real layer does.
+  void refreshTokens(RefreshCompletion completion) override {
+    std::unique_lock lock(mutex_);
+    auto account = last_.lock();
+    bool refresh = outcome_ == Outcome::signIn;
+    lock.unlock();
+    if (account && refresh) {
+      auto tokens = account->tokens();
+      tokens.accessToken = "refreshed";
+      tokens.expiresAt = std::chrono::system_clock::now() + std::chrono::hours(1);
+      account->setTokens(tokens);
+    } else if (account) {
+      account->setTokens({});
+      QMAccountManager::shared()->removeAccount(account);
+      postAccountDidChange();
+    }
+    completion(refresh);
   }
 
   void exchangeCode(const std::string& code, bool, const std::string&) override {

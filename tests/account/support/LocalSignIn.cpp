@@ -53,6 +53,8 @@ void configureTestApplication(const std::string& issuer, const LocalOpenIdProvid
   service.scopes = {"openid", "email", "offline_access"};
   service.additionalAuthorizationParameters = {{"prompt", "consent"}};
   service.requestTimeout = std::chrono::seconds(10);
+  // Never the desktop's own keyring: the tokens stay in the scratch folder.
+  service.useSecretService = false;
   auto manager = QMOAuthAccountManager::install(std::move(service));
   QMQuelmoConnectController::setClientId(options.clientId);
   QMQuelmoConnectController::setClientSecret(options.clientSecret);

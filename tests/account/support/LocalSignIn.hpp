@@ -45,6 +45,7 @@ std::optional<std::string> signInWithHeadlessBrowser(const std::string& authoriz
 // Sets the application up as the sign-in tests' host does: an account layer
 // for the provider at `issuer` (asking for e-mail and a refresh token), and
 // the controller configured for `options`' client and registered with it.
+// Tokens stay in the accounts file, never in the desktop's keyring.
 void configureTestApplication(const std::string& issuer, const LocalOpenIdProvider::Options& options);
 
 }  // namespace vantor::account::testing

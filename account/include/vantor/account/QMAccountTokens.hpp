@@ -16,6 +16,13 @@ struct QMAccountTokens {
   /// When the access token runs out, if the service said.
   std::optional<std::chrono::system_clock::time_point> expiresAt;
 
+  /// True when the service said when the access token runs out and that
+  /// time has come.
+  [[nodiscard]] bool accessTokenExpired(
+      std::chrono::system_clock::time_point now = std::chrono::system_clock::now()) const {
+    return expiresAt && *expiresAt <= now;
+  }
+
   friend bool operator==(const QMAccountTokens&, const QMAccountTokens&) = default;
 };
 

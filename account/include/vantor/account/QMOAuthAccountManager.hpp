@@ -26,7 +26,13 @@ namespace vantor::account {
 /// mode 0700 and the file written with mode 0600, by atomic replacement. A
 /// file that cannot be read as a store is renamed to
 /// "accounts.json.corrupt-<time>", logged, and taken as empty. The location is
-/// fixed on first use of the store.
+/// fixed on first use of the store. When the session bus offers a Secret
+/// Service with an unlocked default keyring (and the configuration allows
+/// it), the tokens are kept there, one item per account, and the file keeps
+/// only the account's identity.
+///
+/// An expired access token is renewed with the refresh token through the
+/// account's authoriser (`refreshTokens`); a refused refresh signs out.
 ///
 /// Tokens, codes and client secrets are never logged.
 ///
@@ -58,6 +64,8 @@ class QMOAuthAccountManager : public QMAccountManager,
 
   [[nodiscard]] std::vector<std::shared_ptr<QMAccount>> accounts() const override;
   void addAccount(std::shared_ptr<QMAccount> account) override;
+  /// Also revokes the account's refresh token at the service's revocation
+  /// endpoint, when discovery advertises one, without waiting for it.
   void removeAccount(const std::shared_ptr<QMAccount>& account) override;
 
  private:
@@ -67,6 +75,7 @@ class QMOAuthAccountManager : public QMAccountManager,
   // Both need the store's mutex held.
   void loadIfNeeded() const;
   void persist() const;
+  void revokeInBackground(std::string refreshToken) const;
 
   std::unique_ptr<Impl> impl_;
 };

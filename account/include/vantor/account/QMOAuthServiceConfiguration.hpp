@@ -14,8 +14,10 @@ namespace vantor::account {
 /// OpenID Connect service given by its issuer (endpoints found through
 /// discovery) or by explicit endpoints, or both (explicit endpoints win).
 ///
-/// Endpoints must be https; plain http is accepted only for loopback hosts
-/// (127.0.0.0/8, ::1, "localhost"), for local development and tests.
+/// Endpoints, the authorization page included, must be https; plain http is
+/// accepted only for loopback hosts (127.0.0.0/8, ::1, "localhost"), for
+/// local development and tests. A configuration that breaks this signs
+/// nobody in (`login` fails with `invalidAccount`).
 struct QMOAuthServiceConfiguration {
   /// How the client proves itself at the token endpoint.
   enum class ClientAuthentication {
@@ -33,8 +35,11 @@ struct QMOAuthServiceConfiguration {
   /// goes with the registered redirect URI.
   std::string serviceName = "Quelmo Connect";
 
-  /// OpenID Connect issuer; its "/.well-known/openid-configuration" is read
-  /// once, on the first sign-in, and must name the same issuer.
+  /// OpenID Connect issuer, which ID tokens must name. Unless both the
+  /// authorization and the token endpoint are given below, its
+  /// "/.well-known/openid-configuration" is read once, on the first sign-in,
+  /// and must name the same issuer. Without an issuer, ID tokens are not
+  /// used to tell who signed in (the userinfo endpoint is).
   std::optional<std::string> issuer;
   std::optional<std::string> authorizationEndpoint;
   std::optional<std::string> tokenEndpoint;
@@ -56,6 +61,11 @@ struct QMOAuthServiceConfiguration {
   /// TLS trust: the system's certificate authorities, plus these (PEM).
   bool useSystemTrustStore = true;
   std::vector<std::string> additionalCertificateAuthorities;
+
+  /// Keep tokens in the desktop's Secret Service (through libsecret) when
+  /// the session bus offers one with an unlocked default keyring; otherwise,
+  /// or when false, they stay in the private accounts file.
+  bool useSecretService = true;
 
   /// Limit for each HTTP request (connect, TLS, request and response).
   std::chrono::milliseconds requestTimeout{std::chrono::seconds(15)};

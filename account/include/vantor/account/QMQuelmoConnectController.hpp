@@ -111,21 +111,29 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   /// already pending is replaced and its handler never called. Throws
   /// Exception with `alreadyLoggedIn` (an account is set, or the store holds
   /// any account), `accountCreationFailed` or `invalidAccount` (no
-  /// authorization page).
+  /// authorization page). Finding the page may need the service's discovery
+  /// document: a caller on another thread waits for it (the loop does not);
+  /// on the loop thread the call returns at once, and `invalidAccount` found
+  /// later goes to `handler`.
   void login(CompletionHandler handler);
 
-  /// `login(handler)` as a promise, rejected with Exception.
+  /// `login(handler)` as a promise, rejected with Exception: with the errors
+  /// above, and with `notLoggedIn` when a later `login` replaces this one.
   [[nodiscard]] util::QMPromise<std::shared_ptr<QMAccount>> login();
 
-  /// Fulfilled at once with `account` when it holds a token (whatever
-  /// `error` says), otherwise as `login()`.
+  /// Fulfilled with `account` when it holds a token (whatever `error`
+  /// says), otherwise as `login()`. An access token that has expired is
+  /// first renewed with the refresh token; when that fails the promise is
+  /// rejected with `notLoggedIn`, and when the service refused it the
+  /// account has been signed out (account-did-change follows).
   [[nodiscard]] util::QMPromise<std::shared_ptr<QMAccount>> loginIfNeeded();
 
   /// Removes the signed-in account from the store and clears `account`;
   /// `error` stays. Does nothing while signed out.
   void logout();
 
-  /// True when `account` is set, holds a token, and `error` is unset.
+  /// True when `account` is set, holds an access token that has not
+  /// expired, and `error` is unset.
   [[nodiscard]] bool isLoggedIn() const;
 
   /// Opens the delete-account page for the signed-in account: the template
@@ -141,7 +149,9 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   /// Completes the pending sign-in from the service's redirect `url`: checks
   /// that its path names the service, takes the last "code" query item that
   /// has a value, and hands it to the account's authoriser, which checks the
-  /// redirect's `state`; the outcome arrives later (see `login`). Throws
+  /// redirect's `state`; the outcome arrives later (see `login`). A redirect
+  /// with another `state` (forged, or from an abandoned sign-in) or one
+  /// delivered again is logged and ignored, and the sign-in stays pending. Throws
   /// Exception with `notLoggedIn` (no sign-in pending), `invalidAccount`,
   /// `internal` (unreadable URL), `accountMismatch` or
   /// `authenticationFailed` (no code, as when the user denied access).
@@ -165,8 +175,12 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   QMQuelmoConnectController();
   ~QMQuelmoConnectController() = default;
 
-  // Loop-thread halves of the public operations; they answer what to throw.
-  std::optional<Error> loginOnLoop(CompletionHandler handler);
+  // Told once, on the loop, whether the sign-in's page opened (none) or why
+  // not; answers whether it took the error, or the handler should get it.
+  using StartReport = std::function<bool(std::optional<Error> error)>;
+
+  // Loop-thread halves of the public operations.
+  void startLogin(CompletionHandler handler, StartReport report);
   std::optional<Error> handleOAuthResponseOnLoop(std::string_view url);
   void accountDidChange();
   void setAccount(std::shared_ptr<QMQuelmoConnectAccount> account);

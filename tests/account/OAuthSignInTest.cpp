@@ -1,0 +1,422 @@
+// The account layer against a sign-in service that the test plays itself
+// (a loopback HTTP server): code exchange, ID token checks, numbers from the
+// network, redirects that are not the genuine one, refresh and revocation.
+#include <gtest/gtest.h>
+
+#include <boost/json.hpp>
+#include <boost/url/parse.hpp>
+#include <condition_variable>
+#include <future>
+#include <map>
+
+#include <vantor/account/QMAccountConstants.hpp>
+#include <vantor/account/QMNotificationCenter.hpp>
+#include <vantor/account/QMOAuthAccountManager.hpp>
+#include <vantor/platform/EventLoop.hpp>
+
+#include "LoopbackHttpServer.hpp"
+#include "OAuthSupport.hpp"
+#include "ScratchDirectory.hpp"
+
+namespace vantor::account {
+namespace {
+
+namespace json = boost::json;
+using namespace std::chrono_literals;
+using testing::LoopbackHttpServer;
+using Request = LoopbackHttpServer::Request;
+using Response = LoopbackHttpServer::Response;
+
+constexpr const char* clientId = "client-id";
+constexpr const char* redirectURI = "com.example.notes:/qmaccounts/quelmoconnect";
+
+class Credentials : public QMAccountWebServiceCredentialsProviderProtocol,
+                    public QMAccountAppIdentifyingProtocol {
+ public:
+  std::vector<QMWebServiceClientCredentials> webServiceClientCredentials() const override {
+    return {QMWebServiceClientCredentials(clientId, "secret", redirectURI, std::nullopt,
+                                          QMWebServiceProvider::quelmoConnect,
+                                          std::string(QMQuelmoConnectAccount::typeIdentifier),
+                                          typeid(QMQuelmoConnectAccount))};
+  }
+  std::string appName() const override { return "Notes"; }
+  std::string bundleIdentifier() const override { return "com.example.notes"; }
+};
+
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::string unsignedJwt(const json::object& claims) {
+  using detail::base64UrlEncode;
+  return base64UrlEncode(R"({"alg":"RS256","typ":"JWT"})") + "." + base64UrlEncode(json::serialize(claims)) +
+         ".c2lnbmF0dXJl";
+}
+
+std::map<std::string, std::string> formOf(const std::string& text) {
+  std::map<std::string, std::string> fields;
+  const std::string query = "?" + text;  // the view below points into it
+  for (auto param : boost::urls::parse_uri_reference(query)->params()) {
+    fields[param.key] = param.value;
+  }
+  return fields;
+}
+
+class OAuthSignInTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("XDG_CONFIG_HOME", scratch_.path().c_str(), 1);
+    observer_ = QMNotificationCenter::defaultCenter().addObserver(
+        std::string(QMAccountConstants::QuelmoConnect::accountDidChangeNotificationString), [this] {
+          std::lock_guard lock(mutex_);
+          ++notifications_;
+          notified_.notify_all();
+        });
+  }
+
+  // The service: discovery, token, userinfo and revocation endpoints. What
+  // the token endpoint answers is up to each test.
+  Response serve(const Request& request) {
+    std::lock_guard lock(mutex_);
+    const auto base = server_.url();
+    const auto path = request.target.substr(0, request.target.find('?'));
+    if (path == "/.well-known/openid-configuration") {
+      return {200,
+              json::serialize(json::object{{"issuer", base},
+                                           {"authorization_endpoint", authorizationEndpoint_.value_or(base + "/authorize")},
+                                           {"token_endpoint", base + "/token"},
+                                           {"userinfo_endpoint", base + "/userinfo"},
+                                           {"revocation_endpoint", base + "/revoke"}}),
+              discoveryDelay_};
+    }
+    if (path == "/token" && tokenAnswer_) {
+      return tokenAnswer_(formOf(request.body));
+    }
+    if (path == "/userinfo") {
+      return {200, R"({"sub":"alice","email":"alice@example.test"})"};
+    }
+    if (path == "/revoke") {
+      return {200, "", 1500ms};
+    }
+    return {404, "{}"};
+  }
+
+  // A token response with an ID token for this sign-in, after `change`.
+  Response tokens(const std::function<void(json::object& claims, json::object& response)>& change = {}) {
+    json::object claims{{"iss", server_.url()}, {"aud", clientId},          {"sub", "alice"},
+                        {"email", "alice@example.test"}, {"exp", unixNow() + 600}, {"iat", unixNow()},
+                        {"nonce", nonce_}};
+    json::object response{{"access_token", "access-1"}, {"token_type", "Bearer"}, {"expires_in", 3600},
+                          {"refresh_token", "refresh-1"}};
+    if (change) {
+      change(claims, response);
+    }
+    response["id_token"] = unsignedJwt(claims);
+    return {200, json::serialize(response)};
+  }
+
+  void answerTokens(std::function<Response(const std::map<std::string, std::string>& form)> answer) {
+    std::lock_guard lock(mutex_);
+    tokenAnswer_ = std::move(answer);
+  }
+
+  QMOAuthServiceConfiguration discovered() { return withIssuer(server_.url()); }
+
+  static QMOAuthServiceConfiguration withIssuer(const std::string& issuer) {
+    QMOAuthServiceConfiguration configuration;
+    configuration.issuer = issuer;
+    configuration.requestTimeout = 5s;
+    configuration.useSecretService = false;
+    return configuration;
+  }
+
+  void makeManager(QMOAuthServiceConfiguration configuration) {
+    manager_ = QMOAuthAccountManager::make(std::move(configuration));
+    manager_->setDelegateOfWebServiceRequirements(&credentials_);
+    manager_->setAppIdentifyingDelegate(&credentials_);
+    account_ = manager_->createAccount(std::nullopt);
+  }
+
+  std::optional<std::string> authorizationURL() {
+    auto url = std::make_shared<std::promise<std::optional<std::string>>>();
+    auto future = url->get_future();
+    account_->webServiceAuthorizer()->authorizationURL(
+        [url](std::optional<std::string> found) { url->set_value(std::move(found)); });
+    if (future.wait_for(10s) != std::future_status::ready) {
+      ADD_FAILURE() << "no authorization URL came";
+      return std::nullopt;
+    }
+    auto found = future.get();
+    if (found) {
+      for (auto param : boost::urls::parse_absolute_uri(*found)->params()) {
+        std::lock_guard lock(mutex_);
+        (param.key == "state" ? state_ : param.key == "nonce" ? nonce_ : ignored_) = param.value;
+      }
+    }
+    return found;
+  }
+
+  std::string redirect(const std::string& code, std::optional<std::string> state = std::nullopt) {
+    std::lock_guard lock(mutex_);
+    return std::string(redirectURI) + "?code=" + code + "&state=" + state.value_or(state_);
+  }
+
+  void exchange(const std::string& redirectURL) {
+    account_->webServiceAuthorizer()->exchangeCode(formOf(redirectURL.substr(redirectURL.find('?') + 1))["code"],
+                                                    true, redirectURL);
+  }
+
+  // Waits for the next account-did-change notification, and then for
+  // anything the loop still has queued.
+  bool notified() {
+    bool came = false;
+    {
+      std::unique_lock lock(mutex_);
+      came = notified_.wait_for(lock, 10s, [this] { return notifications_ > awaited_; });
+      awaited_ += came ? 1 : 0;
+    }
+    platform::EventLoop::main().sync([] {});
+    platform::EventLoop::main().sync([] {});
+    return came;
+  }
+
+  int notifications() {
+    std::lock_guard lock(mutex_);
+    return notifications_;
+  }
+
+  // A whole sign-in with the genuine redirect; true when it ended signed in.
+  bool signIn() {
+    makeManager(discovered());
+    if (!authorizationURL()) {
+      return false;
+    }
+    exchange(redirect("code-1"));
+    return notified() && !manager_->accounts().empty();
+  }
+
+  int requestsTo(const std::string& path) {
+    auto all = server_.requests();
+    return static_cast<int>(std::count_if(all.begin(), all.end(), [&path](const Request& request) {
+      return request.target.substr(0, request.target.find('?')) == path;
+    }));
+  }
+
+  std::mutex mutex_;
+  std::condition_variable notified_;
+  int notifications_ = 0;
+  int awaited_ = 0;
+  std::string state_, nonce_, ignored_;
+  std::optional<std::string> authorizationEndpoint_;
+  std::chrono::milliseconds discoveryDelay_{0};
+  std::function<Response(const std::map<std::string, std::string>&)> tokenAnswer_;
+  testing::ScratchDirectory scratch_{"vantor-oauth"};
+  LoopbackHttpServer server_{[this](const Request& request) { return serve(request); }};
+  Credentials credentials_;
+  boost::signals2::scoped_connection observer_;
+  std::shared_ptr<QMOAuthAccountManager> manager_;
+  std::shared_ptr<QMQuelmoConnectAccount> account_;
+};
+
+TEST_F(OAuthSignInTest, EachIdTokenCheckRefusesWhatItGuardsAgainst) {
+  using Change = std::function<void(json::object&, json::object&)>;
+  struct Case {
+    const char* name;
+    Change change;
+    bool signsIn;
+  };
+  const std::vector<Case> cases{
+      {"genuine", {}, true},
+      {"another issuer", [](auto& c, auto&) { c["iss"] = "http://127.0.0.1:1"; }, false},
+      {"another audience", [](auto& c, auto&) { c["aud"] = "someone-else"; }, false},
+      {"several audiences, no azp", [](auto& c, auto&) { c["aud"] = json::array{clientId, "other"}; }, false},
+      {"several audiences, our azp",
+       [](auto& c, auto&) {
+         c["aud"] = json::array{clientId, "other"};
+         c["azp"] = clientId;
+       },
+       true},
+      {"another authorized party", [](auto& c, auto&) { c["azp"] = "other"; }, false},
+      {"expired long ago", [](auto& c, auto&) { c["exp"] = unixNow() - 600; }, false},
+      {"expired within the clock leeway", [](auto& c, auto&) { c["exp"] = unixNow() - 30; }, true},
+      {"no expiry", [](auto& c, auto&) { c.erase("exp"); }, false},
+      {"another sign-in's nonce", [](auto& c, auto&) { c["nonce"] = "replayed"; }, false},
+      // The userinfo endpoint would name alice: the ID token itself must.
+      {"no subject", [](auto& c, auto&) { c.erase("sub"); }, false},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    answerTokens([this, &test](const auto&) { return tokens(test.change); });
+    EXPECT_EQ(signIn(), test.signsIn);
+    if (!manager_->accounts().empty()) {
+      EXPECT_EQ(account_->identifier(), "alice");
+      manager_->removeAccount(account_);
+    }
+  }
+}
+
+TEST_F(OAuthSignInTest, IssuerIsCheckedWithExplicitEndpointsAndNoDiscovery) {
+  auto configuration = withIssuer("https://id.example.test");
+  configuration.authorizationEndpoint = server_.url() + "/authorize";
+  configuration.tokenEndpoint = server_.url() + "/token";
+  for (const auto& [issuer, signsIn] : std::vector<std::pair<std::string, bool>>{
+           {"https://id.example.test", true}, {"https://other.example.test", false}}) {
+    SCOPED_TRACE(issuer);
+    answerTokens([this, issuer = issuer](const auto&) {
+      return tokens([&issuer](auto& claims, auto&) { claims["iss"] = issuer; });
+    });
+    makeManager(configuration);
+    ASSERT_TRUE(authorizationURL());
+    exchange(redirect("code-1"));
+    ASSERT_TRUE(notified());
+    EXPECT_EQ(account_->token().has_value(), signsIn);
+  }
+  EXPECT_EQ(requestsTo("/.well-known/openid-configuration"), 0);
+}
+
+TEST_F(OAuthSignInTest, NumbersFromTheNetworkEndTheSignInOneWayOrTheOther) {
+  struct Case {
+    const char* name;
+    std::function<void(json::object&, json::object&)> change;
+    bool signsIn;
+  };
+  const std::vector<Case> cases{
+      {"fractional lifetime", [](auto&, auto& r) { r["expires_in"] = 3599.5; }, true},
+      {"negative lifetime", [](auto&, auto& r) { r["expires_in"] = -5; }, false},
+      {"huge lifetime", [](auto&, auto& r) { r["expires_in"] = 1e300; }, false},
+      {"lifetime as text", [](auto&, auto& r) { r["expires_in"] = "3600"; }, false},
+      {"expiry beyond the clock", [](auto& c, auto&) { c["exp"] = std::int64_t{9'000'000'000'000'000'000}; }, false},
+      {"expiry far beyond the clock", [](auto& c, auto&) { c["exp"] = 1e300; }, false},
+      {"unsigned expiry", [](auto& c, auto&) { c["exp"] = std::uint64_t{18'000'000'000'000'000'000u}; }, false},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    answerTokens([this, &test](const auto&) { return tokens(test.change); });
+    EXPECT_EQ(signIn(), test.signsIn);
+    if (test.signsIn) {
+      auto left = *account_->tokens().expiresAt - std::chrono::system_clock::now();
+      EXPECT_GT(left, 3500s);
+      EXPECT_LE(left, 3600s);
+      manager_->removeAccount(account_);
+    }
+  }
+}
+
+TEST_F(OAuthSignInTest, OnlyTheGenuineRedirectCountsAndOnlyOnce) {
+  answerTokens([this](const auto&) { return tokens(); });
+  makeManager(discovered());
+  ASSERT_TRUE(authorizationURL());
+  const auto genuineState = state_;
+  // A redirect from a sign-in that was abandoned, and a forged one: ignored,
+  // without a notification, and the sign-in still waits for its own.
+  ASSERT_TRUE(authorizationURL());
+  exchange(redirect("stale", genuineState));
+  exchange(redirect("forged", "guessed-state"));
+  exchange(std::string(redirectURI) + "?code=forged");
+  // The genuine one, delivered twice.
+  exchange(redirect("code-1"));
+  exchange(redirect("code-1"));
+  ASSERT_TRUE(notified());
+  EXPECT_EQ(notifications(), 1);
+  EXPECT_EQ(manager_->accounts().size(), 1u);
+  ASSERT_EQ(requestsTo("/token"), 1);
+  EXPECT_EQ(formOf(server_.requests().back().body)["code"], "code-1");
+  // After the exchange, a replay finds nothing to complete.
+  exchange(redirect("code-1"));
+  platform::EventLoop::main().sync([] {});
+  EXPECT_EQ(notifications(), 1);
+}
+
+TEST_F(OAuthSignInTest, DiscoveryLeavesTheEventLoopFree) {
+  {
+    std::lock_guard lock(mutex_);
+    discoveryDelay_ = 1500ms;
+  }
+  makeManager(discovered());
+  auto url = std::make_shared<std::promise<std::optional<std::string>>>();
+  auto found = url->get_future();
+  platform::EventLoop::main().sync([this, url] {
+    account_->webServiceAuthorizer()->authorizationURL(
+        [url](std::optional<std::string> page) { url->set_value(std::move(page)); });
+  });
+  ASSERT_TRUE(server_.waitForRequest("/.well-known/openid-configuration", 5s));
+  auto before = std::chrono::steady_clock::now();
+  platform::EventLoop::main().sync([] {});
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms) << "the loop waited for discovery";
+  EXPECT_EQ(found.wait_for(0s), std::future_status::timeout);
+  ASSERT_EQ(found.wait_for(10s), std::future_status::ready);
+  EXPECT_TRUE(found.get());
+}
+
+TEST_F(OAuthSignInTest, AuthorizationPageMustBeHttpsOrLoopback) {
+  for (const auto& [endpoint, allowed] : std::vector<std::pair<std::string, bool>>{
+           {"http://accounts.example.test/authorize", false},
+           {"file:///etc/passwd", false},
+           {"javascript://accounts.example.test/%0aalert(1)", false},
+           {"https://accounts.example.test/authorize", true},
+           {"http://127.0.0.1:9/authorize", true}}) {
+    SCOPED_TRACE(endpoint);
+    auto configuration = withIssuer("https://id.example.test");
+    configuration.authorizationEndpoint = endpoint;
+    configuration.tokenEndpoint = "https://accounts.example.test/token";
+    makeManager(configuration);
+    EXPECT_EQ(authorizationURL().has_value(), allowed);
+  }
+  // Discovery is held to the same rule.
+  {
+    std::lock_guard lock(mutex_);
+    authorizationEndpoint_ = "http://accounts.example.test/authorize";
+  }
+  makeManager(discovered());
+  EXPECT_EQ(authorizationURL(), std::nullopt);
+}
+
+TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
+  answerTokens([this](const auto& form) {
+    if (form.at("grant_type") == "refresh_token") {
+      EXPECT_EQ(form.at("refresh_token"), "refresh-1");
+      return Response{200, R"({"access_token":"access-2","token_type":"Bearer","expires_in":60})"};
+    }
+    return tokens([](auto&, auto& response) { response["expires_in"] = 0; });
+  });
+  ASSERT_TRUE(signIn());
+  EXPECT_TRUE(account_->tokens().accessTokenExpired());
+
+  std::promise<bool> refreshed;
+  account_->webServiceAuthorizer()->refreshTokens([&refreshed](bool done) { refreshed.set_value(done); });
+  ASSERT_TRUE(refreshed.get_future().get());
+  EXPECT_EQ(account_->token(), "access-2");
+  EXPECT_EQ(account_->refreshToken(), "refresh-1") << "kept when the answer has none";
+  EXPECT_FALSE(account_->tokens().accessTokenExpired());
+  auto restarted = QMOAuthAccountManager::make(discovered());
+  restarted->setAppIdentifyingDelegate(&credentials_);
+  ASSERT_EQ(restarted->accounts().size(), 1u);
+  EXPECT_EQ(restarted->accounts()[0]->token(), "access-2") << "the renewed token is stored";
+
+  answerTokens([](const auto&) { return Response{400, R"({"error":"invalid_grant"})"}; });
+  std::promise<bool> refused;
+  account_->webServiceAuthorizer()->refreshTokens([&refused](bool done) { refused.set_value(done); });
+  EXPECT_FALSE(refused.get_future().get());
+  ASSERT_TRUE(notified());
+  EXPECT_TRUE(manager_->accounts().empty()) << "a refused refresh signs out";
+  EXPECT_EQ(account_->token(), std::nullopt);
+  EXPECT_EQ(requestsTo("/revoke"), 0) << "a refused refresh token is not revoked";
+}
+
+TEST_F(OAuthSignInTest, RemovingAnAccountRevokesItsRefreshTokenWithoutWaiting) {
+  answerTokens([this](const auto&) { return tokens(); });
+  ASSERT_TRUE(signIn());
+  auto before = std::chrono::steady_clock::now();
+  manager_->removeAccount(account_);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 1s) << "the service answers after 1.5 s";
+  EXPECT_TRUE(manager_->accounts().empty());
+  ASSERT_TRUE(server_.waitForRequest("/revoke", 5s));
+  auto form = formOf(server_.requests().back().body);
+  EXPECT_EQ(form["token"], "refresh-1");
+  EXPECT_EQ(form["token_type_hint"], "refresh_token");
+  EXPECT_EQ(server_.requests().back().authorization.rfind("Basic ", 0), 0u) << "the client authenticates";
+}
+
+}  // namespace
+}  // namespace vantor::account
