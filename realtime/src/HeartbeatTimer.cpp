@@ -5,6 +5,7 @@
 #include <boost/uuid/uuid_io.hpp>
 #include <cctype>
 #include <cmath>
+#include <utility>
 
 #include "vantor/platform/DispatchQueue.hpp"
 #include "vantor/platform/DispatchSourceTimer.hpp"
@@ -32,12 +33,16 @@ HeartbeatTimer::HeartbeatTimer(double timeInterval, platform::DispatchQueue& que
 }
 
 HeartbeatTimer::~HeartbeatTimer() {
-  // Nothing else reaches a timer being destroyed, and cancelling a source
-  // is safe from any thread, so this does not wait for the queue: releasing
-  // a socket must not block on the loop. A tick already on its way finds
-  // its owner gone.
-  if (temporaryTimer_) {
-    temporaryTimer_->cancel();
+  // Cancelling a source is safe from any thread, so this does not wait for
+  // the queue: releasing a socket must not block on the loop. A tick already
+  // on its way finds its owner gone.
+  std::shared_ptr<platform::DispatchSourceTimer> timer;
+  {
+    std::lock_guard lock(timerMutex_);
+    timer = std::move(temporaryTimer_);
+  }
+  if (timer) {
+    timer->cancel();
   }
 }
 
@@ -49,26 +54,37 @@ void HeartbeatTimer::start(std::function<void()> eventHandler) {
     timer->setEventHandler(eventHandler);
     timer->schedule(interval, interval, leeway_);
     timer->resume();
-    if (temporaryTimer_) {
-      temporaryTimer_->cancel();
+    std::shared_ptr<platform::DispatchSourceTimer> previous;
+    {
+      std::lock_guard lock(timerMutex_);
+      previous = std::exchange(temporaryTimer_, std::move(timer));
+    }
+    if (previous) {
+      previous->cancel();
     }
     temporaryEventHandler_ = std::move(eventHandler);
-    temporaryTimer_ = std::move(timer);
   });
 }
 
 void HeartbeatTimer::stop() {
   queue_.sync([&] {
-    if (temporaryTimer_) {
-      temporaryTimer_->cancel();
+    std::shared_ptr<platform::DispatchSourceTimer> timer;
+    {
+      std::lock_guard lock(timerMutex_);
+      timer = std::move(temporaryTimer_);
     }
-    temporaryTimer_.reset();
+    if (timer) {
+      timer->cancel();
+    }
     temporaryEventHandler_ = nullptr;
   });
 }
 
 bool HeartbeatTimer::isValid() const {
-  return queue_.sync([&] { return temporaryTimer_ != nullptr; });
+  return queue_.sync([&] {
+    std::lock_guard lock(timerMutex_);
+    return temporaryTimer_ != nullptr;
+  });
 }
 
 void HeartbeatTimer::fire() {

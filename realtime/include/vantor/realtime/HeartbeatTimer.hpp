@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace vantor::platform {
@@ -21,7 +22,8 @@ namespace vantor::realtime {
 ///
 /// Thread safety: every member may be called from any thread; `start`,
 /// `stop`, `isValid` and `fire` do their work synchronously on the timer's
-/// queue, whose handlers all run on the main loop.
+/// queue, whose handlers all run on the main loop. The destructor does not
+/// wait for the queue.
 class HeartbeatTimer {
  public:
   HeartbeatTimer(double timeInterval, platform::DispatchQueue& queue,
@@ -59,7 +61,10 @@ class HeartbeatTimer {
   platform::DispatchQueue& queue_;
   std::chrono::nanoseconds leeway_;
   std::string uuid_;
-  std::shared_ptr<platform::DispatchSourceTimer> temporaryTimer_;  // on the queue only
+  // Written on the queue; guarded too, so that the destructor can take the
+  // source from any thread without waiting for the queue.
+  mutable std::mutex timerMutex_;
+  std::shared_ptr<platform::DispatchSourceTimer> temporaryTimer_;  // guarded by timerMutex_
   std::function<void()> temporaryEventHandler_;                    // on the queue only
 };
 
