@@ -411,6 +411,7 @@ std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload param
   return onLoop([&] {
     auto made = Channel::make(topic, std::move(params), shared_from_this());
     channels_.push_back(made);
+    channelsByTopic_[topic].push_back(made);
     return made;
   });
 }
@@ -419,16 +420,37 @@ void Socket::remove(const std::shared_ptr<Channel>& channel) {
   onLoop([&] {
     off(channel->stateChangeRefs());
     const auto joinRef = channel->joinRef();
-    std::erase_if(channels_, [&](const auto& registered) { return registered->joinRef() == joinRef; });
+    std::vector<std::shared_ptr<Channel>> kept;
+    std::vector<std::shared_ptr<Channel>> removed;
+    kept.reserve(channels_.size());
+    for (auto& registered : channels_) {
+      (registered->joinRef() == joinRef ? removed : kept).push_back(std::move(registered));
+    }
+    channels_ = std::move(kept);
+    for (const auto& gone : removed) {
+      auto byTopic = channelsByTopic_.find(gone->topic());
+      if (byTopic == channelsByTopic_.end()) {
+        continue;
+      }
+      std::erase(byTopic->second, gone);
+      if (byTopic->second.empty()) {
+        channelsByTopic_.erase(byTopic);
+      }
+    }
   });
 }
 
 void Socket::leaveOpenTopic(const std::string& topic) {
   onLoop([&] {
-    auto duplicate = std::find_if(channels_.begin(), channels_.end(), [&](const auto& channel) {
-      return channel->topic() == topic && (channel->isJoined() || channel->isJoining());
+    auto byTopic = channelsByTopic_.find(topic);
+    if (byTopic == channelsByTopic_.end()) {
+      return;
+    }
+    const auto& sameTopic = byTopic->second;
+    auto duplicate = std::find_if(sameTopic.begin(), sameTopic.end(), [&](const auto& channel) {
+      return channel->isJoined() || channel->isJoining();
     });
-    if (duplicate != channels_.end()) {
+    if (duplicate != sameTopic.end()) {
       auto channel = *duplicate;  // leaving may unregister it
       logItems("transport", "leaving duplicate topic: [" + topic + "]");
       channel->leave(Defaults::timeoutInterval);
@@ -536,10 +558,14 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   if (message->event() == ChannelEvent::close) {
     detail::writeLineToStandardOutput("Close Event Received");
   }
-  auto channels = channels_;
-  for (const auto& channel : channels) {
-    if (channel->isMember(*message)) {
-      channel->trigger(*message);
+  // Only channels of the frame's topic can be members; they are asked in
+  // order of creation, on a copy, as handling may add or remove channels.
+  if (auto byTopic = channelsByTopic_.find(message->topic()); byTopic != channelsByTopic_.end()) {
+    const auto channels = byTopic->second;
+    for (const auto& channel : channels) {
+      if (channel->isMember(*message)) {
+        channel->trigger(*message);
+      }
     }
   }
   callAll(stateChangeCallbacks_.message, "message callback", *message);

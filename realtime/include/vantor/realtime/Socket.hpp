@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -298,6 +299,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;
   StateChangeCallbacks stateChangeCallbacks_;
   std::vector<std::shared_ptr<Channel>> channels_;
+  // The same channels by topic, each list in order of creation: a received
+  // frame is routed by looking up its topic.
+  std::unordered_map<std::string, std::vector<std::shared_ptr<Channel>>> channelsByTopic_;
   std::vector<BufferedFrame> sendBuffer_;
   std::uint64_t ref_ = 0;
   std::unique_ptr<HeartbeatTimer> heartbeatTimer_;
