@@ -12,7 +12,7 @@
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Message.hpp"
 #include "vantor/realtime/Payload.hpp"
-#include "vantor/realtime/SynchronizedArray.hpp"
+#include "vantor/realtime/SynchronizedGroups.hpp"
 
 namespace vantor::realtime {
 
@@ -142,7 +142,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   Payload params_;
   std::weak_ptr<Socket> socket_;
   ChannelState state_ = ChannelState::closed;
-  SynchronizedArray<Binding> syncBindingsDel_;
+  // Bindings by event, each event's in the order they were added: a reply
+  // reaches its push without walking the bindings of other events.
+  SynchronizedGroups<Binding> syncBindingsDel_;
   int bindingRef_ = 0;
   double timeout_;
   bool joinedOnce_ = false;
