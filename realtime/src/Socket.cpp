@@ -114,9 +114,12 @@ class Socket::TransportDelegate : public PhoenixTransportDelegate {
 };
 
 template <class List, class... Arguments>
-void Socket::callAll(const List& list, std::string_view what, const Arguments&... arguments) {
-  const auto callbacks = list;
-  for (const auto& [ref, callback] : callbacks) {
+void Socket::callAll(List& list, std::string_view what, const Arguments&... arguments) {
+  if (!list.snapshot) {
+    list.snapshot = std::make_shared<const typename List::Entries>(list.entries);
+  }
+  const auto callbacks = list.snapshot;
+  for (const auto& [ref, callback] : *callbacks) {
     detail::guarded(this, what, [&] { callback.call(arguments...); });
   }
 }
@@ -351,7 +354,9 @@ std::string Socket::append(CallbackList<Input> StateChangeCallbacks::*list,
                            Delegated<Input, void> callback) {
   return onLoop([&] {
     auto ref = makeRef();
-    (stateChangeCallbacks_.*list).emplace_back(ref, std::move(callback));
+    auto& callbacks = stateChangeCallbacks_.*list;
+    callbacks.entries.emplace_back(ref, std::move(callback));
+    callbacks.snapshot.reset();
     return ref;
   });
 }
@@ -398,10 +403,15 @@ void Socket::off(const std::vector<std::string>& refs) {
     auto listed = [&](const auto& entry) {
       return std::find(refs.begin(), refs.end(), entry.first) != refs.end();
     };
-    std::erase_if(stateChangeCallbacks_.open, listed);
-    std::erase_if(stateChangeCallbacks_.close, listed);
-    std::erase_if(stateChangeCallbacks_.error, listed);
-    std::erase_if(stateChangeCallbacks_.message, listed);
+    auto erase = [&](auto& callbacks) {
+      if (std::erase_if(callbacks.entries, listed) != 0) {
+        callbacks.snapshot.reset();
+      }
+    };
+    erase(stateChangeCallbacks_.open);
+    erase(stateChangeCallbacks_.close);
+    erase(stateChangeCallbacks_.error);
+    erase(stateChangeCallbacks_.message);
   });
 }
 
@@ -411,7 +421,9 @@ std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload param
   return onLoop([&] {
     auto made = Channel::make(topic, std::move(params), shared_from_this());
     channels_.push_back(made);
-    channelsByTopic_[topic].push_back(made);
+    auto& sameTopic = channelsByTopic_[topic];
+    sameTopic.channels.push_back(made);
+    sameTopic.snapshot.reset();
     return made;
   });
 }
@@ -432,8 +444,9 @@ void Socket::remove(const std::shared_ptr<Channel>& channel) {
       if (byTopic == channelsByTopic_.end()) {
         continue;
       }
-      std::erase(byTopic->second, gone);
-      if (byTopic->second.empty()) {
+      std::erase(byTopic->second.channels, gone);
+      byTopic->second.snapshot.reset();
+      if (byTopic->second.channels.empty()) {
         channelsByTopic_.erase(byTopic);
       }
     }
@@ -446,7 +459,7 @@ void Socket::leaveOpenTopic(const std::string& topic) {
     if (byTopic == channelsByTopic_.end()) {
       return;
     }
-    const auto& sameTopic = byTopic->second;
+    const auto& sameTopic = byTopic->second.channels;
     auto duplicate = std::find_if(sameTopic.begin(), sameTopic.end(), [&](const auto& channel) {
       return channel->isJoined() || channel->isJoining();
     });
@@ -546,7 +559,7 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   std::optional<json::value> decoded;
   detail::guarded(this, "decoder", [&] { decoded = decode_(rawMessage); });
   if (decoded && decoded->is_array()) {
-    message = Message::fromJson(decoded->get_array());
+    message = Message::fromJson(std::move(decoded->get_array()));
   }
   if (!message) {
     logItems("receive: Unable to parse JSON: " + rawMessage);
@@ -559,10 +572,15 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
     detail::writeLineToStandardOutput("Close Event Received");
   }
   // Only channels of the frame's topic can be members; they are asked in
-  // order of creation, on a copy, as handling may add or remove channels.
+  // order of creation, on a snapshot, as handling may add or remove channels.
   if (auto byTopic = channelsByTopic_.find(message->topic()); byTopic != channelsByTopic_.end()) {
-    const auto channels = byTopic->second;
-    for (const auto& channel : channels) {
+    auto& sameTopic = byTopic->second;
+    if (!sameTopic.snapshot) {
+      sameTopic.snapshot =
+          std::make_shared<const std::vector<std::shared_ptr<Channel>>>(sameTopic.channels);
+    }
+    const auto channels = sameTopic.snapshot;
+    for (const auto& channel : *channels) {
       if (channel->isMember(*message)) {
         channel->trigger(*message);
       }

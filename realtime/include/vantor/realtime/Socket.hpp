@@ -237,7 +237,13 @@ class Socket : public std::enable_shared_from_this<Socket> {
   using ErrorArguments = std::pair<TransportError, std::optional<HttpResponse>>;
 
   template <class Input>
-  using CallbackList = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+  struct CallbackList {
+    using Entries = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+    Entries entries;
+    // A copy of `entries` for calling them, made at the first call after a
+    // change and shared by the calls until the next change.
+    std::shared_ptr<const Entries> snapshot;
+  };
 
   struct StateChangeCallbacks {
     CallbackList<void> open;
@@ -267,7 +273,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// Calls every callback of `list` (a snapshot: callbacks may add or remove
   /// callbacks); one that throws is logged and the next one still runs.
   template <class List, class... Arguments>
-  void callAll(const List& list, std::string_view what, const Arguments&... arguments);
+  void callAll(List& list, std::string_view what, const Arguments&... arguments);
 
   void teardown(CloseCode code, const std::function<void()>& callback);
   void flushSendBuffer();
@@ -300,8 +306,13 @@ class Socket : public std::enable_shared_from_this<Socket> {
   StateChangeCallbacks stateChangeCallbacks_;
   std::vector<std::shared_ptr<Channel>> channels_;
   // The same channels by topic, each list in order of creation: a received
-  // frame is routed by looking up its topic.
-  std::unordered_map<std::string, std::vector<std::shared_ptr<Channel>>> channelsByTopic_;
+  // frame is routed by looking up its topic. Routing works on a snapshot,
+  // made at the first frame after a change of the list.
+  struct TopicChannels {
+    std::vector<std::shared_ptr<Channel>> channels;
+    std::shared_ptr<const std::vector<std::shared_ptr<Channel>>> snapshot;
+  };
+  std::unordered_map<std::string, TopicChannels> channelsByTopic_;
   std::vector<BufferedFrame> sendBuffer_;
   std::uint64_t ref_ = 0;
   std::unique_ptr<HeartbeatTimer> heartbeatTimer_;
