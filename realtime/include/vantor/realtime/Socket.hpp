@@ -131,20 +131,6 @@ class Socket : public std::enable_shared_from_this<Socket> {
   [[nodiscard]] PhoenixTransportReadyState connectionState() const;
   [[nodiscard]] bool isConnected() const;
 
-  // --- Messages -----------------------------------------------------------
-
-  /// Sends the frame [joinRef, ref, topic, event, payload] now when
-  /// connected, otherwise buffers it until the next open. A buffered frame
-  /// is encoded when it is finally sent.
-  void push(std::string topic, std::string event, Payload payload,
-            std::optional<std::string> ref = std::nullopt,
-            std::optional<std::string> joinRef = std::nullopt);
-
-  /// The next reference: the decimal text of a 64-bit counter shared by
-  /// message and callback references. The first is "1"; after the largest
-  /// value the counter wraps to "0".
-  std::string makeRef();
-
   // --- Callbacks ----------------------------------------------------------
   // Each returns the callback's reference (drawn from `makeRef`), for `off`.
   // Plain forms hold the callback strongly; `delegate…` forms hold the owner
@@ -180,15 +166,8 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// Makes a new channel on `topic` bound to this socket and registers it.
   /// Never reuses an existing channel of the same topic.
   std::shared_ptr<Channel> channel(const std::string& topic, Payload params = {});
-  /// Unregisters every channel whose join reference equals `channel`'s,
-  /// and the socket callbacks that `channel` registered.
-  void remove(const std::shared_ptr<Channel>& channel);
-  /// Makes the first joined or joining channel of `topic`, if any, leave.
-  void leaveOpenTopic(const std::string& topic);
   /// The registered channels, in order of creation.
   [[nodiscard]] std::vector<std::shared_ptr<Channel>> channels() const;
-  /// Withdraws buffered frames whose reference is `ref`.
-  void removeFromSendBuffer(const std::optional<std::string>& ref);
 
   // --- Properties and options --------------------------------------------
   // Options take effect for what happens after they are set.
@@ -230,6 +209,31 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// Logs `items` joined with ", " when a logger is set.
   template <class... Items>
   void logItems(const Items&... items) const;
+
+  // --- Steps the client's own types call on each other --------------------
+  // Sockets, channels, pushes and presence work together through these.
+  // They are public because they are part of the documented interface; an
+  // application has no need to call them.
+
+  /// Sends the frame [joinRef, ref, topic, event, payload] now when
+  /// connected, otherwise buffers it until the next open. A buffered frame
+  /// is encoded when it is finally sent.
+  void push(std::string topic, std::string event, Payload payload,
+            std::optional<std::string> ref = std::nullopt,
+            std::optional<std::string> joinRef = std::nullopt);
+
+  /// The next reference: the decimal text of a 64-bit counter shared by
+  /// message and callback references. The first is "1"; after the largest
+  /// value the counter wraps to "0".
+  std::string makeRef();
+
+  /// Unregisters every channel whose join reference equals `channel`'s,
+  /// and the socket callbacks that `channel` registered.
+  void remove(const std::shared_ptr<Channel>& channel);
+  /// Makes the first joined or joining channel of `topic`, if any, leave.
+  void leaveOpenTopic(const std::string& topic);
+  /// Withdraws buffered frames whose reference is `ref`.
+  void removeFromSendBuffer(const std::optional<std::string>& ref);
 
  private:
   friend struct SocketTestAccess;
