@@ -52,9 +52,9 @@ EchoServer::~EchoServer() {
 }
 
 std::chrono::nanoseconds EchoServer::cpuTime() const {
-  timespec spec{};
-  clock_gettime(state_->clock.load(), &spec);
-  return std::chrono::seconds(spec.tv_sec) + std::chrono::nanoseconds(spec.tv_nsec);
+  timespec now{};
+  clock_gettime(state_->clock.load(), &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
 void EchoServer::serve() {

@@ -41,9 +41,9 @@ constexpr auto measured = std::chrono::milliseconds(1500);
 constexpr int repetitions = 3;
 
 std::chrono::nanoseconds processCpuTime() {
-  timespec spec{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &spec);
-  return std::chrono::seconds(spec.tv_sec) + std::chrono::nanoseconds(spec.tv_nsec);
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
 }
 
 struct Run {

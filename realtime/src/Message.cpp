@@ -11,7 +11,7 @@ namespace json = boost::json;
 
 namespace {
 
-// Reads the frame like `Message::fromJson` describes; `Frame` is a const or
+// Reads a frame for `Message::fromJson`; `Frame` is a const or
 // a movable array, and the payload is copied or moved accordingly.
 template <class Frame>
 std::optional<Message> messageFrom(Frame& frame) {
