@@ -8,6 +8,9 @@ namespace vantor::bench {
 /// by the replaced global operator new.
 std::size_t allocatedBytes() noexcept;
 std::size_t allocationCount() noexcept;
+/// Bytes held right now by blocks from operator new (usable sizes, so
+/// allocator rounding counts too).
+std::size_t liveBytes() noexcept;
 
 /// Counts what the calling scope allocates, for the benchmark counters.
 class AllocationScope {

@@ -213,7 +213,8 @@ int Channel::bind(std::string event, Delegated<Message, void> callback) {
       platform::fatalError("Channel binding references overflowed");
     }
     const int ref = bindingRef_++;
-    syncBindingsDel_.append(Binding{std::move(event), ref, std::move(callback)});
+    auto key = event;
+    syncBindingsDel_.append(key, Binding{std::move(event), ref, std::move(callback)});
     return ref;
   });
 }
@@ -233,9 +234,7 @@ int Channel::onError(Callback callback) {
 }
 
 void Channel::off(const std::string& event, std::optional<int> ref) {
-  syncBindingsDel_.removeAll([&](const Binding& binding) {
-    return binding.event == event && (!ref || binding.ref == *ref);
-  });
+  syncBindingsDel_.removeAll(event, [&](const Binding& binding) { return !ref || binding.ref == *ref; });
 }
 
 void Channel::onMessage(std::function<Message(const Message&)> callback) {
@@ -288,8 +287,8 @@ void Channel::dispatch(const std::string& event, std::shared_ptr<const Payload> 
   }
   // Called on a snapshot, outside the binding list's lock: bindings may add
   // or remove bindings, which affects the next message, not this one.
-  for (const auto& binding :
-       syncBindingsDel_.filter([&](const Binding& binding) { return binding.event == event; })) {
+  const auto bindings = syncBindingsDel_.group(event);
+  for (const auto& binding : *bindings) {
     detail::guarded(socket.get(), "channel binding", [&] { binding.callback.call(message); });
   }
 }

@@ -1,6 +1,7 @@
 #include "vantor/realtime/Message.hpp"
 
 #include <boost/json/serialize.hpp>
+#include <type_traits>
 
 #include "vantor/platform/Fatal.hpp"
 
@@ -8,7 +9,12 @@ namespace vantor::realtime {
 
 namespace json = boost::json;
 
-std::optional<Message> Message::fromJson(const json::array& frame) {
+namespace {
+
+// Reads a frame for `Message::fromJson`; `Frame` is a const or
+// a movable array, and the payload is copied or moved accordingly.
+template <class Frame>
+std::optional<Message> messageFrom(Frame& frame) {
   // Elements are read by position, in order, like the frame's consumers
   // expect; a missing position is a decoder fault, not network input.
   auto element = [&frame](std::size_t index) -> const json::value& {
@@ -34,13 +40,24 @@ std::optional<Message> Message::fromJson(const json::array& frame) {
   if (event == nullptr) {
     return std::nullopt;
   }
-  const auto* payload = element(4).if_object();
-  if (payload == nullptr) {
+  if (!element(4).is_object()) {
     return std::nullopt;
   }
-  return Message(std::move(ref), std::move(joinRef), std::string(*topic), std::string(*event),
-                 *payload);
+  auto& payload = frame[4].get_object();
+  if constexpr (std::is_const_v<Frame>) {
+    return Message(std::move(ref), std::move(joinRef), std::string(*topic), std::string(*event),
+                   payload);
+  } else {
+    return Message(std::move(ref), std::move(joinRef), std::string(*topic), std::string(*event),
+                   std::move(payload));
+  }
 }
+
+}  // namespace
+
+std::optional<Message> Message::fromJson(const json::array& frame) { return messageFrom(frame); }
+
+std::optional<Message> Message::fromJson(json::array&& frame) { return messageFrom(frame); }
 
 Message::Message(std::string ref, std::optional<std::string> joinRef, std::string topic,
                  std::string event, Payload rawPayload)

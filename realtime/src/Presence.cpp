@@ -47,6 +47,65 @@ std::vector<Presence::Meta> without(const std::vector<Presence::Meta>& metas,
   return kept;
 }
 
+// `Presence::syncDiff` applied to `state` in place. The keys the diff
+// changes are collected with their new presence (none: gone) while the
+// callbacks run, and only then written: a callback that reads the state sees
+// it as it was before the diff, and a diff costs what it names, not the size
+// of the room.
+void applyDiff(Presence::State& state, const Presence::Diff& diff, const Presence::OnJoin& onJoin,
+               const Presence::OnLeave& onLeave) {
+  using Map = Presence::Map;
+  std::map<std::string, std::optional<Map>> changed;
+  auto presenceOf = [&](const std::string& key) -> const Map* {
+    if (auto found = changed.find(key); found != changed.end()) {
+      return found->second ? &*found->second : nullptr;
+    }
+    auto found = state.find(key);
+    return found == state.end() ? nullptr : &found->second;
+  };
+  if (auto joins = diff.find("joins"); joins != diff.end()) {
+    for (const auto& [key, newPresence] : joins->second) {
+      std::optional<Map> before;
+      if (const auto* found = presenceOf(key)) {
+        before = *found;
+      }
+      Map joined = newPresence;
+      if (before) {
+        // Old occurrences that the join does not repeat stay ahead of it.
+        auto merged = without(metasOf(*before), refsOf(metasOf(joined)));
+        const auto& joinedMetas = metasOf(joined);
+        merged.insert(merged.end(), joinedMetas.begin(), joinedMetas.end());
+        joined["metas"] = std::move(merged);
+      }
+      changed.insert_or_assign(key, std::move(joined));
+      onJoin(key, before, newPresence);
+    }
+  }
+  if (auto leaves = diff.find("leaves"); leaves != diff.end()) {
+    for (const auto& [key, leftPresence] : leaves->second) {
+      const auto* found = presenceOf(key);
+      if (found == nullptr) {
+        continue;
+      }
+      Map remaining = *found;
+      remaining["metas"] = without(metasOf(remaining), refsOf(metasOf(leftPresence)));
+      onLeave(key, remaining, leftPresence);
+      if (remaining["metas"].empty()) {
+        changed.insert_or_assign(key, std::nullopt);
+      } else {
+        changed.insert_or_assign(key, std::move(remaining));
+      }
+    }
+  }
+  for (auto& [key, presence] : changed) {
+    if (presence) {
+      state.insert_or_assign(key, std::move(*presence));
+    } else {
+      state.erase(key);
+    }
+  }
+}
+
 std::optional<Presence::Map> mapFrom(const json::value& value) {
   const auto* object = value.if_object();
   if (object == nullptr) {
@@ -142,7 +201,7 @@ void Presence::handleState(const Message& message) {
   const auto call = callbacks();
   state_ = syncState(state_, *newState, call.onJoin, call.onLeave);
   for (const auto& diff : std::exchange(pendingDiffs_, {})) {
-    state_ = syncDiff(state_, diff, call.onJoin, call.onLeave);
+    applyDiff(state_, diff, call.onJoin, call.onLeave);
   }
   call.onSync();
 }
@@ -157,7 +216,7 @@ void Presence::handleDiff(const Message& message) {
     return;
   }
   const auto call = callbacks();
-  state_ = syncDiff(state_, *diff, call.onJoin, call.onLeave);
+  applyDiff(state_, *diff, call.onJoin, call.onLeave);
   call.onSync();
 }
 
@@ -208,39 +267,7 @@ Presence::State Presence::syncState(const State& state, const State& newState,
 Presence::State Presence::syncDiff(const State& current, const Diff& diff, const OnJoin& onJoin,
                                    const OnLeave& onLeave) {
   State state = current;
-  if (auto joins = diff.find("joins"); joins != diff.end()) {
-    for (const auto& [key, newPresence] : joins->second) {
-      std::optional<Map> before;
-      if (auto found = state.find(key); found != state.end()) {
-        before = found->second;
-      }
-      state[key] = newPresence;
-      if (before) {
-        // Old occurrences that the join does not repeat stay ahead of it.
-        auto merged = without(metasOf(*before), refsOf(metasOf(state[key])));
-        const auto& joined = metasOf(state[key]);
-        merged.insert(merged.end(), joined.begin(), joined.end());
-        state[key]["metas"] = std::move(merged);
-      }
-      onJoin(key, before, newPresence);
-    }
-  }
-  if (auto leaves = diff.find("leaves"); leaves != diff.end()) {
-    for (const auto& [key, leftPresence] : leaves->second) {
-      auto found = state.find(key);
-      if (found == state.end()) {
-        continue;
-      }
-      Map remaining = found->second;
-      remaining["metas"] = without(metasOf(remaining), refsOf(metasOf(leftPresence)));
-      onLeave(key, remaining, leftPresence);
-      if (remaining["metas"].empty()) {
-        state.erase(key);
-      } else {
-        state[key]["metas"] = std::move(remaining["metas"]);
-      }
-    }
-  }
+  applyDiff(state, diff, onJoin, onLeave);
   return state;
 }
 

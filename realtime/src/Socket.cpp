@@ -114,9 +114,12 @@ class Socket::TransportDelegate : public PhoenixTransportDelegate {
 };
 
 template <class List, class... Arguments>
-void Socket::callAll(const List& list, std::string_view what, const Arguments&... arguments) {
-  const auto callbacks = list;
-  for (const auto& [ref, callback] : callbacks) {
+void Socket::callAll(List& list, std::string_view what, const Arguments&... arguments) {
+  if (!list.snapshot) {
+    list.snapshot = std::make_shared<const typename List::Entries>(list.entries);
+  }
+  const auto callbacks = list.snapshot;
+  for (const auto& [ref, callback] : *callbacks) {
     detail::guarded(this, what, [&] { callback.call(arguments...); });
   }
 }
@@ -351,7 +354,9 @@ std::string Socket::append(CallbackList<Input> StateChangeCallbacks::*list,
                            Delegated<Input, void> callback) {
   return onLoop([&] {
     auto ref = makeRef();
-    (stateChangeCallbacks_.*list).emplace_back(ref, std::move(callback));
+    auto& callbacks = stateChangeCallbacks_.*list;
+    callbacks.entries.emplace_back(ref, std::move(callback));
+    callbacks.snapshot.reset();
     return ref;
   });
 }
@@ -398,10 +403,15 @@ void Socket::off(const std::vector<std::string>& refs) {
     auto listed = [&](const auto& entry) {
       return std::find(refs.begin(), refs.end(), entry.first) != refs.end();
     };
-    std::erase_if(stateChangeCallbacks_.open, listed);
-    std::erase_if(stateChangeCallbacks_.close, listed);
-    std::erase_if(stateChangeCallbacks_.error, listed);
-    std::erase_if(stateChangeCallbacks_.message, listed);
+    auto erase = [&](auto& callbacks) {
+      if (std::erase_if(callbacks.entries, listed) != 0) {
+        callbacks.snapshot.reset();
+      }
+    };
+    erase(stateChangeCallbacks_.open);
+    erase(stateChangeCallbacks_.close);
+    erase(stateChangeCallbacks_.error);
+    erase(stateChangeCallbacks_.message);
   });
 }
 
@@ -411,6 +421,9 @@ std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload param
   return onLoop([&] {
     auto made = Channel::make(topic, std::move(params), shared_from_this());
     channels_.push_back(made);
+    auto& sameTopic = channelsByTopic_[topic];
+    sameTopic.channels.push_back(made);
+    sameTopic.snapshot.reset();
     return made;
   });
 }
@@ -419,16 +432,38 @@ void Socket::remove(const std::shared_ptr<Channel>& channel) {
   onLoop([&] {
     off(channel->stateChangeRefs());
     const auto joinRef = channel->joinRef();
-    std::erase_if(channels_, [&](const auto& registered) { return registered->joinRef() == joinRef; });
+    std::vector<std::shared_ptr<Channel>> kept;
+    std::vector<std::shared_ptr<Channel>> removed;
+    kept.reserve(channels_.size());
+    for (auto& registered : channels_) {
+      (registered->joinRef() == joinRef ? removed : kept).push_back(std::move(registered));
+    }
+    channels_ = std::move(kept);
+    for (const auto& gone : removed) {
+      auto byTopic = channelsByTopic_.find(gone->topic());
+      if (byTopic == channelsByTopic_.end()) {
+        continue;
+      }
+      std::erase(byTopic->second.channels, gone);
+      byTopic->second.snapshot.reset();
+      if (byTopic->second.channels.empty()) {
+        channelsByTopic_.erase(byTopic);
+      }
+    }
   });
 }
 
 void Socket::leaveOpenTopic(const std::string& topic) {
   onLoop([&] {
-    auto duplicate = std::find_if(channels_.begin(), channels_.end(), [&](const auto& channel) {
-      return channel->topic() == topic && (channel->isJoined() || channel->isJoining());
+    auto byTopic = channelsByTopic_.find(topic);
+    if (byTopic == channelsByTopic_.end()) {
+      return;
+    }
+    const auto& sameTopic = byTopic->second.channels;
+    auto duplicate = std::find_if(sameTopic.begin(), sameTopic.end(), [&](const auto& channel) {
+      return channel->isJoined() || channel->isJoining();
     });
-    if (duplicate != channels_.end()) {
+    if (duplicate != sameTopic.end()) {
       auto channel = *duplicate;  // leaving may unregister it
       logItems("transport", "leaving duplicate topic: [" + topic + "]");
       channel->leave(Defaults::timeoutInterval);
@@ -524,7 +559,7 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   std::optional<json::value> decoded;
   detail::guarded(this, "decoder", [&] { decoded = decode_(rawMessage); });
   if (decoded && decoded->is_array()) {
-    message = Message::fromJson(decoded->get_array());
+    message = Message::fromJson(std::move(decoded->get_array()));
   }
   if (!message) {
     logItems("receive: Unable to parse JSON: " + rawMessage);
@@ -536,10 +571,19 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   if (message->event() == ChannelEvent::close) {
     detail::writeLineToStandardOutput("Close Event Received");
   }
-  auto channels = channels_;
-  for (const auto& channel : channels) {
-    if (channel->isMember(*message)) {
-      channel->trigger(*message);
+  // Only channels of the frame's topic can be members; they are asked in
+  // order of creation, on a snapshot, as handling may add or remove channels.
+  if (auto byTopic = channelsByTopic_.find(message->topic()); byTopic != channelsByTopic_.end()) {
+    auto& sameTopic = byTopic->second;
+    if (!sameTopic.snapshot) {
+      sameTopic.snapshot =
+          std::make_shared<const std::vector<std::shared_ptr<Channel>>>(sameTopic.channels);
+    }
+    const auto channels = sameTopic.snapshot;
+    for (const auto& channel : *channels) {
+      if (channel->isMember(*message)) {
+        channel->trigger(*message);
+      }
     }
   }
   callAll(stateChangeCallbacks_.message, "message callback", *message);

@@ -254,5 +254,37 @@ TEST(ChannelDeathTest, JoiningTwiceOrPushingBeforeJoiningStopsTheProcess) {
                "channel instance");
 }
 
+TEST_F(ChannelWithFakeTransport, ABroadcastReachesTheChannelsOfItsTopicInOrderOfCreation) {
+  auto transport = open();
+  std::vector<std::string> reached;
+  std::vector<std::shared_ptr<Channel>> channels;
+  for (const auto* name : {"a", "b", "c", "d"}) {
+    auto channel = socket->channel(std::string(name) == "b" ? "room:2" : "room:1");
+    channel->on("news", [&reached, name](const Message&) { reached.emplace_back(name); });
+    channels.push_back(channel);
+  }
+  // Join one at a time: each join of a topic leaves the older joined channel
+  // of that topic, so only "a" and "b" are joined.
+  channels[0]->join();
+  joinOk(transport, channels[0]);
+  channels[1]->join();
+  joinOk(transport, channels[1]);
+
+  auto broadcast = [&](const std::string& topic) {
+    transport->receive(json::serialize(json::array{nullptr, nullptr, topic, "news", json::object{}}));
+  };
+  broadcast("room:1");
+  broadcast("room:2");
+  broadcast("room:3");
+  EXPECT_THAT(reached, ElementsAre("a", "c", "d", "b"));
+
+  reached.clear();
+  socket->remove(channels[0]);
+  broadcast("room:1");
+  broadcast("room:2");
+  EXPECT_THAT(reached, ElementsAre("c", "d", "b"));
+  EXPECT_EQ(socket->channels(), (std::vector{channels[1], channels[2], channels[3]}));
+}
+
 }  // namespace
 }  // namespace vantor::realtime

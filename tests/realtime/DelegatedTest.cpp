@@ -2,10 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <string>
 #include <thread>
 
 #include "vantor/realtime/SynchronizedArray.hpp"
+#include "vantor/realtime/SynchronizedGroups.hpp"
 
 namespace vantor::realtime {
 namespace {
@@ -103,6 +106,67 @@ TEST(SynchronizedArray, EachThreadSeesItsOwnWritesWhileOthersWrite) {
     thread.join();
   }
   EXPECT_EQ(misses, 0);
+}
+
+TEST(SynchronizedGroups, EachKeyKeepsItsOrderAndASnapshotNeverChanges) {
+  SynchronizedGroups<int> groups;
+  for (int i = 0; i < 10; ++i) {
+    groups.append(i % 2 == 0 ? "even" : "odd", i);
+  }
+  const auto even = groups.group("even");
+  EXPECT_EQ(*even, (std::vector<int>{0, 2, 4, 6, 8}));
+  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{1, 3, 5, 7, 9}));
+  EXPECT_TRUE(groups.group("none")->empty());
+
+  groups.removeAll("even", [](int value) { return value % 4 == 0; });
+  groups.append("even", 10);
+  EXPECT_EQ(*groups.group("even"), (std::vector<int>{2, 6, 10}));
+  EXPECT_EQ(*even, (std::vector<int>{0, 2, 4, 6, 8})) << "earlier snapshots are unaffected";
+  groups.removeAll("odd", [](int value) { return value == 2; });
+  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{1, 3, 5, 7, 9})) << "only the named key changes";
+
+  groups.removeAll("odd", [](int) { return true; });
+  EXPECT_TRUE(groups.group("odd")->empty());
+  groups.append("odd", 11);
+  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{11}));
+}
+
+TEST(SynchronizedGroups, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {
+  SynchronizedGroups<std::pair<int, int>> groups;
+  std::atomic<int> misses{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      const std::string own = "thread" + std::to_string(t);
+      for (int i = 0; i < 300; ++i) {
+        groups.append(own, {t, i});
+        groups.append("shared", {t, i});
+        const auto mine = groups.group(own);
+        if (mine->empty() || mine->back() != std::pair{t, i}) {
+          ++misses;
+        }
+        int seen = 0;
+        for (const auto& entry : *groups.group("shared")) {
+          seen += entry == std::pair{t, i} ? 1 : 0;
+        }
+        if (seen != 1) {
+          ++misses;
+        }
+        if (i % 3 == 0) {
+          groups.removeAll(own, [&](const auto& entry) { return entry.second < i; });
+          groups.removeAll("shared", [&](const auto& entry) { return entry.first == t && entry.second < i; });
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(misses, 0);
+  for (int t = 0; t < 4; ++t) {
+    const auto mine = groups.group("thread" + std::to_string(t));
+    EXPECT_TRUE(std::is_sorted(mine->begin(), mine->end())) << "appends keep their order";
+  }
 }
 
 }  // namespace

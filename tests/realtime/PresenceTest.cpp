@@ -207,5 +207,28 @@ TEST(PresenceLifetime, TheChannelDoesNotKeepItsPresenceAlive) {
   EXPECT_TRUE(deaf->state().empty()) << "options without a diff name listen to nothing";
 }
 
+TEST_F(PresenceOnChannel, CallbacksOfADiffSeeTheStateAsItWasBeforeTheDiff) {
+  deliver("presence_state", R"({"u1": {"metas": [{"phx_ref": "1"}]}, "u2": {"metas": [{"phx_ref": "2"}]}})");
+  std::vector<std::string> seen;
+  auto describe = [&](const std::string& key) {
+    const auto state = presence->state();
+    std::string keys;
+    for (const auto& [present, map] : state) {
+      keys += present + Calls::join(refsOf(map));
+    }
+    seen.push_back(key + ": " + keys);
+  };
+  presence->onJoin([&](const std::string& key, const auto&, const auto&) { describe(key); });
+  presence->onLeave([&](const std::string& key, const auto&, const auto&) { describe(key); });
+  deliver("presence_diff",
+          R"({"joins": {"u1": {"metas": [{"phx_ref": "3"}]}, "u3": {"metas": [{"phx_ref": "4"}]}},
+              "leaves": {"u2": {"metas": [{"phx_ref": "2"}]}}})");
+  EXPECT_THAT(seen, ElementsAre("u1: u1[1]u2[2]", "u3: u1[1]u2[2]", "u2: u1[1]u2[2]"));
+  const auto state = presence->state();
+  ASSERT_EQ(state.size(), 2U);
+  EXPECT_THAT(refsOf(state.at("u1")), ElementsAre("1", "3"));
+  EXPECT_THAT(refsOf(state.at("u3")), ElementsAre("4"));
+}
+
 }  // namespace
 }  // namespace vantor::realtime

@@ -12,7 +12,7 @@
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Message.hpp"
 #include "vantor/realtime/Payload.hpp"
-#include "vantor/realtime/SynchronizedArray.hpp"
+#include "vantor/realtime/SynchronizedGroups.hpp"
 
 namespace vantor::realtime {
 
@@ -82,6 +82,31 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// Sets a hook that may rewrite every message before bindings see it.
   void onMessage(std::function<Message(const Message&)> callback);
 
+  [[nodiscard]] const std::string& topic() const noexcept { return topic_; }
+  [[nodiscard]] Payload params() const;
+  void setParams(Payload params);
+  [[nodiscard]] std::shared_ptr<Socket> socket() const;
+  [[nodiscard]] ChannelState state() const;
+  [[nodiscard]] double timeout() const;
+  void setTimeout(double seconds);
+  [[nodiscard]] bool joinedOnce() const;
+  [[nodiscard]] std::shared_ptr<Push> joinPush() const;
+  /// The reference of the join push; absent before the first join and after
+  /// the join push was reset.
+  [[nodiscard]] std::optional<std::string> joinRef() const;
+  /// Whether the socket is connected and the channel joined.
+  [[nodiscard]] bool canPush() const;
+  [[nodiscard]] bool isClosed() const { return state() == ChannelState::closed; }
+  [[nodiscard]] bool isErrored() const { return state() == ChannelState::errored; }
+  [[nodiscard]] bool isJoined() const { return state() == ChannelState::joined; }
+  [[nodiscard]] bool isJoining() const { return state() == ChannelState::joining; }
+  [[nodiscard]] bool isLeaving() const { return state() == ChannelState::leaving; }
+
+  // --- Steps the client's own types call on each other --------------------
+  // Sockets, channels, pushes and presence work together through these.
+  // They are public because they are part of the documented interface; an
+  // application has no need to call them.
+
   /// Whether the socket should hand `message` to this channel.
   [[nodiscard]] bool isMember(const Message& message) const;
   /// Dispatches an incoming message to the bindings of its event.
@@ -101,28 +126,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void socketDisconnected();
   /// "chan_reply_" followed by `ref`.
   static std::string replyEventName(const std::string& ref);
-
-  [[nodiscard]] const std::string& topic() const noexcept { return topic_; }
-  [[nodiscard]] Payload params() const;
-  void setParams(Payload params);
-  [[nodiscard]] std::shared_ptr<Socket> socket() const;
-  [[nodiscard]] ChannelState state() const;
-  [[nodiscard]] double timeout() const;
-  void setTimeout(double seconds);
-  [[nodiscard]] bool joinedOnce() const;
-  [[nodiscard]] std::shared_ptr<Push> joinPush() const;
   [[nodiscard]] std::vector<std::shared_ptr<Push>> pushBuffer() const;
   [[nodiscard]] std::vector<std::string> stateChangeRefs() const;
-  /// The reference of the join push; absent before the first join and after
-  /// the join push was reset.
-  [[nodiscard]] std::optional<std::string> joinRef() const;
-  /// Whether the socket is connected and the channel joined.
-  [[nodiscard]] bool canPush() const;
-  [[nodiscard]] bool isClosed() const { return state() == ChannelState::closed; }
-  [[nodiscard]] bool isErrored() const { return state() == ChannelState::errored; }
-  [[nodiscard]] bool isJoined() const { return state() == ChannelState::joined; }
-  [[nodiscard]] bool isJoining() const { return state() == ChannelState::joining; }
-  [[nodiscard]] bool isLeaving() const { return state() == ChannelState::leaving; }
 
  private:
   Channel(std::string topic, Payload params, const std::shared_ptr<Socket>& socket);
@@ -142,7 +147,9 @@ class Channel : public std::enable_shared_from_this<Channel> {
   Payload params_;
   std::weak_ptr<Socket> socket_;
   ChannelState state_ = ChannelState::closed;
-  SynchronizedArray<Binding> syncBindingsDel_;
+  // Bindings by event, each event's in the order they were added: a reply
+  // reaches its push without walking the bindings of other events.
+  SynchronizedGroups<Binding> syncBindingsDel_;
   int bindingRef_ = 0;
   double timeout_;
   bool joinedOnce_ = false;

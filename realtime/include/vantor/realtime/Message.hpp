@@ -24,6 +24,8 @@ class Message {
   /// after the fifth are ignored. A frame of fewer than five elements is a
   /// programming error of the decoder and stops the process.
   static std::optional<Message> fromJson(const boost::json::array& frame);
+  /// As above, moving the payload out of `frame` instead of copying it.
+  static std::optional<Message> fromJson(boost::json::array&& frame);
 
   Message(std::string ref, std::optional<std::string> joinRef, std::string topic, std::string event,
           Payload rawPayload);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -130,20 +131,6 @@ class Socket : public std::enable_shared_from_this<Socket> {
   [[nodiscard]] PhoenixTransportReadyState connectionState() const;
   [[nodiscard]] bool isConnected() const;
 
-  // --- Messages -----------------------------------------------------------
-
-  /// Sends the frame [joinRef, ref, topic, event, payload] now when
-  /// connected, otherwise buffers it until the next open. A buffered frame
-  /// is encoded when it is finally sent.
-  void push(std::string topic, std::string event, Payload payload,
-            std::optional<std::string> ref = std::nullopt,
-            std::optional<std::string> joinRef = std::nullopt);
-
-  /// The next reference: the decimal text of a 64-bit counter shared by
-  /// message and callback references. The first is "1"; after the largest
-  /// value the counter wraps to "0".
-  std::string makeRef();
-
   // --- Callbacks ----------------------------------------------------------
   // Each returns the callback's reference (drawn from `makeRef`), for `off`.
   // Plain forms hold the callback strongly; `delegate…` forms hold the owner
@@ -179,15 +166,8 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// Makes a new channel on `topic` bound to this socket and registers it.
   /// Never reuses an existing channel of the same topic.
   std::shared_ptr<Channel> channel(const std::string& topic, Payload params = {});
-  /// Unregisters every channel whose join reference equals `channel`'s,
-  /// and the socket callbacks that `channel` registered.
-  void remove(const std::shared_ptr<Channel>& channel);
-  /// Makes the first joined or joining channel of `topic`, if any, leave.
-  void leaveOpenTopic(const std::string& topic);
   /// The registered channels, in order of creation.
   [[nodiscard]] std::vector<std::shared_ptr<Channel>> channels() const;
-  /// Withdraws buffered frames whose reference is `ref`.
-  void removeFromSendBuffer(const std::optional<std::string>& ref);
 
   // --- Properties and options --------------------------------------------
   // Options take effect for what happens after they are set.
@@ -230,13 +210,44 @@ class Socket : public std::enable_shared_from_this<Socket> {
   template <class... Items>
   void logItems(const Items&... items) const;
 
+  // --- Steps the client's own types call on each other --------------------
+  // Sockets, channels, pushes and presence work together through these.
+  // They are public because they are part of the documented interface; an
+  // application has no need to call them.
+
+  /// Sends the frame [joinRef, ref, topic, event, payload] now when
+  /// connected, otherwise buffers it until the next open. A buffered frame
+  /// is encoded when it is finally sent.
+  void push(std::string topic, std::string event, Payload payload,
+            std::optional<std::string> ref = std::nullopt,
+            std::optional<std::string> joinRef = std::nullopt);
+
+  /// The next reference: the decimal text of a 64-bit counter shared by
+  /// message and callback references. The first is "1"; after the largest
+  /// value the counter wraps to "0".
+  std::string makeRef();
+
+  /// Unregisters every channel whose join reference equals `channel`'s,
+  /// and the socket callbacks that `channel` registered.
+  void remove(const std::shared_ptr<Channel>& channel);
+  /// Makes the first joined or joining channel of `topic`, if any, leave.
+  void leaveOpenTopic(const std::string& topic);
+  /// Withdraws buffered frames whose reference is `ref`.
+  void removeFromSendBuffer(const std::optional<std::string>& ref);
+
  private:
   friend struct SocketTestAccess;
   class TransportDelegate;
   using ErrorArguments = std::pair<TransportError, std::optional<HttpResponse>>;
 
   template <class Input>
-  using CallbackList = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+  struct CallbackList {
+    using Entries = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+    Entries entries;
+    // A copy of `entries` for calling them, made at the first call after a
+    // change and shared by the calls until the next change.
+    std::shared_ptr<const Entries> snapshot;
+  };
 
   struct StateChangeCallbacks {
     CallbackList<void> open;
@@ -266,7 +277,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// Calls every callback of `list` (a snapshot: callbacks may add or remove
   /// callbacks); one that throws is logged and the next one still runs.
   template <class List, class... Arguments>
-  void callAll(const List& list, std::string_view what, const Arguments&... arguments);
+  void callAll(List& list, std::string_view what, const Arguments&... arguments);
 
   void teardown(CloseCode code, const std::function<void()>& callback);
   void flushSendBuffer();
@@ -298,6 +309,14 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;
   StateChangeCallbacks stateChangeCallbacks_;
   std::vector<std::shared_ptr<Channel>> channels_;
+  // The same channels by topic, each list in order of creation: a received
+  // frame is routed by looking up its topic. Routing works on a snapshot,
+  // made at the first frame after a change of the list.
+  struct TopicChannels {
+    std::vector<std::shared_ptr<Channel>> channels;
+    std::shared_ptr<const std::vector<std::shared_ptr<Channel>>> snapshot;
+  };
+  std::unordered_map<std::string, TopicChannels> channelsByTopic_;
   std::vector<BufferedFrame> sendBuffer_;
   std::uint64_t ref_ = 0;
   std::unique_ptr<HeartbeatTimer> heartbeatTimer_;

@@ -1,0 +1,248 @@
+// Push/reply round trips over a loopback WebSocket: the server and the
+// clients sit on different cores, and every client does the same work per
+// message: encode a frame, send it, read the reply and parse it.
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <semaphore>
+#include <string>
+
+#include "EchoServer.hpp"
+#include "Summary.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/realtime/Socket.hpp"
+
+namespace vantor::bench {
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace json = boost::json;
+using tcp = asio::ip::tcp;
+using Clock = std::chrono::steady_clock;
+using realtime::Message;
+using realtime::Payload;
+
+constexpr auto warmUp = std::chrono::milliseconds(200);
+constexpr auto measured = std::chrono::milliseconds(1500);
+constexpr int repetitions = 3;
+
+std::chrono::nanoseconds processCpuTime() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+struct Run {
+  std::int64_t messages = 0;
+  double seconds = 0;
+  double clientCpuSeconds = 0;
+  double serverCpuSeconds = 0;
+
+  [[nodiscard]] double perSecond() const { return static_cast<double>(messages) / seconds; }
+  [[nodiscard]] double clientCpuPerMessage() const {
+    return clientCpuSeconds / static_cast<double>(messages);
+  }
+  [[nodiscard]] double serverLoad() const { return serverCpuSeconds / seconds; }
+};
+
+/// Measures `phase(deadline)`, which runs round trips until the deadline and
+/// returns how many it completed, after a warm-up phase.
+template <class Phase>
+Run measure(const EchoServer& server, Phase&& phase) {
+  phase(Clock::now() + warmUp);
+  const auto cpuBefore = processCpuTime();
+  const auto serverBefore = server.cpuTime();
+  const auto start = Clock::now();
+  Run run;
+  run.messages = phase(start + measured);
+  run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const auto serverCpu = server.cpuTime() - serverBefore;
+  const auto clientCpu = processCpuTime() - cpuBefore - serverCpu;
+  run.clientCpuSeconds = std::chrono::duration<double>(clientCpu).count();
+  run.serverCpuSeconds = std::chrono::duration<double>(serverCpu).count();
+  return run;
+}
+
+Run bare(EchoServer& server, int window) {
+  asio::io_context context;
+  beast::websocket::stream<tcp::socket> ws(context);
+  ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), server.port()));
+  ws.next_layer().set_option(tcp::no_delay(true));
+  ws.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
+  ws.text(true);
+  pinThreads(server.threadId());
+  std::int64_t ref = 0;
+  beast::flat_buffer buffer;
+  auto send = [&] {
+    ++ref;
+    json::array frame{"1", std::to_string(ref), "room:bench", "echo",
+                      json::object{{"body", "hello"}, {"i", ref}}};
+    ws.write(asio::buffer(json::serialize(frame)));
+  };
+  auto phase = [&](Clock::time_point deadline) {
+    std::int64_t done = 0;
+    int outstanding = 0;
+    for (; outstanding < window; ++outstanding) {
+      send();
+    }
+    while (outstanding > 0) {
+      ws.read(buffer);
+      auto reply = json::parse(
+          std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
+      buffer.consume(buffer.size());
+      const auto& frame = reply.as_array();
+      if (frame.at(3).as_string() != "phx_reply" ||
+          frame.at(4).as_object().at("status").as_string() != "ok") {
+        std::fprintf(stderr, "unexpected reply\n");
+      }
+      ++done;
+      --outstanding;
+      if (Clock::now() < deadline) {
+        send();
+        ++outstanding;
+      }
+    }
+    return done;
+  };
+  auto run = measure(server, phase);
+  ws.close(beast::websocket::close_code::normal);
+  return run;
+}
+
+struct Client {
+  std::shared_ptr<realtime::Socket> socket;
+  std::shared_ptr<realtime::Channel> channel;
+
+  explicit Client(const EchoServer& server) {
+    socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(server.port()) + "/socket");
+    channel = socket->channel("room:bench");
+    auto joined = std::make_shared<std::promise<void>>();
+    auto whenJoined = joined->get_future();
+    channel->join()->receive("ok", [joined](const Message&) { joined->set_value(); });
+    socket->connect();
+    whenJoined.wait();
+    pinThreads(server.threadId());
+  }
+  ~Client() { socket->disconnect(); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+};
+
+Payload payloadFor(std::int64_t i) { return Payload{{"body", "hello"}, {"i", i}}; }
+
+// Pushes from the loop thread: each reply's hook makes the next push.
+Run oursOnTheLoop(EchoServer& server, int window) {
+  Client client(server);
+  auto phase = [&](Clock::time_point deadline) {
+    std::int64_t sent = 0;
+    std::int64_t done = 0;
+    std::promise<void> finished;
+    std::function<void()> pushOne = [&] {
+      ++sent;
+      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+        ++done;
+        if (reply.payload().empty()) {
+          std::fprintf(stderr, "unexpected reply\n");
+        }
+        if (Clock::now() < deadline) {
+          pushOne();
+        } else if (done == sent) {
+          finished.set_value();
+        }
+      });
+    };
+    platform::EventLoop::main().sync([&] {
+      for (int i = 0; i < window; ++i) {
+        pushOne();
+      }
+    });
+    finished.get_future().wait();
+    return platform::EventLoop::main().sync([&] { return done; });
+  };
+  return measure(server, phase);
+}
+
+// Pushes from an application thread, at most `window` awaiting replies.
+Run oursFromAnApplicationThread(EchoServer& server, int window) {
+  Client client(server);
+  auto phase = [&](Clock::time_point deadline) {
+    std::counting_semaphore<1024> permits(window);
+    std::atomic<std::int64_t> done{0};
+    std::int64_t sent = 0;
+    while (Clock::now() < deadline) {
+      permits.acquire();
+      ++sent;
+      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+        if (reply.payload().empty()) {
+          std::fprintf(stderr, "unexpected reply\n");
+        }
+        done.fetch_add(1);
+        permits.release();
+      });
+    }
+    for (int i = 0; i < window; ++i) {
+      permits.acquire();
+    }
+    return done.load();
+  };
+  return measure(server, phase);
+}
+
+template <class F>
+Run median(F&& make) {
+  std::vector<Run> runs;
+  for (int i = 0; i < repetitions; ++i) {
+    runs.push_back(make());
+  }
+  std::sort(runs.begin(), runs.end(),
+            [](const Run& a, const Run& b) { return a.perSecond() < b.perSecond(); });
+  return runs[runs.size() / 2];
+}
+
+void print(const char* name, const Run& run) {
+  std::printf("%-34s %12.0f %14.2f %12.0f%%\n", name, run.perSecond(),
+              run.clientCpuPerMessage() * 1e6, run.serverLoad() * 100.0);
+}
+
+}  // namespace
+
+void runEndToEnd(Summary& summary) {
+  EchoServer server;
+  const auto bare64 = median([&] { return bare(server, 64); });
+  const auto ours64 = median([&] { return oursOnTheLoop(server, 64); });
+  const auto bare1 = median([&] { return bare(server, 1); });
+  const auto ours1 = median([&] { return oursOnTheLoop(server, 1); });
+  const auto host64 = median([&] { return oursFromAnApplicationThread(server, 64); });
+
+  std::printf("\nEnd to end, loopback, server on core 1, clients on core 0 (median of %d runs of %.1f s)\n",
+              repetitions, std::chrono::duration<double>(measured).count());
+  std::printf("%-34s %12s %14s %13s\n", "client", "replies/s", "client us/msg", "server busy");
+  print("bare Beast, 64 outstanding", bare64);
+  print("Socket+Channel, 64 outstanding", ours64);
+  print("Socket+Channel, app thread, 64", host64);
+  print("bare Beast, 1 outstanding", bare1);
+  print("Socket+Channel, 1 outstanding", ours1);
+  std::fflush(stdout);
+
+  summary.emplace_back("e2e_throughput_ratio", ours64.perSecond() / bare64.perSecond());
+  summary.emplace_back("e2e_cpu_per_msg_ratio",
+                       ours64.clientCpuPerMessage() / bare64.clientCpuPerMessage());
+  summary.emplace_back("e2e_throughput_ratio_w1", ours1.perSecond() / bare1.perSecond());
+  summary.emplace_back("e2e_throughput_ratio_host_thread", host64.perSecond() / bare64.perSecond());
+}
+
+}  // namespace vantor::bench
