@@ -35,11 +35,14 @@ HeartbeatTimer::HeartbeatTimer(double timeInterval, platform::DispatchQueue& que
 HeartbeatTimer::~HeartbeatTimer() {
   // Cancelling a source is safe from any thread, so this does not wait for
   // the queue: releasing a socket must not block on the loop. A tick already
-  // on its way finds its owner gone.
+  // on its way finds its owner gone. The lock orders this after a stop()
+  // made on the queue.
   std::shared_ptr<platform::DispatchSourceTimer> timer;
+  std::function<void()> handler;
   {
     std::lock_guard lock(timerMutex_);
     timer = std::move(temporaryTimer_);
+    handler = std::move(temporaryEventHandler_);
   }
   if (timer) {
     timer->cancel();
@@ -55,28 +58,30 @@ void HeartbeatTimer::start(std::function<void()> eventHandler) {
     timer->schedule(interval, interval, leeway_);
     timer->resume();
     std::shared_ptr<platform::DispatchSourceTimer> previous;
+    std::function<void()> previousHandler;
     {
       std::lock_guard lock(timerMutex_);
       previous = std::exchange(temporaryTimer_, std::move(timer));
+      previousHandler = std::exchange(temporaryEventHandler_, std::move(eventHandler));
     }
     if (previous) {
       previous->cancel();
     }
-    temporaryEventHandler_ = std::move(eventHandler);
   });
 }
 
 void HeartbeatTimer::stop() {
   queue_.sync([&] {
     std::shared_ptr<platform::DispatchSourceTimer> timer;
+    std::function<void()> handler;  // released outside the lock
     {
       std::lock_guard lock(timerMutex_);
       timer = std::move(temporaryTimer_);
+      handler = std::move(temporaryEventHandler_);
     }
     if (timer) {
       timer->cancel();
     }
-    temporaryEventHandler_ = nullptr;
   });
 }
 
@@ -89,8 +94,12 @@ bool HeartbeatTimer::isValid() const {
 
 void HeartbeatTimer::fire() {
   queue_.sync([&] {
-    if (temporaryEventHandler_) {
-      auto handler = temporaryEventHandler_;  // the handler may stop this timer
+    std::function<void()> handler;  // a copy: the handler may stop this timer
+    {
+      std::lock_guard lock(timerMutex_);
+      handler = temporaryEventHandler_;
+    }
+    if (handler) {
       handler();
     }
   });

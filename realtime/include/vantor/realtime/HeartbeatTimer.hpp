@@ -61,11 +61,11 @@ class HeartbeatTimer {
   platform::DispatchQueue& queue_;
   std::chrono::nanoseconds leeway_;
   std::string uuid_;
-  // Written on the queue; guarded too, so that the destructor can take the
-  // source from any thread without waiting for the queue.
+  // Written on the queue; guarded too, so that the destructor can take them
+  // from any thread without waiting for the queue.
   mutable std::mutex timerMutex_;
   std::shared_ptr<platform::DispatchSourceTimer> temporaryTimer_;  // guarded by timerMutex_
-  std::function<void()> temporaryEventHandler_;                    // on the queue only
+  std::function<void()> temporaryEventHandler_;                    // guarded by timerMutex_
 };
 
 }  // namespace vantor::realtime
