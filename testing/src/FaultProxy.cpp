@@ -364,17 +364,7 @@ void ProxyCore::execute(const std::function<void()>& work) {
     work();
     return;
   }
-  std::promise<void> done;
-  auto future = done.get_future();
-  asio::post(io_, [&] {
-    try {
-      work();
-      done.set_value();
-    } catch (...) {
-      done.set_exception(std::current_exception());
-    }
-  });
-  future.get();
+  detail::postAndWait(io_, work);
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <cstdio>
 #include <exception>
+#include <functional>
+#include <future>
 
 namespace vantor::testing::detail {
 
@@ -18,6 +21,22 @@ inline void runUntilStopped(boost::asio::io_context& io, const char* name) {
       std::fprintf(stderr, "%s: handler threw: %s\n", name, e.what());
     }
   }
+}
+
+/// Runs `work` on the thread that runs `io` and waits for it. An exception
+/// from `work` reaches the caller.
+inline void postAndWait(boost::asio::io_context& io, const std::function<void()>& work) {
+  std::promise<void> done;
+  auto future = done.get_future();
+  boost::asio::post(io, [&] {
+    try {
+      work();
+      done.set_value();
+    } catch (...) {
+      done.set_exception(std::current_exception());
+    }
+  });
+  future.get();
 }
 
 }  // namespace vantor::testing::detail

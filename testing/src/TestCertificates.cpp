@@ -72,15 +72,16 @@ void setCommonName(X509_NAME* name, const char* commonName) {
 
 // Builds and signs one certificate. With no issuer the certificate signs itself.
 CertPtr makeCertificate(EVP_PKEY* key, const char* commonName, X509* issuer, EVP_PKEY* issuerKey,
-                        const std::vector<std::pair<int, const char*>>& extensions) {
+                        const std::vector<std::pair<int, const char*>>& extensions,
+                        long notBeforeSeconds = -60L * 60, long notAfterSeconds = 24L * 60 * 60) {
   CertPtr cert(X509_new());
   if (!cert) {
     fail("X509_new");
   }
   check(X509_set_version(cert.get(), X509_VERSION_3), "version");
   setRandomSerial(cert.get());
-  if (X509_gmtime_adj(X509_getm_notBefore(cert.get()), -60L * 60) == nullptr ||
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24L * 60 * 60) == nullptr) {
+  if (X509_gmtime_adj(X509_getm_notBefore(cert.get()), notBeforeSeconds) == nullptr ||
+      X509_gmtime_adj(X509_getm_notAfter(cert.get()), notAfterSeconds) == nullptr) {
     fail("validity");
   }
   setCommonName(X509_get_subject_name(cert.get()), commonName);
@@ -116,19 +117,27 @@ std::string toPem(Write write, const char* what) {
 
 }  // namespace
 
-TestCertificates TestCertificates::generate() {
+TestCertificates TestCertificates::generate() { return generate(Variant::valid); }
+
+TestCertificates TestCertificates::generate(Variant variant) {
+  constexpr long day = 24L * 60 * 60;
+  const bool expired = variant == Variant::expired;
+  const char* names = variant == Variant::otherNames ? "DNS:elsewhere.test"
+                                                     : "DNS:localhost,IP:127.0.0.1,IP:::1";
   auto caKey = makeKey();
   auto ca = makeCertificate(caKey.get(), "Vantor Test CA", nullptr, caKey.get(),
                             {{NID_basic_constraints, "critical,CA:TRUE"},
                              {NID_key_usage, "critical,keyCertSign,cRLSign"},
                              {NID_subject_key_identifier, "hash"}});
   auto serverKey = makeKey();
-  auto server = makeCertificate(serverKey.get(), "localhost", ca.get(), caKey.get(),
+  const char* commonName = variant == Variant::otherNames ? "elsewhere.test" : "localhost";
+  auto server = makeCertificate(serverKey.get(), commonName, ca.get(), caKey.get(),
                                 {{NID_basic_constraints, "critical,CA:FALSE"},
                                  {NID_key_usage, "critical,digitalSignature"},
                                  {NID_ext_key_usage, "serverAuth"},
-                                 {NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1,IP:::1"},
-                                 {NID_authority_key_identifier, "keyid:always"}});
+                                 {NID_subject_alt_name, names},
+                                 {NID_authority_key_identifier, "keyid:always"}},
+                                expired ? -2 * day : -60L * 60, expired ? -day : day);
 
   TestCertificates result;
   result.caCertificatePem =

@@ -590,17 +590,7 @@ void ServerCore::execute(const std::function<void()>& work) {
     std::unique_lock lock(backlogMutex_);
     backlogDrained_.wait_for(lock, kBacklogWait, [&] { return backlog_ < kBacklogLimit; });
   }
-  std::promise<void> done;
-  auto future = done.get_future();
-  asio::post(io_, [&] {
-    try {
-      work();
-      done.set_value();
-    } catch (...) {
-      done.set_exception(std::current_exception());
-    }
-  });
-  future.get();
+  detail::postAndWait(io_, work);
 }
 
 }  // namespace
