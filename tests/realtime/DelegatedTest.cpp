@@ -146,7 +146,8 @@ TEST(SynchronizedGroups, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {
           ++misses;
         }
         int seen = 0;
-        for (const auto& entry : *groups.group("shared")) {
+        const auto shared = groups.group("shared");  // held: the loop reads through it
+        for (const auto& entry : *shared) {
           seen += entry == std::pair{t, i} ? 1 : 0;
         }
         if (seen != 1) {

@@ -12,9 +12,10 @@ namespace vantor::realtime {
 
 /// Elements filed under string keys, the elements of each key in the order
 /// they were appended, guarded by a reader-writer lock. A reader gets the
-/// elements of one key as an immutable snapshot of its own that it can use
-/// without the lock; a read copies only the elements of its key. Keys left
-/// without elements are dropped.
+/// elements of one key as an immutable snapshot that it can use without the
+/// lock; the snapshot is made once per change of that key and shared by
+/// every read until the next change, so repeated reads copy nothing. Keys
+/// left without elements are dropped.
 ///
 /// Writes are applied in the order they are made, and a thread always sees
 /// its own earlier writes. Writers hold the lock only for the change itself,
@@ -32,6 +33,7 @@ class SynchronizedGroups {
     std::unique_lock lock(mutex_);
     auto& entry = entries_[key];
     entry.elements.push_back(std::move(element));
+    entry.snapshot.reset();
   }
 
   /// Removes the elements of `key` for which `where` is true, keeping the
@@ -48,23 +50,38 @@ class SynchronizedGroups {
     }
     if (found->second.elements.empty()) {
       entries_.erase(found);
+    } else {
+      found->second.snapshot.reset();
     }
   }
 
-  /// The elements of `key`, in order, as a copy of this reader's own;
-  /// never null.
+  /// The elements of `key`, in order; never null.
   [[nodiscard]] Snapshot group(const std::string& key) const {
-    std::shared_lock lock(mutex_);
+    {
+      std::shared_lock lock(mutex_);
+      auto found = entries_.find(key);
+      if (found == entries_.end()) {
+        return empty();
+      }
+      if (found->second.snapshot) {
+        return found->second.snapshot;
+      }
+    }
+    std::unique_lock lock(mutex_);
     auto found = entries_.find(key);
     if (found == entries_.end()) {
       return empty();
     }
-    return std::make_shared<const Group>(found->second.elements);
+    if (!found->second.snapshot) {
+      found->second.snapshot = std::make_shared<const Group>(found->second.elements);
+    }
+    return found->second.snapshot;
   }
 
  private:
   struct Entry {
     Group elements;
+    Snapshot snapshot;  // null until read after a change
   };
 
   static Snapshot empty() {
@@ -73,7 +90,7 @@ class SynchronizedGroups {
   }
 
   mutable std::shared_mutex mutex_;
-  std::unordered_map<std::string, Entry> entries_;
+  mutable std::unordered_map<std::string, Entry> entries_;
 };
 
 }  // namespace vantor::realtime
