@@ -7,6 +7,7 @@
 #include <boost/url/parse.hpp>
 
 #include "support/RecordingDelegate.hpp"
+#include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Message.hpp"
 #include "vantor/testing/FaultProxy.hpp"
@@ -148,8 +149,12 @@ TEST_F(TransportAgainstServer, DisconnectSendsTheCodeAndReasonAndReportsTheClose
   Connection connection(transportFor(server.url()));
   connection.transport->connect();
   ASSERT_TRUE(connection.delegate->waitFor("open"));
-  connection.transport->disconnect(1000, "heartbeat timeout");
-  EXPECT_EQ(connection.transport->readyState(), State::closing);
+  // On the loop, so that the close cannot complete before the state is read.
+  const auto stateAfterDisconnect = platform::EventLoop::main().sync([&] {
+    connection.transport->disconnect(1000, "heartbeat timeout");
+    return connection.transport->readyState();
+  });
+  EXPECT_EQ(stateAfterDisconnect, State::closing);
   ASSERT_TRUE(connection.delegate->waitFor("close"));
   EXPECT_THAT(connection.delegate->kinds(), ElementsAre("open", "close:1000"));
   auto closes = server.receivedCloseFrames();
