@@ -331,6 +331,7 @@ std::vector<std::shared_ptr<Push>> Channel::pushBuffer() const {
 std::vector<std::string> Channel::stateChangeRefs() const {
   return onLoop([&] { return stateChangeRefs_; });
 }
+std::size_t Channel::bindingCount() const { return syncBindingsDel_.size(); }
 std::optional<std::string> Channel::joinRef() const {
   return onLoop([&] { return joinPush_ ? joinPush_->ref() : std::nullopt; });
 }

@@ -537,6 +537,15 @@ bool PhoenixTestServer::waitForFrames(std::string_view topic, std::string_view e
       timeout, [&](const auto& r) { return countMatching(r.frames, topic, event) >= count; });
 }
 
+std::vector<Frame> PhoenixTestServer::takeReceivedFrames() {
+  std::vector<Frame> taken;
+  impl_->records_.update([&](auto& r) {
+    taken.swap(r.frames);
+    r.frames.shrink_to_fit();
+  });
+  return taken;
+}
+
 std::size_t PhoenixTestServer::heartbeatsReceived() const {
   return countReceived("phoenix", "heartbeat");
 }

@@ -128,6 +128,10 @@ class Channel : public std::enable_shared_from_this<Channel> {
   static std::string replyEventName(const std::string& ref);
   [[nodiscard]] std::vector<std::shared_ptr<Push>> pushBuffer() const;
   [[nodiscard]] std::vector<std::string> stateChangeRefs() const;
+  /// The bindings registered now, over all events, the channel's own and
+  /// each waiting push's included. For diagnostics: a count that keeps
+  /// growing means hooks that are never withdrawn.
+  [[nodiscard]] std::size_t bindingCount() const;
 
  private:
   Channel(std::string topic, Payload params, const std::shared_ptr<Socket>& socket);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -76,6 +77,16 @@ class SynchronizedGroups {
       found->second.snapshot = std::make_shared<const Group>(found->second.elements);
     }
     return found->second.snapshot;
+  }
+
+  /// The number of elements over all keys.
+  [[nodiscard]] std::size_t size() const {
+    std::shared_lock lock(mutex_);
+    std::size_t count = 0;
+    for (const auto& [key, entry] : entries_) {
+      count += entry.elements.size();
+    }
+    return count;
   }
 
  private:

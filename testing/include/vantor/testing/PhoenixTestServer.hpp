@@ -163,6 +163,10 @@ class PhoenixTestServer {
   /// above) have been received.
   bool waitForFrames(std::string_view topic, std::string_view event, std::size_t count,
                      std::chrono::milliseconds timeout) const;
+  /// Returns every frame recorded so far, on any topic, and forgets them:
+  /// the counts and waits above see only later frames. Keeps memory flat
+  /// in long runs.
+  [[nodiscard]] std::vector<Frame> takeReceivedFrames();
   /// Heartbeats received ("heartbeat" on "phoenix"), answered or not.
   [[nodiscard]] std::size_t heartbeatsReceived() const;
 
