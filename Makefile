@@ -5,12 +5,13 @@
 #                    the interactive client against a real server
 # make demo-signin   the sign-in example against a local OpenID provider
 # make bench         the benchmarks (normal build)
+# make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
 # make build         the normal build only
 
 SHELL := /bin/bash
 .DEFAULT_GOAL := test
 
-.PHONY: setup build test demo demo-signin bench clean
+.PHONY: setup build test demo demo-signin bench soak clean
 
 setup:
 	@scripts/setup.sh
@@ -32,6 +33,10 @@ demo-signin: setup
 bench: setup
 	@scripts/build.sh normal vantor-bench
 	@build/normal/bench/vantor-bench $(ARGS)
+
+soak: setup
+	@scripts/build.sh normal vantor-soak
+	@build/normal/tests/soak/vantor-soak $(ARGS)
 
 clean:
 	rm -rf build
