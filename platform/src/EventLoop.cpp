@@ -122,7 +122,7 @@ bool EventLoop::hasStopped() const noexcept { return impl_->stopped; }
 void EventLoop::post(std::function<void()> work) { asio::post(impl_->context, std::move(work)); }
 
 void EventLoop::dispatch(std::function<void()> work) {
-  if (isCurrentThread()) {
+  if (isCurrentThread() || hasStopped()) {
     work();
   } else {
     post(std::move(work));

@@ -191,20 +191,22 @@ std::shared_ptr<Push> Channel::leave(double timeout) {
 }
 
 std::shared_ptr<Push> Channel::push(const std::string& event, Payload payload, double timeout) {
-  return onLoop([&] {
-    if (!joinedOnce_) {
-      platform::fatalError("Tried to push " + event + " to " + topic_ +
-                           " before joining. Use channel.join() before pushing events");
-    }
-    auto push = Push::make(shared_from_this(), event, std::move(payload), timeout);
-    if (canPush()) {
+  if (!joinedOnce_) {
+    platform::fatalError("Tried to push " + event + " to " + topic_ +
+                         " before joining. Use channel.join() before pushing events");
+  }
+  // The push is made on the caller's thread; sending or buffering it is
+  // queued onto the loop, so an application thread does not wait for a hop.
+  auto push = Push::make(shared_from_this(), event, std::move(payload), timeout);
+  platform::EventLoop::main().dispatch([self = shared_from_this(), push] {
+    if (self->canPush()) {
       push->send();
     } else {
       push->startTimeout();
-      pushBuffer_.push_back(push);
+      self->pushBuffer_.push_back(push);
     }
-    return push;
   });
+  return push;
 }
 
 int Channel::bind(std::string event, Delegated<Message, void> callback) {
@@ -320,7 +322,7 @@ void Channel::setTimeout(double seconds) {
   onLoop([&] { timeout_ = seconds; });
 }
 bool Channel::joinedOnce() const {
-  return onLoop([&] { return joinedOnce_; });
+  return joinedOnce_;
 }
 std::shared_ptr<Push> Channel::joinPush() const {
   return onLoop([&] { return joinPush_; });

@@ -63,13 +63,22 @@ std::shared_ptr<Push> Push::receive(const std::string& status, Hook callback) {
 }
 
 std::shared_ptr<Push> Push::receive(const std::string& status, Delegated<Message, void> delegated) {
-  onLoop([&] {
-    // A hook added after the reply still sees it.
-    if (receivedMessage_ && receivedMessage_->status() == status) {
-      delegated.call(*receivedMessage_);
+  auto add = [self = shared_from_this(), status, delegated = std::move(delegated)]() mutable {
+    if (self->receivedMessage_ && self->receivedMessage_->status() == status) {
+      auto channel = self->channel_.lock();
+      auto socket = channel ? channel->socket() : nullptr;
+      detail::guarded(socket.get(), "push hook", [&] { delegated.call(*self->receivedMessage_); });
     }
-    receiveHooks_[status].push_back(std::move(delegated));
-  });
+    self->receiveHooks_[status].push_back(std::move(delegated));
+  };
+  // Off the loop the hook is queued in order behind the push itself, and the
+  // caller does not wait; once a reply is in, it waits, so that a hook added
+  // after the reply has run with it when this returns.
+  if (hasReply_.load(std::memory_order_acquire)) {
+    onLoop(add);
+  } else {
+    platform::EventLoop::main().dispatch(std::move(add));
+  }
   return shared_from_this();
 }
 
@@ -79,6 +88,7 @@ void Push::reset() {
     ref_.reset();
     refEvent_.reset();
     receivedMessage_.reset();
+    hasReply_ = false;
     sent_ = false;
   });
 }
@@ -122,6 +132,7 @@ void Push::replied(const Message& message) {
   removeReplyBinding();
   cancelTimeout();
   receivedMessage_ = message;
+  hasReply_ = true;
   if (auto status = message.status()) {
     matchReceive(*status, message);
   }

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "vantor/platform/EventLoop.hpp"
@@ -68,23 +69,29 @@ class FakeTransport : public PhoenixTransport {
     report([](auto& delegate) { delegate.onClose(999); });
   }
 
+  // Read in the loop's order, as any reader of client state does: work that
+  // a test thread queued onto the loop before (a push, say) has been done.
   [[nodiscard]] std::vector<std::string> sent() const {
-    std::lock_guard lock(mutex_);
-    return sent_;
+    return recorded([this] { return sent_; });
   }
   [[nodiscard]] std::vector<Disconnect> disconnects() const {
-    std::lock_guard lock(mutex_);
-    return disconnects_;
+    return recorded([this] { return disconnects_; });
   }
   [[nodiscard]] int connects() const {
-    std::lock_guard lock(mutex_);
-    return connects_;
+    return recorded([this] { return connects_; });
   }
 
  private:
   void setState(PhoenixTransportReadyState state) {
     std::lock_guard lock(mutex_);
     state_ = state;
+  }
+  template <class F>
+  std::invoke_result_t<F&> recorded(F read) const {
+    return platform::EventLoop::main().sync([&] {
+      std::lock_guard lock(mutex_);
+      return read();
+    });
   }
   template <class F>
   void report(F&& call) {

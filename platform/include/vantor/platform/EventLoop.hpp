@@ -61,7 +61,10 @@ class EventLoop {
   /// Runs `work` on the loop later, after the work posted before it.
   void post(std::function<void()> work);
 
-  /// Runs `work` at once when called on the loop thread, otherwise posts it.
+  /// Runs `work` at once when called on the loop thread (or once the loop
+  /// has stopped), otherwise posts it without waiting. Work dispatched from
+  /// one thread runs in the order it was dispatched, and before the work of
+  /// any later `sync` from that thread.
   void dispatch(std::function<void()> work);
 
   /// Runs `work` on the loop and returns its result: at once when called on

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -53,7 +54,10 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// leave times out, or at once when the channel cannot push.
   std::shared_ptr<Push> leave(double timeout = Defaults::timeoutInterval);
   /// Pushes an application event, or buffers it until the channel is
-  /// joined. Pushing before `join()` stops the process.
+  /// joined. Pushing before `join()` stops the process. Called off the
+  /// loop, the push is queued onto it and the call returns without waiting;
+  /// later calls from the same thread are queued behind it, so a read made
+  /// afterwards sees it.
   std::shared_ptr<Push> push(const std::string& event, Payload payload,
                              double timeout = Defaults::timeoutInterval);
 
@@ -156,7 +160,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   SynchronizedGroups<Binding> syncBindingsDel_;
   int bindingRef_ = 0;
   double timeout_;
-  bool joinedOnce_ = false;
+  std::atomic<bool> joinedOnce_{false};  // also read by push() off the loop
   std::shared_ptr<Push> joinPush_;
   std::vector<std::shared_ptr<Push>> pushBuffer_;
   std::shared_ptr<TimeoutTimer> rejoinTimer_;

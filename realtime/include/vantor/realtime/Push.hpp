@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -52,7 +53,8 @@ class Push : public std::enable_shared_from_this<Push> {
   void resend(double timeout);
 
   /// Adds a hook for replies with `status`; a hook added after such a reply
-  /// arrived runs at once with it, and is kept. Returns this push.
+  /// arrived runs at once with it, and is kept. Returns this push. Called
+  /// off the loop, it is queued like `Channel::push` and does not wait.
   std::shared_ptr<Push> receive(const std::string& status, Hook callback);
   /// As `receive`, holding `owner` weakly.
   template <class Owner>
@@ -98,6 +100,7 @@ class Push : public std::enable_shared_from_this<Push> {
   Payload payload_;
   double timeout_;
   std::optional<Message> receivedMessage_;
+  std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   std::shared_ptr<platform::DispatchWorkItem> timeoutWorkItem_;
   std::map<std::string, std::vector<Delegated<Message, void>>, std::less<>> receiveHooks_;
   bool sent_ = false;
