@@ -1,7 +1,7 @@
 #include "vantor/realtime/Push.hpp"
 
 #include "Guarded.hpp"
-#include "vantor/platform/DispatchWorkItem.hpp"
+#include "PushTimeouts.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Socket.hpp"
@@ -25,11 +25,7 @@ Push::Push(const std::shared_ptr<Channel>& channel, std::string event, Payload p
            double timeout)
     : channel_(channel), event_(std::move(event)), payload_(std::move(payload)), timeout_(timeout) {}
 
-Push::~Push() {
-  if (timeoutWorkItem_) {
-    timeoutWorkItem_->cancel();
-  }
-}
+Push::~Push() = default;
 
 void Push::send() {
   onLoop([&] {
@@ -95,19 +91,18 @@ void Push::reset() {
 
 void Push::cancelTimeout() {
   onLoop([&] {
-    if (timeoutWorkItem_) {
-      timeoutWorkItem_->cancel();
+    if (timeoutKey_) {
+      // Withdrawing releases the time-out's hold on this push.
+      auto self = shared_from_this();
+      detail::PushTimeouts::main().withdraw(*timeoutKey_);
+      timeoutKey_.reset();
     }
-    timeoutWorkItem_.reset();
   });
 }
 
 void Push::startTimeout() {
   onLoop([&] {
-    if (timeoutWorkItem_) {
-      timeoutWorkItem_->cancel();
-      timeoutWorkItem_.reset();
-    }
+    cancelTimeout();
     auto channel = channel_.lock();
     auto socket = channel ? channel->socket() : nullptr;
     if (!socket) {
@@ -120,10 +115,7 @@ void Push::startTimeout() {
     refEvent_ = Channel::replyEventName(*ref_);
     channel->delegateOn<Push>(*refEvent_, shared_from_this(),
                               [](Push& push, const Message& message) { push.replied(message); });
-    auto item = platform::DispatchWorkItem::make(
-        [self = shared_from_this()] { self->trigger("timeout", Payload{}); });
-    timeoutWorkItem_ = item;
-    TimerQueue::main().queue(timeout_, std::move(item));
+    timeoutKey_ = detail::PushTimeouts::main().arm(TimerQueue::milliseconds(timeout_), shared_from_this());
   });
 }
 

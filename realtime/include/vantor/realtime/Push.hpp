@@ -1,20 +1,19 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vantor/realtime/Delegated.hpp"
 #include "vantor/realtime/Message.hpp"
 #include "vantor/realtime/Payload.hpp"
-
-namespace vantor::platform {
-class DispatchWorkItem;
-}
 
 namespace vantor::realtime {
 
@@ -101,7 +100,8 @@ class Push : public std::enable_shared_from_this<Push> {
   double timeout_;
   std::optional<Message> receivedMessage_;
   std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
-  std::shared_ptr<platform::DispatchWorkItem> timeoutWorkItem_;
+  // The time-out armed for the current reference (see detail::PushTimeouts).
+  std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
   std::map<std::string, std::vector<Delegated<Message, void>>, std::less<>> receiveHooks_;
   bool sent_ = false;
   std::optional<std::string> ref_;
