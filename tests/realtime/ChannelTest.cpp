@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <mutex>
+
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
@@ -126,6 +128,42 @@ TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
                                                  json::object{{"response", json::object{}}}}));
   EXPECT_EQ(seen.size(), 3U);
   EXPECT_TRUE(three->receivedMessage());
+}
+
+// All waiting pushes share one ordered set of deadlines: whatever order the
+// pushes were made in, time-outs fire by deadline (equal ones in the order
+// made), a reply withdraws only its own, and a push made from a "timeout"
+// hook gets a deadline of its own among the rest.
+TEST_F(ChannelWithFakeTransport, TimeOutsFireByDeadlineWhateverTheOrderThePushesWereMadeIn) {
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  channel->join();
+  joinOk(transport, channel);
+
+  std::mutex mutex;
+  std::vector<std::string> timedOut;
+  auto note = [&](const std::string& name) {
+    return [&, name](const Message&) {
+      std::lock_guard lock(mutex);
+      timedOut.push_back(name);
+    };
+  };
+  channel->push("a", {}, 0.6)->receive("timeout", note("a"));
+  channel->push("b", {}, 0.1)->receive("timeout", [&](const Message& message) {
+    note("b")(message);
+    channel->push("f", {}, 0.05)->receive("timeout", note("f"));
+  });
+  channel->push("c", {}, 0.3)->receive("timeout", note("c"));
+  channel->push("d", {}, 0.1)->receive("timeout", note("d"));
+  channel->push("e", {}, 0.3)->receive("timeout", note("e"));
+  reply(transport, lastFrame(transport, "c"), "ok");
+
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex);
+    return timedOut.size() == 5;
+  }));
+  std::lock_guard lock(mutex);
+  EXPECT_THAT(timedOut, ElementsAre("b", "d", "f", "e", "a"));
 }
 
 TEST_F(ChannelWithFakeTransport, AServerErrorMakesTheChannelRejoinWithANewJoinReference) {
