@@ -18,7 +18,12 @@ auto onLoop(F&& work) {
 
 std::shared_ptr<Push> Push::make(const std::shared_ptr<Channel>& channel, std::string event,
                                  Payload payload, double timeout) {
-  return std::shared_ptr<Push>(new Push(channel, std::move(event), std::move(payload), timeout));
+  // One allocation for the push and its control block.
+  struct Made : Push {
+    Made(const std::shared_ptr<Channel>& channel, std::string event, Payload payload, double timeout)
+        : Push(channel, std::move(event), std::move(payload), timeout) {}
+  };
+  return std::make_shared<Made>(channel, std::move(event), std::move(payload), timeout);
 }
 
 Push::Push(const std::shared_ptr<Channel>& channel, std::string event, Payload payload,
@@ -123,7 +128,7 @@ void Push::replied(const Message& message) {
   // The binding goes first, so that a reply is handled once.
   removeReplyBinding();
   cancelTimeout();
-  receivedMessage_ = message;
+  receivedMessage_ = std::make_unique<const Message>(message);
   hasReply_ = true;
   if (auto status = message.status()) {
     matchReceive(*status, message);
@@ -184,7 +189,7 @@ void Push::setTimeout(double seconds) {
   onLoop([&] { timeout_ = seconds; });
 }
 std::optional<Message> Push::receivedMessage() const {
-  return onLoop([&] { return receivedMessage_; });
+  return onLoop([&] { return receivedMessage_ ? std::optional<Message>(*receivedMessage_) : std::nullopt; });
 }
 bool Push::sent() const {
   return onLoop([&] { return sent_; });

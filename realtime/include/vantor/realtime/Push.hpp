@@ -98,7 +98,7 @@ class Push : public std::enable_shared_from_this<Push> {
   const std::string event_;
   Payload payload_;
   double timeout_;
-  std::optional<Message> receivedMessage_;
+  std::unique_ptr<const Message> receivedMessage_;  // only once replied: most pushes wait
   std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   // The time-out armed for the current reference (see detail::PushTimeouts).
   std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
