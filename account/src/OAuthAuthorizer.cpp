@@ -263,7 +263,9 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
 
 bool redirectStateMatches(const std::string& redirectURL, const std::string& expected) {
   auto url = boost::urls::parse_uri_reference(redirectURL);
-  if (!url) {
+  // An empty query names no state; Boost.URL 1.81 also reads past the end
+  // when it walks the items of an empty query before a fragment ("?#").
+  if (!url || url->encoded_query().empty()) {
     return false;
   }
   int matches = 0;
