@@ -1,4 +1,5 @@
-# make test          the whole suite: normal, ASan+UBSan and TSan builds, and
+# make test          the whole suite: normal, ASan+UBSan and TSan builds, the
+#                    fuzz targets (30 s each; FUZZ_SECONDS=0 skips them) and
 #                    the installed-package consumer check
 # make demo          the realtime demo against a bundled local server
 # make demo URL=ws://host/socket TOPIC=room:lobby PARAMS="token=abc"
@@ -6,11 +7,14 @@
 # make demo-signin   the sign-in example against a local OpenID provider
 # make bench         the benchmarks (normal build)
 # make build         the normal build only
+# make fuzz          the fuzz targets (clang, libFuzzer), 300 s each;
+#                    SECONDS_PER_TARGET=60 for less
 
 SHELL := /bin/bash
+SECONDS_PER_TARGET ?= 300
 .DEFAULT_GOAL := test
 
-.PHONY: setup build test demo demo-signin bench clean
+.PHONY: setup build test fuzz demo demo-signin bench clean
 
 setup:
 	@scripts/setup.sh
@@ -20,6 +24,9 @@ build: setup
 
 test: setup
 	@scripts/test-all.sh
+
+fuzz: setup
+	@scripts/fuzz.sh $(SECONDS_PER_TARGET)
 
 demo: setup
 	@scripts/build.sh normal vantor-demo
