@@ -1,4 +1,5 @@
-# make test          the whole suite: normal, ASan+UBSan and TSan builds, and
+# make test          the whole suite: normal, ASan+UBSan and TSan builds, the
+#                    fuzz targets (30 s each; FUZZ_SECONDS=0 skips them) and
 #                    the installed-package consumer check
 # make demo          the realtime demo against a bundled local server
 # make demo URL=ws://host/socket TOPIC=room:lobby PARAMS="token=abc"
@@ -7,11 +8,14 @@
 # make bench         the benchmarks (normal build)
 # make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
 # make build         the normal build only
+# make fuzz          the fuzz targets (clang, libFuzzer), 300 s each;
+#                    SECONDS_PER_TARGET=60 for less
 
 SHELL := /bin/bash
+SECONDS_PER_TARGET ?= 300
 .DEFAULT_GOAL := test
 
-.PHONY: setup build test demo demo-signin bench soak clean
+.PHONY: setup build test fuzz demo demo-signin bench soak clean
 
 setup:
 	@scripts/setup.sh
@@ -21,6 +25,9 @@ build: setup
 
 test: setup
 	@scripts/test-all.sh
+
+fuzz: setup
+	@scripts/fuzz.sh $(SECONDS_PER_TARGET)
 
 demo: setup
 	@scripts/build.sh normal vantor-demo

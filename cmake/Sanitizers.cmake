@@ -11,6 +11,16 @@ elseif(VANTOR_SANITIZER STREQUAL "thread")
   # which Asio's headers use; with warnings as errors that stops the build.
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer -Wno-tsan -Wno-maybe-uninitialized)
   add_link_options(-fsanitize=thread)
+elseif(VANTOR_SANITIZER STREQUAL "fuzzer")
+  # libFuzzer's coverage instrumentation with ASan and UBSan, for the fuzz
+  # targets and everything they link; only the targets themselves link the
+  # fuzzer's main (-fsanitize=fuzzer, see fuzz/CMakeLists.txt).
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "VANTOR_SANITIZER=fuzzer needs clang (libFuzzer)")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
 elseif(NOT VANTOR_SANITIZER STREQUAL "none")
-  message(FATAL_ERROR "VANTOR_SANITIZER must be none, address or thread")
+  message(FATAL_ERROR "VANTOR_SANITIZER must be none, address, thread or fuzzer")
 endif()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole suite in the normal, AddressSanitizer+UBSan and
-# ThreadSanitizer builds, then checks that an outside project can consume the
-# installed package. Exits non-zero if anything failed.
+# ThreadSanitizer builds, runs each fuzz target for FUZZ_SECONDS (30; 0 skips
+# them), then checks that an outside project can consume the installed
+# package. Exits non-zero if anything failed.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 configs=${CONFIGS:-"normal asan tsan"}
@@ -22,6 +23,16 @@ for config in $configs; do
   fi
   echo "=== $config: $((SECONDS - start))s"
 done
+
+fuzz_seconds=${FUZZ_SECONDS:-30}
+if [ "$fuzz_seconds" -gt 0 ]; then
+  echo "=== fuzz: build and ${fuzz_seconds}s per target"
+  start=$SECONDS
+  if ! scripts/fuzz.sh "$fuzz_seconds"; then
+    failed+=("fuzz")
+  fi
+  echo "=== fuzz: $((SECONDS - start))s"
+fi
 
 echo "=== consumer of the installed package"
 if ! scripts/consumer-check.sh; then

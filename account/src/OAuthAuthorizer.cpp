@@ -60,10 +60,11 @@ std::optional<std::vector<std::string>> audiencesOf(const json::object& claims) 
   return list;
 }
 
-// What is wrong with an ID token's claims for this sign-in (OpenID Connect
-// Core, section 3.1.3.7), if anything. The signature is not checked: the
-// token came straight from the token endpoint over a verified connection,
-// which that section accepts in its place.
+}  // namespace
+
+// The signature is not checked: the token came straight from the token
+// endpoint over a verified connection, which OpenID Connect Core (section
+// 3.1.3.7) accepts in its place.
 std::optional<std::string> idTokenProblem(const json::object& claims, const std::string& issuer,
                                           const std::string& clientId,
                                           const std::optional<std::string>& nonce) {
@@ -91,6 +92,34 @@ std::optional<std::string> idTokenProblem(const json::object& claims, const std:
   }
   return std::nullopt;
 }
+
+UserinfoResponse readUserinfoResponse(const HttpOutcome& outcome,
+                                      const std::optional<std::string>& knownSubject) {
+  UserinfoResponse answer;
+  if (!outcome.succeeded() || outcome.status != 200) {
+    answer.problem = "the userinfo endpoint failed: " +
+                     (outcome.succeeded() ? "status " + std::to_string(outcome.status) : outcome.failure);
+    return answer;
+  }
+  boost::system::error_code error;
+  auto document = json::parse(outcome.body, error);
+  if (error || !document.is_object()) {
+    answer.problem = "the userinfo endpoint answered no JSON object";
+    return answer;
+  }
+  auto subject = textField(document.as_object(), "sub");
+  // OpenID Connect Core, section 5.3.4: a different subject means the
+  // answer is not about this user.
+  if (!subject || subject->empty() || (knownSubject && subject != knownSubject)) {
+    answer.problem = "the userinfo answer is about another user";
+    return answer;
+  }
+  answer.subject = std::move(subject);
+  answer.email = textField(document.as_object(), "email");
+  return answer;
+}
+
+namespace {
 
 // The token response and, when needed, the userinfo request of one code
 // exchange, on the main loop. Ends by posting the account-did-change
@@ -179,24 +208,13 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
   }
 
   void onUserinfo(const HttpOutcome& outcome) {
-    if (!outcome.succeeded() || outcome.status != 200) {
-      return fail("the userinfo endpoint failed: " +
-                  (outcome.succeeded() ? "status " + std::to_string(outcome.status) : outcome.failure));
+    auto answer = readUserinfoResponse(outcome, subject_);
+    if (answer.problem) {
+      return fail(*answer.problem);
     }
-    boost::system::error_code error;
-    auto document = json::parse(outcome.body, error);
-    if (error || !document.is_object()) {
-      return fail("the userinfo endpoint answered no JSON object");
-    }
-    auto subject = textField(document.as_object(), "sub");
-    // OpenID Connect Core, section 5.3.4: a different subject means the
-    // answer is not about this user.
-    if (!subject || subject->empty() || (subject_ && subject != subject_)) {
-      return fail("the userinfo answer is about another user");
-    }
-    subject_ = subject;
-    if (auto email = textField(document.as_object(), "email")) {
-      email_ = email;
+    subject_ = std::move(answer.subject);
+    if (answer.email) {
+      email_ = std::move(answer.email);
     }
     finishIdentity();
   }
@@ -245,7 +263,9 @@ class TokenExchange : public std::enable_shared_from_this<TokenExchange> {
 
 bool redirectStateMatches(const std::string& redirectURL, const std::string& expected) {
   auto url = boost::urls::parse_uri_reference(redirectURL);
-  if (!url) {
+  // An empty query names no state; Boost.URL 1.81 also reads past the end
+  // when it walks the items of an empty query before a fragment ("?#").
+  if (!url || url->encoded_query().empty()) {
     return false;
   }
   int matches = 0;

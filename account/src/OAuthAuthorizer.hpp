@@ -6,6 +6,9 @@
 #include <string>
 #include <vector>
 
+#include <boost/json/object.hpp>
+
+#include "HttpClient.hpp"
 #include "ServiceEndpoints.hpp"
 #include "vantor/account/QMAccount.hpp"
 #include "vantor/account/QMOAuthAccountManager.hpp"
@@ -60,5 +63,25 @@ class OAuthAuthorizer : public QMWebServiceAuthorizer,
 
 // True when `redirectURL` carries exactly one `state`, equal to `expected`.
 bool redirectStateMatches(const std::string& redirectURL, const std::string& expected);
+
+// What is wrong with an ID token's claims for a sign-in of `clientId` at
+// `issuer` that sent `nonce` (none: it sent none), if anything.
+std::optional<std::string> idTokenProblem(const boost::json::object& claims, const std::string& issuer,
+                                          const std::string& clientId,
+                                          const std::optional<std::string>& nonce);
+
+// What a userinfo endpoint answered about the user who signed in.
+struct UserinfoResponse {
+  std::optional<std::string> subject;
+  std::optional<std::string> email;
+  // What makes the answer unusable, if anything.
+  std::optional<std::string> problem;
+};
+
+// Reads `outcome`; `knownSubject` is the user the ID token named, if it was
+// read. Every value is checked, so a malformed answer yields a problem and
+// never an exception.
+UserinfoResponse readUserinfoResponse(const HttpOutcome& outcome,
+                                      const std::optional<std::string>& knownSubject);
 
 }  // namespace vantor::account::detail

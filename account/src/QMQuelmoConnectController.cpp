@@ -397,10 +397,14 @@ QMQuelmoConnectController::handleOAuthResponseOnLoop(std::string_view url) {
     return Error::accountMismatch;
   }
   std::optional<std::string> code;
-  // '+' stays '+': codes are opaque, and only %-escapes are decoded.
-  for (auto param : parsed->params(boost::urls::encoding_opts(false, false, false))) {
-    if (param.key == "code" && param.has_value) {
-      code = param.value;
+  // '+' stays '+': codes are opaque, and only %-escapes are decoded. An
+  // empty query has no code, and is not walked: Boost.URL 1.81 reads past
+  // the end of the URL for an empty query before a fragment ("?#").
+  if (!parsed->encoded_query().empty()) {
+    for (auto param : parsed->params(boost::urls::encoding_opts(false, false, false))) {
+      if (param.key == "code" && param.has_value) {
+        code = param.value;
+      }
     }
   }
   if (!code) {

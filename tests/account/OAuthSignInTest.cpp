@@ -314,6 +314,10 @@ TEST_F(OAuthSignInTest, OnlyTheGenuineRedirectCountsAndOnlyOnce) {
   exchange(redirect("stale", genuineState));
   exchange(redirect("forged", "guessed-state"));
   exchange(std::string(redirectURI) + "?code=forged");
+  // The pending sign-in's state, but in the fragment after an empty query.
+  auto inFragment = redirect("forged");
+  inFragment.insert(inFragment.find('?') + 1, "#");
+  exchange(inFragment);
   // The genuine one, delivered twice.
   exchange(redirect("code-1"));
   exchange(redirect("code-1"));

@@ -246,6 +246,7 @@ TEST_F(QMQuelmoConnectControllerTest, RedirectsGiveTheLastCodeOfTheRightService)
   // Refused redirects leave the sign-in pending for a good one.
   for (const auto& refused : std::vector<std::pair<std::string, Error>>{
            {base + "?code", Error::authenticationFailed},
+           {base + "?#code=abc", Error::authenticationFailed},
            {"com.example.notes:/callback?code=abc&quelmoconnect", Error::accountMismatch},
            {"com.example.notes:/qm accounts/quelmoconnect?code=abc", Error::internal}}) {
     EXPECT_EQ(thrownBy([&refused] { controller().handleOAuthResponse(refused.first); }), refused.second)
