@@ -45,6 +45,20 @@ inline void runReadyWork(std::size_t limit) {
   }
 }
 
+/// Plays one input a line at a time on a fresh `Session` (default
+/// constructible, with `play(std::string_view)`), then lets the withdrawn
+/// and expired timers of the session release what they hold.
+template <class Session>
+void playSession(const std::uint8_t* data, std::size_t size, std::size_t maxLines) {
+  {
+    Session session;
+    for (auto line : lines(data, size, maxLines)) {
+      session.play(line);
+    }
+  }
+  runReadyWork(1000);
+}
+
 /// Stops the process so that libFuzzer reports the input: a property the
 /// library promises does not hold.
 [[noreturn]] inline void violated(const char* what) {

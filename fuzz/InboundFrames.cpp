@@ -181,13 +181,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  {
-    vantor::realtime::Session session;
-    for (auto line : vantor::fuzz::lines(data, size, vantor::realtime::maxLines)) {
-      session.play(line);
-    }
-  }
-  // Withdrawn and expired timers of the session release what they hold.
-  vantor::fuzz::runReadyWork(1000);
+  vantor::fuzz::playSession<vantor::realtime::Session>(data, size, vantor::realtime::maxLines);
   return 0;
 }

@@ -243,12 +243,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  {
-    vantor::realtime::Room room;
-    for (auto line : vantor::fuzz::lines(data, size, vantor::realtime::maxLines)) {
-      room.play(line);
-    }
-  }
-  vantor::fuzz::runReadyWork(1000);
+  vantor::fuzz::playSession<vantor::realtime::Room>(data, size, vantor::realtime::maxLines);
   return 0;
 }
