@@ -43,14 +43,17 @@ bool passesOnPrivateBus(const std::string& test, const std::string& prelude) {
   testing::ScratchDirectory home("vantor-keyring");
   fs::create_directories(home.path() / "run");
   fs::permissions(home.path() / "run", fs::perms::owner_all);
-  // ThreadSanitizer builds are told to ignore GLib's own hand-offs there.
-  auto script = "export HOME=\"$1\" XDG_DATA_HOME=\"$1/data\" XDG_RUNTIME_DIR=\"$1/run\" " +
-                std::string(insideMarker) + "=1 TSAN_OPTIONS=\"$TSAN_OPTIONS suppressions=" +
-                VANTOR_GLIB_TSAN_SUPPRESSIONS + "\"; " + prelude +
+  // The scratch home is set before the bus starts, so that a daemon the bus
+  // starts on demand uses it too. ThreadSanitizer builds are told to ignore
+  // GLib's own hand-offs there.
+  auto script = std::string(insideMarker) + "=1 TSAN_OPTIONS=\"$TSAN_OPTIONS suppressions=" +
+                VANTOR_GLIB_TSAN_SUPPRESSIONS + "\"; export " + insideMarker + " TSAN_OPTIONS; " + prelude +
                 "; exec \"$2\" --gtest_filter=\"$3\" 2>&1";
-  auto run = testing::runToCompletion({"dbus-run-session", "--", "sh", "-c", script, "sh", home.path().string(),
-                                       fs::read_symlink("/proc/self/exe").string(), test},
-                                      std::chrono::seconds(60));
+  const auto dir = home.path().string();
+  auto run = testing::runToCompletion(
+      {"env", "HOME=" + dir, "XDG_DATA_HOME=" + dir + "/data", "XDG_RUNTIME_DIR=" + dir + "/run",
+       "dbus-run-session", "--", "sh", "-c", script, "sh", dir, fs::read_symlink("/proc/self/exe").string(), test},
+      std::chrono::seconds(60));
   EXPECT_TRUE(run) << "the private bus did not finish";
   if (run && (run->status != 0 || run->output.find("[  PASSED  ] 1 test") == std::string::npos)) {
     ADD_FAILURE() << run->output;
@@ -72,7 +75,13 @@ TEST_F(SecretServiceTest, KeepsTokensInTheKeyringAndTheRestInTheFile) {
     // The daemon creates and unlocks a "login" keyring with this password.
     EXPECT_TRUE(passesOnPrivateBus("SecretServiceTest.KeepsTokensInTheKeyringAndTheRestInTheFile",
                                    "echo -n test-only | gnome-keyring-daemon --unlock --components=secrets "
-                                   ">/dev/null"));
+                                   ">/dev/null; "
+                                   // The daemon returns before it owns its bus name; a request
+                                   // made earlier would make the bus start a second one.
+                                   "for i in $(seq 200); do dbus-send --session --print-reply "
+                                   "--dest=org.freedesktop.DBus /org/freedesktop/DBus "
+                                   "org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets "
+                                   "| grep -q true && break; sleep 0.05; done"));
     return;
   }
   std::shared_ptr<SecretStore> secrets = SecretStore::connect("com.example.notes");
