@@ -121,14 +121,6 @@ bool EventLoop::hasStopped() const noexcept { return impl_->stopped; }
 
 void EventLoop::post(std::function<void()> work) { asio::post(impl_->context, std::move(work)); }
 
-void EventLoop::dispatch(std::function<void()> work) {
-  if (isCurrentThread() || hasStopped()) {
-    work();
-  } else {
-    post(std::move(work));
-  }
-}
-
 void EventLoop::asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item) {
   // Clamped, so that the conversion to the clock's nanoseconds cannot
   // overflow; a century is "never" for a process.

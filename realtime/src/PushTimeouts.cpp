@@ -30,12 +30,7 @@ void PushTimeouts::withdraw(const Key& key) {
   // The wake-up stays armed: when it comes early it finds nothing due and
   // sleeps until the next deadline, which is cheaper than re-arming on
   // every reply.
-  auto found = pending_.find(key);
-  if (found == pending_.end()) {
-    return;
-  }
-  auto push = std::move(found->second);
-  pending_.erase(found);
+  pending_.erase(key);
 }
 
 void PushTimeouts::schedule() {

@@ -65,7 +65,10 @@ class EventLoop {
   /// has stopped), otherwise posts it without waiting. Work dispatched from
   /// one thread runs in the order it was dispatched, and before the work of
   /// any later `sync` from that thread.
-  void dispatch(std::function<void()> work);
+  /// On the loop thread nothing is wrapped or allocated: the per-message
+  /// calls that use it pay only for the work itself.
+  template <class F>
+  void dispatch(F&& work);
 
   /// Runs `work` on the loop and returns its result: at once when called on
   /// the loop thread (or once the loop has stopped), otherwise the work is
@@ -108,6 +111,15 @@ auto submitAndWait(F& work, Submit&& submit) -> std::invoke_result_t<F&> {
 }
 
 }  // namespace detail
+
+template <class F>
+void EventLoop::dispatch(F&& work) {
+  if (isCurrentThread() || hasStopped()) {
+    std::invoke(work);
+  } else {
+    post(std::function<void()>(std::forward<F>(work)));
+  }
+}
 
 template <class F>
 auto EventLoop::sync(F&& work) -> std::invoke_result_t<F&> {
