@@ -14,7 +14,11 @@
 // Prints its figures, the last lines machine-readable, and exits 1 when one
 // falls short.
 //
-//   vantor-soak [--cycles N] [--channels N]
+//   vantor-soak [--cycles N] [--channels N] [--diagnose]
+//
+// --diagnose counts, through the socket's logger, replies dropped as
+// outdated and join time-outs. extra_closes counts closes beyond one per
+// fault: failed reconnect attempts, and faults the run did not make.
 #include <unistd.h>
 
 #include <algorithm>
@@ -61,7 +65,11 @@ using vantor::realtime::URLSessionTransport;
 using vantor::testing::FaultProxy;
 using vantor::testing::PhoenixTestServer;
 
-constexpr double heartbeatInterval = 0.1;
+// Under a sanitizer on a busy machine the loop and the server stall for
+// more than 0.1 s now and then; a heartbeat that short would then add faults
+// of its own, and the replies of pushes that had just been delivered would
+// be lost with them (they time out, as they must).
+constexpr double heartbeatInterval = sanitized ? 0.5 : 0.1;
 constexpr double pushTimeout = 5.0;
 // A push has its outcome within its time-out; after this long it is judged.
 constexpr auto judgeAfter = 7s;
@@ -96,6 +104,11 @@ struct Figures {
   long erroredNotDeliveredOnce = 0;
   long deliveredTwice = 0;
   long deliveriesAfterJudging = 0;
+  long erroredNotAnsweredOk = 0;
+  // The first few pushes made while errored that were not delivered once
+  // or not answered "ok": when they were made (seconds into the run), their
+  // outcomes and deliveries.
+  std::vector<std::string> erroredMisses;
 };
 
 enum class Outcome { ok, error, timeout };
@@ -105,6 +118,8 @@ enum class Outcome { ok, error, timeout };
 // the server's deliveries and judges.
 class Ledger {
  public:
+  explicit Ledger(Clock::time_point start) : start_(start) {}
+
   long open(bool whileErrored) {
     std::lock_guard lock(mutex_);
     const long id = nextId_++;
@@ -173,7 +188,15 @@ class Ledger {
       figures_.withSeveralOutcomes += record.outcomes > 1 ? 1 : 0;
       figures_.deliveredTwice += record.deliveries > 1 ? 1 : 0;
       if (record.whileErrored && (record.deliveries != 1 || record.ok != 1)) {
-        ++figures_.erroredNotDeliveredOnce;
+        figures_.erroredNotDeliveredOnce += record.deliveries != 1 ? 1 : 0;
+        figures_.erroredNotAnsweredOk += record.ok != 1 ? 1 : 0;
+        if (figures_.erroredMisses.size() < 5) {
+          figures_.erroredMisses.push_back(
+              "push " + std::to_string(id) + " made at " +
+              std::to_string(std::chrono::duration<double>(record.made - start_).count()) + " s: " +
+              std::to_string(record.outcomes) + " outcomes (" + std::to_string(record.ok) + " ok), " +
+              std::to_string(record.deliveries) + " deliveries");
+        }
       }
       return true;
     });
@@ -193,6 +216,7 @@ class Ledger {
     int deliveries = 0;
   };
 
+  const Clock::time_point start_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::unordered_map<long, Record> records_;
@@ -241,7 +265,7 @@ int parseCount(const char* text, const char* what) {
 
 class Soak {
  public:
-  Soak(int cycles, int channelCount) : cycles_(cycles) {
+  Soak(int cycles, int channelCount, bool diagnose) : cycles_(cycles), diagnose_(diagnose) {
     URLSessionConfiguration configuration;
     configuration.handshakeTimeout = 1s;
     configuration.closeTimeout = 200ms;
@@ -252,6 +276,17 @@ class Soak {
     socket_->setHeartbeatInterval(heartbeatInterval);
     socket_->setReconnectAfter([](int) { return 0.02; });
     socket_->setRejoinAfter([](int) { return 0.02; });
+    if (diagnose_) {
+      // Counts what the socket logs about replies it could not route.
+      socket_->setLogger([this](const std::string& line) {
+        if (line.find("dropping outdated message") != std::string::npos &&
+            line.find("phx_reply") != std::string::npos) {
+          ++outdatedReplies_;
+        } else if (line.find("timeout soak:") != std::string::npos) {
+          ++joinTimeouts_;
+        }
+      });
+    }
     socket_->onOpen([this] { ++opens_; });
     socket_->onClose([this] { ++closes_; });
     for (int i = 0; i < channelCount; ++i) {
@@ -285,6 +320,7 @@ class Soak {
     const int sampleCycle = std::max(1, cycles_ / 10);
     for (int cycle = 1; cycle <= cycles_; ++cycle) {
       const Fault fault = faults[(cycle - 1) % std::size(faults)];
+      cyclesRun_ = cycle;
       if (!runCycle(fault)) {
         std::cout << "cycle " << cycle << " (" << nameOf(fault) << "): no recovery within "
                   << recoveryLimit.count() << " s; " << joinedCount() << " of " << channels_.size()
@@ -418,6 +454,7 @@ class Soak {
     require(f.errors == 0, "pushes answered \"error\"");
     require(f.pushesWhileErrored > 0, "no push was made while a channel was errored");
     require(f.erroredNotDeliveredOnce == 0, "pushes made while errored not delivered exactly once");
+    require(f.erroredNotAnsweredOk == 0, "pushes made while errored not answered \"ok\"");
     require(f.deliveredTwice == 0, "pushes delivered twice");
     require(bindingsOver == 0, "bindings above their baseline");
     require(fdGrowth <= 5.0, "file descriptors grew by more than 5%");
@@ -436,19 +473,27 @@ class Soak {
     for (const auto& what : shortfalls) {
       std::cout << "SHORT: " << what << "\n";
     }
+    for (const auto& miss : f.erroredMisses) {
+      std::cout << "  " << miss << "\n";
+    }
+    if (diagnose_) {
+      std::cout << "replies dropped as outdated: " << outdatedReplies_ << ", join time-outs: " << joinTimeouts_
+                << "\n";
+    }
     std::printf(
         "cycles=%d\nelapsed_s=%.1f\nslowest_recovery_ms=%lld\nchannels_joined=%zu/%zu\n"
         "pushes=%ld\npushes_while_errored=%ld\noutcomes_ok=%ld\noutcomes_timeout=%ld\n"
         "outcomes_error=%ld\npushes_without_outcome=%ld\npushes_with_several_outcomes=%ld\n"
-        "errored_pushes_not_delivered_once=%ld\npushes_delivered_twice=%ld\n"
+        "errored_pushes_not_delivered_once=%ld\nerrored_pushes_not_answered_ok=%ld\n"
+        "pushes_delivered_twice=%ld\n"
         "deliveries_after_judging=%ld\nrss_kib_cycle_%d=%ld\nrss_kib_end=%ld\nrss_growth_pct=%.2f\n"
-        "fds_cycle_%d=%ld\nfds_end=%ld\nbindings_over_baseline=%zu\nresult=%s\n",
+        "fds_cycle_%d=%ld\nfds_end=%ld\nbindings_over_baseline=%zu\nextra_closes=%d\nresult=%s\n",
         cycles_, elapsed_, static_cast<long long>(slowestRecovery_.count()), joined, channels_.size(),
         f.pushes, f.pushesWhileErrored, f.ok, f.timeouts, f.errors, f.withoutOutcome,
-        f.withSeveralOutcomes + f.outcomesAfterJudging, f.erroredNotDeliveredOnce, f.deliveredTwice,
+        f.withSeveralOutcomes + f.outcomesAfterJudging, f.erroredNotDeliveredOnce, f.erroredNotAnsweredOk, f.deliveredTwice,
         f.deliveriesAfterJudging, sampleCycle, sampleAtTenth_.residentKiB, sampleAtEnd_.residentKiB,
         rssGrowth, sampleCycle, sampleAtTenth_.fds, sampleAtEnd_.fds, bindingsOver,
-        shortfalls.empty() ? "PASS" : "FAIL");
+        closes_ - std::min(closes_.load(), cyclesRun_), shortfalls.empty() ? "PASS" : "FAIL");
     std::fflush(stdout);
     return shortfalls.empty();
   }
@@ -456,14 +501,18 @@ class Soak {
   const int cycles_;
   PhoenixTestServer server_{{.presence = false}};
   FaultProxy proxy_{{.targetPort = server_.port()}};
-  std::shared_ptr<Ledger> ledger_ = std::make_shared<Ledger>();
+  std::shared_ptr<Ledger> ledger_ = std::make_shared<Ledger>(Clock::now());
   std::shared_ptr<Socket> socket_;
   std::vector<std::shared_ptr<Channel>> channels_;
   std::vector<std::size_t> baselineBindings_;
   std::atomic<int> opens_{0};
   std::atomic<int> closes_{0};
   std::jthread pusher_;
+  const bool diagnose_;
+  std::atomic<int> outdatedReplies_{0};
+  std::atomic<int> joinTimeouts_{0};
   int failedCycle_ = 0;
+  int cyclesRun_ = 0;
   std::chrono::milliseconds slowestRecovery_{0};
   Sample sampleAtTenth_;
   Sample sampleAtEnd_;
@@ -476,17 +525,20 @@ class Soak {
 int main(int argc, char** argv) {
   int cycles = 1000;
   int channels = 100;
+  bool diagnose = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--cycles" && i + 1 < argc) {
       cycles = parseCount(argv[++i], "--cycles");
+    } else if (arg == "--diagnose") {
+      diagnose = true;
     } else if (arg == "--channels" && i + 1 < argc) {
       channels = parseCount(argv[++i], "--channels");
     } else {
-      std::cerr << "usage: vantor-soak [--cycles N] [--channels N]\n";
+      std::cerr << "usage: vantor-soak [--cycles N] [--channels N] [--diagnose]\n";
       return 2;
     }
   }
-  Soak soak(cycles, channels);
+  Soak soak(cycles, channels, diagnose);
   return soak.run() ? 0 : 1;
 }
