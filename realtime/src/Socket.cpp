@@ -246,6 +246,9 @@ void Socket::connect() {
     closeStatus_ = CloseStatus::unknown;
     endPointUrl_ = buildEndpointUrl(endPoint_, paramsClosure_, vsn_);
     connection_ = transport_(endPointUrl_);
+    if (authToken_) {
+      connection_->setSubprotocols(authTokenSubprotocols(*authToken_));
+    }
     connection_->setDelegate(std::make_shared<TransportDelegate>(weak_from_this(), connection_.get()));
     connection_->connect();
   });
@@ -665,6 +668,32 @@ void Socket::setEncoder(Encoder encode) {
 }
 void Socket::setDecoder(Decoder decode) {
   onLoop([&] { decode_ = std::move(decode); });
+}
+std::optional<std::string> Socket::authToken() const {
+  return onLoop([&] { return authToken_; });
+}
+void Socket::setAuthToken(std::optional<std::string> token) {
+  onLoop([&] { authToken_ = std::move(token); });
+}
+std::vector<std::string> Socket::authTokenSubprotocols(const std::string& token) {
+  // The server reads the token back with a base64 decoder that takes no
+  // padding; the alphabet is the standard one.
+  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string name = "base64url.bearer.phx.";
+  std::uint32_t bits = 0;
+  int count = 0;
+  for (const unsigned char byte : token) {
+    bits = (bits << 8) | byte;
+    count += 8;
+    while (count >= 6) {
+      count -= 6;
+      name += alphabet[(bits >> count) & 0x3f];
+    }
+  }
+  if (count > 0) {
+    name += alphabet[(bits << (6 - count)) & 0x3f];
+  }
+  return {"phoenix", std::move(name)};
 }
 bool Socket::disableSSLCertValidation() const {
   return onLoop([&] { return disableSSLCertValidation_; });

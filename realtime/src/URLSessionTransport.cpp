@@ -7,6 +7,7 @@
 #include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
+#include <algorithm>
 #include <deque>
 
 #include "Text.hpp"
@@ -65,9 +66,11 @@ constexpr int abnormalClosure = 1006;
 /// loop only.
 class URLSessionTransport::Session : public std::enable_shared_from_this<Session> {
  public:
-  Session(std::weak_ptr<URLSessionTransport> transport, URLSessionConfiguration configuration)
+  Session(std::weak_ptr<URLSessionTransport> transport, URLSessionConfiguration configuration,
+          std::vector<std::string> subprotocols)
       : transport_(std::move(transport)),
         configuration_(std::move(configuration)),
+        subprotocols_(std::move(subprotocols)),
         resolver_(EventLoop::main().context()),
         deadline_(EventLoop::main().context()) {}
 
@@ -197,6 +200,18 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     });
   }
 
+  static std::string joined(const std::vector<std::string>& items) {
+    std::string text;
+    for (const auto& item : items) {
+      text += (text.empty() ? "" : ", ") + item;
+    }
+    return text;
+  }
+
+  bool isOffered(const std::string& answer) const {
+    return std::find(subprotocols_.begin(), subprotocols_.end(), answer) != subprotocols_.end();
+  }
+
   // The close code of a close frame received from the peer, if one was.
   std::optional<int> receivedCloseCode() {
     int code = 0;
@@ -269,9 +284,18 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       timeouts.idle_timeout = websocket::stream_base::none();
       timeouts.keep_alive_pings = false;
       ws.set_option(timeouts);
-      ws.set_option(websocket::stream_base::decorator([](websocket::request_type& request) {
-        request.set(http::field::user_agent, "VantorClient");
-      }));
+      ws.set_option(websocket::stream_base::decorator(
+          [offered = joined(subprotocols_)](websocket::request_type& request) {
+            request.set(http::field::user_agent, "VantorClient");
+            if (!offered.empty()) {
+              request.set(http::field::sec_websocket_protocol, offered);
+            }
+          }));
+      if (configuration_.perMessageDeflate) {
+        websocket::permessage_deflate deflate;
+        deflate.client_enable = true;
+        ws.set_option(deflate);
+      }
       ws.async_handshake(response_, endpoint_.hostHeader, endpoint_.target,
                          [self = shared_from_this()](error_code error) { self->onHandshake(error); });
     });
@@ -288,6 +312,12 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     }
     if (finished_) {
       return;
+    }
+    if (!subprotocols_.empty() && !isOffered(std::string(response_[http::field::sec_websocket_protocol]))) {
+      // The server must pick one of the offered subprotocols; a connection
+      // it speaks some other way on is failed, as RFC 6455 requires.
+      return fail(boost::system::errc::make_error_code(boost::system::errc::protocol_error),
+                  toHttpResponse(response_));
     }
     open_ = true;
     if (!closing_) {
@@ -429,6 +459,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   std::weak_ptr<URLSessionTransport> transport_;
   URLSessionConfiguration configuration_;
+  std::vector<std::string> subprotocols_;
   NetworkTarget endpoint_;
   tcp::resolver resolver_;
   asio::steady_timer deadline_;
@@ -482,10 +513,11 @@ void URLSessionTransport::setDelegate(std::shared_ptr<PhoenixTransportDelegate> 
 
 void URLSessionTransport::connect() {
   readyState_ = PhoenixTransportReadyState::connecting;
-  auto session = std::make_shared<Session>(weak_from_this(), configuration_);
+  std::shared_ptr<Session> session;
   std::shared_ptr<Session> previous;
   {
     std::lock_guard lock(mutex_);
+    session = std::make_shared<Session>(weak_from_this(), configuration_, subprotocols_);
     previous = std::exchange(session_, session);
   }
   // Posted even on the loop thread, so that no report reaches the delegate
@@ -509,6 +541,11 @@ void URLSessionTransport::disconnect(int code, std::optional<std::string> reason
     EventLoop::main().post(
         [session, code, reason = std::move(reason)]() mutable { session->close(code, std::move(reason)); });
   }
+}
+
+void URLSessionTransport::setSubprotocols(std::vector<std::string> subprotocols) {
+  std::lock_guard lock(mutex_);
+  subprotocols_ = std::move(subprotocols);
 }
 
 void URLSessionTransport::send(std::string data) {

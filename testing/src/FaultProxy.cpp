@@ -73,6 +73,8 @@ class ProxyCore {
   struct Records {
     std::size_t accepted = 0;
     std::size_t open = 0;
+    std::uint64_t bytesTowardsServer = 0;
+    std::uint64_t bytesTowardsClient = 0;
   };
   Recorder<Records> records_;
 
@@ -176,6 +178,9 @@ class Link : public std::enable_shared_from_this<Link> {
           } else if (ec) {
             return self->abort();  // a reset or a vanished peer: pass it on
           } else {
+            self->core_.records_.update([&](auto& r) {
+              (d.towardsServer ? r.bytesTowardsServer : r.bytesTowardsClient) += n;
+            });
             Chunk chunk{std::string(d.buffer.data(), n), 0, self->dueTime(), false, 0};
             auto& faults = self->core_.faults_;
             if (!d.towardsServer && faults.cutArmed && n >= 2) {
@@ -425,6 +430,11 @@ void FaultProxy::delay(std::chrono::milliseconds latency) {
 
 std::size_t FaultProxy::connectionCount() const {
   return impl_->records_.read([](const auto& r) { return r.accepted; });
+}
+
+FaultProxy::ByteCounts FaultProxy::bytesForwarded() const {
+  return impl_->records_.read(
+      [](const auto& r) { return ByteCounts{r.bytesTowardsServer, r.bytesTowardsClient}; });
 }
 
 std::size_t FaultProxy::openConnections() const {

@@ -93,6 +93,31 @@ std::chrono::milliseconds delayOf(const json::object& payload) {
       ec || !(ms > 0) ? 0 : static_cast<std::int64_t>(std::min(ms, kHour)));
 }
 
+// Standard base64 without "=" padding, as the server reads auth tokens.
+std::optional<std::string> decodeUnpaddedBase64(std::string_view text) {
+  static constexpr std::string_view alphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string bytes;
+  std::uint32_t bits = 0;
+  int count = 0;
+  for (const char c : text) {
+    const auto value = alphabet.find(c);
+    if (value == std::string_view::npos) {
+      return std::nullopt;
+    }
+    bits = (bits << 6) | static_cast<std::uint32_t>(value);
+    count += 6;
+    if (count >= 8) {
+      count -= 8;
+      bytes += static_cast<char>((bits >> count) & 0xff);
+    }
+  }
+  if (count >= 6) {
+    return std::nullopt;  // a lone character carries no whole byte
+  }
+  return bytes;
+}
+
 json::object replyPayload(std::string_view status, json::object response) {
   return {{"status", status}, {"response", std::move(response)}};
 }
@@ -113,6 +138,7 @@ class PhoenixTestServer::Impl {
 
   // Everything below runs on the server thread.
   std::optional<int> screen(const std::string& target) const;
+  std::optional<std::string> chooseSubprotocol(const std::string& offered);
   void opened(ConnectionId connection, const std::string& target);
   void received(ConnectionId connection, const std::string& text);
   void closed(ConnectionId connection);
@@ -131,6 +157,7 @@ class PhoenixTestServer::Impl {
   // that returns sees this server's processing of the event as well.
   struct Records {
     std::vector<std::map<std::string, std::string>> params;  // one per connection so far
+    std::vector<std::optional<std::string>> authTokens;       // the same
     std::size_t open = 0;
     std::vector<Frame> frames;
     std::map<std::string, std::size_t> members;
@@ -164,6 +191,8 @@ class PhoenixTestServer::Impl {
   void trace(ConnectionId connection, std::string_view direction, std::string_view text) const;
 
   Options options_;
+  // From the handshake that is being accepted, for its `opened`.
+  std::optional<std::string> pendingAuthToken_;
   std::map<ConnectionId, std::map<std::string, Membership>> channels_;
   std::map<std::string, std::vector<Presence>> presence_;
   std::uint64_t nextPhxRef_ = 1;
@@ -179,6 +208,10 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.echo = false;
   wsOptions.idleTimeout = options_.idleTimeout;
   wsOptions.idleCloseCode = 1002;
+  wsOptions.permessageDeflate = options_.compress;
+  wsOptions.hooks.chooseSubprotocol = [this](const std::string& offered) {
+    return chooseSubprotocol(offered);
+  };
   wsOptions.hooks.screenHandshake = [this](const std::string& target) { return screen(target); };
   wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) { opened(c, target); };
   wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
@@ -205,6 +238,34 @@ std::optional<int> PhoenixTestServer::Impl::screen(const std::string& target) co
   return std::nullopt;
 }
 
+std::optional<std::string> PhoenixTestServer::Impl::chooseSubprotocol(const std::string& offered) {
+  std::vector<std::string> names;
+  for (std::size_t start = 0; start <= offered.size();) {
+    auto end = std::min(offered.find(',', start), offered.size());
+    auto name = offered.substr(start, end - start);
+    name.erase(0, name.find_first_not_of(' '));
+    name.erase(name.find_last_not_of(' ') + 1);
+    if (!name.empty()) {
+      names.push_back(std::move(name));
+    }
+    start = end + 1;
+  }
+  constexpr std::string_view tokenPrefix = "base64url.bearer.phx.";
+  pendingAuthToken_.reset();
+  for (const auto& name : names) {
+    if (name.starts_with(tokenPrefix)) {
+      pendingAuthToken_ = decodeUnpaddedBase64(std::string_view(name).substr(tokenPrefix.size()));
+    }
+  }
+  if (options_.subprotocolAnswer) {
+    return options_.subprotocolAnswer(names);
+  }
+  if (std::find(names.begin(), names.end(), "phoenix") != names.end()) {
+    return "phoenix";
+  }
+  return std::nullopt;
+}
+
 void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string& target) {
   std::map<std::string, std::string> params;
   if (auto parsed = boost::urls::parse_origin_form(target)) {
@@ -216,6 +277,7 @@ void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string&
   trace(connection, "", "connected: " + target);
   records_.update([&](Records& r) {
     r.params.push_back(std::move(params));
+    r.authTokens.push_back(std::exchange(pendingAuthToken_, std::nullopt));
     ++r.open;
   });
 }
@@ -515,6 +577,10 @@ std::size_t PhoenixTestServer::openConnections() const {
 
 std::vector<std::map<std::string, std::string>> PhoenixTestServer::connectParams() const {
   return impl_->records_.read([](const auto& r) { return r.params; });
+}
+
+std::vector<std::optional<std::string>> PhoenixTestServer::authTokens() const {
+  return impl_->records_.read([](const auto& r) { return r.authTokens; });
 }
 
 std::vector<Frame> PhoenixTestServer::receivedFrames(std::string_view topic,

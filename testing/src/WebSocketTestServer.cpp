@@ -110,6 +110,7 @@ class ServerCore {
   std::optional<std::optional<std::uint16_t>> closeAfterUpgrade_;
   std::optional<std::chrono::milliseconds> idleTimeout_;
   std::uint16_t idleCloseCode_ = 1002;
+  bool permessageDeflate_ = false;
   Hooks hooks_;
   std::atomic<bool> stopped_{false};
 
@@ -242,6 +243,19 @@ class StreamSession final : public Session {
     // open must find it registered, for example when a test closes it next.
     // Frames queued meanwhile wait for the upgrade to finish.
     auto closeAfterUpgrade = server_.closeAfterUpgrade_;
+    if (server_.permessageDeflate_) {
+      websocket::permessage_deflate deflate;
+      deflate.server_enable = true;
+      ws_.set_option(deflate);
+    }
+    if (server_.hooks_.chooseSubprotocol) {
+      auto answer = server_.hooks_.chooseSubprotocol(std::string(request[http::field::sec_websocket_protocol]));
+      ws_.set_option(websocket::stream_base::decorator([answer](websocket::response_type& response) {
+        if (answer) {
+          response.set(http::field::sec_websocket_protocol, *answer);
+        }
+      }));
+    }
     server_.opened(self(), target_);
     ws_.async_accept(request, [self = self(), closeAfterUpgrade](beast::error_code ec) {
       if (ec) {
@@ -398,6 +412,7 @@ ServerCore::ServerCore(Options options)
     : echo_(options.echo),
       idleTimeout_(options.idleTimeout),
       idleCloseCode_(options.idleCloseCode),
+      permessageDeflate_(options.permessageDeflate),
       hooks_(std::move(options.hooks)),
       acceptor_(io_),
       work_(asio::make_work_guard(io_)) {

@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "vantor/realtime/PhoenixTransportDelegate.hpp"
 #include "vantor/realtime/PhoenixTransportReadyState.hpp"
@@ -28,6 +29,13 @@ class PhoenixTransport {
 
   /// Opens the connection asynchronously.
   virtual void connect() = 0;
+  /// The WebSocket subprotocols to offer from the next `connect()` on, in
+  /// order of preference; none by default. When some are offered, an answer
+  /// that names none of them, or another one, fails the connection. A
+  /// transport that cannot offer subprotocols keeps this default, which
+  /// stops the process for a non-empty list: dropping what the application
+  /// asked to send (an auth token) would be worse.
+  virtual void setSubprotocols(std::vector<std::string> subprotocols);
   /// Closes the connection with this WebSocket close code and reason.
   virtual void disconnect(int code, std::optional<std::string> reason) = 0;
   /// Sends one text message: the serialised text of a wire frame.

@@ -200,6 +200,15 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void setLogger(Logger logger);
   void setEncoder(Encoder encode);
   void setDecoder(Decoder decode);
+  /// A token for the server's `connect` callback, sent in the WebSocket
+  /// handshake instead of the URL (which proxies and servers log): the
+  /// socket offers the subprotocols "phoenix" and "base64url.bearer.phx."
+  /// followed by the token in standard base64 without "=" padding. Any
+  /// bytes round-trip. Absent by default; applies from the next `connect()`.
+  [[nodiscard]] std::optional<std::string> authToken() const;
+  void setAuthToken(std::optional<std::string> token);
+  /// The subprotocols offered for `token`, in order.
+  static std::vector<std::string> authTokenSubprotocols(const std::string& token);
   /// Kept for the application; the socket does not read them.
   [[nodiscard]] bool disableSSLCertValidation() const;
   void setDisableSSLCertValidation(bool disable);
@@ -306,6 +315,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::shared_ptr<const Logger> logger_;
   bool skipHeartbeat_ = false;
   bool disableSSLCertValidation_ = false;
+  std::optional<std::string> authToken_;
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;
   StateChangeCallbacks stateChangeCallbacks_;
   std::vector<std::shared_ptr<Channel>> channels_;

@@ -25,6 +25,10 @@ struct URLSessionConfiguration {
   /// when the answer comes or this passes, whichever is first, so a frozen
   /// server or a dead network cannot hold a close up.
   std::chrono::milliseconds closeTimeout{std::chrono::seconds(1)};
+  /// Offer permessage-deflate compression (RFC 7692) in the handshake. When
+  /// the server takes it up, frames in both directions are compressed; when
+  /// it does not, the connection goes on uncompressed. Off by default.
+  bool perMessageDeflate = false;
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
 };

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "vantor/realtime/PhoenixTransport.hpp"
 #include "vantor/realtime/URLSessionConfiguration.hpp"
@@ -61,6 +62,8 @@ class URLSessionTransport : public PhoenixTransport,
   /// `reason`; `readyState` is `closing` when it returns. Without a
   /// connection it only sets the state.
   void disconnect(int code, std::optional<std::string> reason) override;
+  /// Offered in the "Sec-WebSocket-Protocol" header of later connections.
+  void setSubprotocols(std::vector<std::string> subprotocols) override;
   /// Sends `data` as one text frame; dropped silently without a connection.
   /// Send failures are not reported: a broken connection shows up through
   /// the read side. Bytes that are not UTF-8 are a programming error and
@@ -86,6 +89,7 @@ class URLSessionTransport : public PhoenixTransport,
   mutable std::mutex mutex_;
   std::shared_ptr<PhoenixTransportDelegate> delegate_;  // guarded by mutex_
   std::shared_ptr<Session> session_;                    // guarded by mutex_
+  std::vector<std::string> subprotocols_;               // guarded by mutex_
 };
 
 }  // namespace vantor::realtime

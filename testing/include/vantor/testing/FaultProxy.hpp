@@ -79,6 +79,15 @@ class FaultProxy {
   /// Latency added to every chunk read from now on; zero for none.
   void delay(std::chrono::milliseconds latency);
 
+  /// Bytes read from clients (towards the server) and from servers
+  /// (towards clients) since the start: what went over the wire, TLS and
+  /// WebSocket framing included.
+  struct ByteCounts {
+    std::uint64_t towardsServer = 0;
+    std::uint64_t towardsClient = 0;
+  };
+  [[nodiscard]] ByteCounts bytesForwarded() const;
+
   /// Connections accepted since the start.
   [[nodiscard]] std::size_t connectionCount() const;
   /// Connections accepted and not yet ended.

@@ -110,6 +110,13 @@ class PhoenixTestServer {
     bool presenceDiffBeforeState = true;
     /// A connection that sends no frame for this long is closed with 1002.
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(60);
+    /// Take up permessage-deflate compression when a client offers it.
+    bool compress = false;
+    /// Picks the subprotocol named in the 101 response from those a client
+    /// offered. By default "phoenix" when offered, none otherwise; tests
+    /// replace it to answer wrongly.
+    std::function<std::optional<std::string>(const std::vector<std::string>& offered)>
+        subprotocolAnswer = nullptr;
     /// Called on the server thread with one line per frame received ("<- ")
     /// or sent ("-> "), prefixed by the connection number. For demos.
     std::function<void(const std::string&)> trace = nullptr;
@@ -151,6 +158,11 @@ class PhoenixTestServer {
   /// The query parameters of each accepted connection, "vsn" included, in
   /// order of connection. A repeated name keeps its last value.
   [[nodiscard]] std::vector<std::map<std::string, std::string>> connectParams() const;
+  /// The auth token of each accepted connection, in order of connection:
+  /// the offered subprotocol "base64url.bearer.phx.<token>" decoded from
+  /// base64 without padding, or nothing when none was offered (or it did
+  /// not decode).
+  [[nodiscard]] std::vector<std::optional<std::string>> authTokens() const;
 
   // --- What clients sent ----------------------------------------------------
 

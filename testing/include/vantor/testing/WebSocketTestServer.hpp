@@ -61,6 +61,11 @@ class WebSocketTestServer {
     /// Returning an HTTP status refuses the upgrade with it; `nullopt`
     /// accepts. Not asked while `refuseHandshake` is in force.
     std::function<std::optional<int>(const std::string& target)> screenHandshake;
+    /// Asked for each accepted upgrade request with its
+    /// "Sec-WebSocket-Protocol" header ("" when absent), just before
+    /// `onOpen`; the answer goes into the 101 response's header of that
+    /// name, none when `nullopt`. Without this hook no subprotocol is named.
+    std::function<std::optional<std::string>(const std::string& offered)> chooseSubprotocol;
     /// The server accepted a connection's upgrade; the 101 response is on
     /// its way, and frames sent now follow it. Runs after the connection is
     /// counted, so a client never sees frames before the count is visible.
@@ -88,6 +93,8 @@ class WebSocketTestServer {
     /// long gets `closeAndDrop(idleCloseCode)`. None by default.
     std::optional<std::chrono::milliseconds> idleTimeout = std::nullopt;
     std::uint16_t idleCloseCode = 1002;
+    /// Take up permessage-deflate compression when a client offers it.
+    bool permessageDeflate = false;
     Hooks hooks = {};
   };
 

@@ -1,0 +1,144 @@
+// Opt-in connection features against the bundled server: the auth token in
+// the WebSocket subprotocol, and permessage-deflate.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "support/PhoenixClient.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/testing/FaultProxy.hpp"
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+namespace vantor::realtime {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::eventually;
+using testing::socketFor;
+using vantor::testing::FaultProxy;
+using vantor::testing::PhoenixTestServer;
+using ::testing::HasSubstr;
+
+TEST(AuthToken, ArrivesByteForByteInTheSubprotocolAndNeverInTheUrl) {
+  PhoenixTestServer server;
+  auto socket = socketFor(server);
+  std::string everyByte;
+  for (int byte = 0; byte < 256; ++byte) {
+    everyByte += static_cast<char>(byte);
+  }
+  // One, two and three bytes end the base64 text in each of its three ways.
+  const std::vector<std::string> tokens = {"a", "ab", "abc", "SFMyNTY.g+/=&# é", everyByte};
+  auto channel = socket->channel("room:token");
+  channel->join();
+  for (std::size_t i = 0; i < tokens.size(); ++i) {
+    socket->setAuthToken(tokens[i]);
+    socket->connect();
+    ASSERT_TRUE(eventually([&] { return channel->isJoined(); })) << "token " << i;
+    socket->disconnect();
+  }
+  socket->setAuthToken(std::nullopt);
+  socket->connect();
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+
+  const auto received = server.authTokens();
+  ASSERT_EQ(received.size(), tokens.size() + 1);
+  for (std::size_t i = 0; i < tokens.size(); ++i) {
+    EXPECT_EQ(received[i], tokens[i]) << "token " << i;
+  }
+  EXPECT_EQ(received.back(), std::nullopt) << "no token, no subprotocol";
+  for (const auto& params : server.connectParams()) {
+    EXPECT_EQ(params.size(), 1U) << "only vsn is in the query";
+  }
+  socket->disconnect();
+}
+
+struct WrongAnswer {
+  const char* name;
+  std::optional<std::string> subprotocol;
+};
+
+class AnAuthTokenHandshakeAnswered : public ::testing::TestWithParam<WrongAnswer> {};
+
+TEST_P(AnAuthTokenHandshakeAnswered, FailsTheConnectionAndRetriesOnTheBackOff) {
+  const auto answer = GetParam().subprotocol;
+  PhoenixTestServer server({.subprotocolAnswer = [answer](const auto&) { return answer; }});
+  auto socket = socketFor(server);
+  socket->setAuthToken("secret");
+  std::mutex mutex;
+  std::vector<std::string> errors;
+  std::vector<int> statuses;
+  std::atomic<int> opens{0};
+  socket->onError([&](const TransportError& error, const std::optional<HttpResponse>& response) {
+    std::lock_guard lock(mutex);
+    errors.push_back(error.description);
+    statuses.push_back(response ? response->statusCode : 0);
+  });
+  socket->onOpen([&] { ++opens; });
+  socket->connect();
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex);
+    return errors.size() >= 3;
+  }));
+  socket->disconnect();
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(opens, 0);
+  for (std::size_t i = 0; i < errors.size(); ++i) {
+    EXPECT_THAT(errors[i], HasSubstr("Protocol error"));
+    EXPECT_EQ(statuses[i], 101) << "the server's answer comes with the error";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Subprotocols, AnAuthTokenHandshakeAnswered,
+                         ::testing::Values(WrongAnswer{"WithNone", std::nullopt},
+                                           WrongAnswer{"WithAnotherOne", "mqtt"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(PerMessageDeflate, ShrinksFramesBothWaysOnlyWhenBothSidesTakeItUp) {
+  struct Case {
+    bool serverCompresses;
+    bool clientOffers;
+    FaultProxy::ByteCounts bytes;
+  };
+  std::vector<Case> cases = {{false, false, {}}, {true, true, {}}, {false, true, {}}, {true, false, {}}};
+  const boost::json::object payload{{"text", std::string(16 * 1024, 'x')}};
+  for (auto& c : cases) {
+    PhoenixTestServer server({.presence = false, .compress = c.serverCompresses});
+    FaultProxy proxy({.targetPort = server.port()});
+    URLSessionConfiguration configuration;
+    configuration.perMessageDeflate = c.clientOffers;
+    auto socket = Socket::make(proxy.url("/socket"),
+                               [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+                                 return URLSessionTransport::make(url, configuration);
+                               });
+    auto channel = socket->channel("room:deflate");
+    channel->join();
+    socket->connect();
+    ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+    std::atomic<int> echoed{0};
+    for (int i = 0; i < 4; ++i) {
+      channel->push("echo", payload)->receive("ok", [&](const Message& reply) {
+        if (reply.payload() == payload) {
+          ++echoed;
+        }
+      });
+    }
+    ASSERT_TRUE(eventually([&] { return echoed == 4; }))
+        << "server " << c.serverCompresses << ", client " << c.clientOffers;
+    socket->disconnect();
+    c.bytes = proxy.bytesForwarded();
+  }
+  const auto& plain = cases[0].bytes;
+  const auto& compressed = cases[1].bytes;
+  EXPECT_LT(compressed.towardsServer * 10, plain.towardsServer);
+  EXPECT_LT(compressed.towardsClient * 10, plain.towardsClient);
+  for (const auto& oneSided : {cases[2].bytes, cases[3].bytes}) {
+    EXPECT_GT(oneSided.towardsServer, plain.towardsServer * 9 / 10);
+    EXPECT_GT(oneSided.towardsClient, plain.towardsClient * 9 / 10);
+  }
+}
+
+}  // namespace
+}  // namespace vantor::realtime
