@@ -1,6 +1,7 @@
 #include "InteractiveClient.hpp"
 
 #include <boost/json/serialize.hpp>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -53,6 +54,7 @@ int runInteractive(const InteractiveOptions& options) {
       return 2;
     }
   }
+  configuration.perMessageDeflate = options.compress;
   Socket::ParamsClosure params;
   if (!options.params.empty()) {
     params = [payload = payloadOf(options.params)] { return std::optional<Payload>(payload); };
@@ -63,6 +65,23 @@ int runInteractive(const InteractiveOptions& options) {
         return URLSessionTransport::make(url, configuration);
       },
       params);
+  socket->setAuthToken(options.authToken);
+  auto printStats = [&](const std::string& prefix) {
+    const auto m = socket->metrics();
+    out.say("stats", prefix + "frames in " + std::to_string(m.framesIn) + " (" + std::to_string(m.bytesIn) +
+                         " B), out " + std::to_string(m.framesOut) + " (" + std::to_string(m.bytesOut) +
+                         " B), reconnects " + std::to_string(m.reconnects) + ", rejoins " +
+                         std::to_string(m.rejoins) + ", pushes ok " + std::to_string(m.pushesOk) + " error " +
+                         std::to_string(m.pushesError) + " timeout " + std::to_string(m.pushesTimeout));
+  };
+  if (options.stats) {
+    socket->setCollectsMetrics(true);
+    socket->onHeartbeatRoundTrip([&](std::chrono::nanoseconds roundTrip) {
+      char rtt[32];
+      std::snprintf(rtt, sizeof rtt, "%.2f", std::chrono::duration<double, std::milli>(roundTrip).count());
+      printStats("heartbeat " + std::string(rtt) + " ms; ");
+    });
+  }
   if (options.verbose) {
     socket->setLogger([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
   }
@@ -124,6 +143,9 @@ int runInteractive(const InteractiveOptions& options) {
         ->receive("timeout", [&](const Message&) { out.say("reply", "timed out"); });
   }
   out.say("demo", "leaving");
+  if (options.stats) {
+    printStats("");
+  }
   channel->leave();
   socket->disconnect();
   socket->releaseCallbacks();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,9 @@ struct InteractiveOptions {
   std::vector<std::pair<std::string, std::string>> params;
   std::vector<std::pair<std::string, std::string>> joinParams;
   std::string caFile;
+  std::optional<std::string> authToken;
+  bool compress = false;
+  bool stats = false;
   bool verbose = false;
 };
 

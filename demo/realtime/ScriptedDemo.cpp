@@ -1,5 +1,6 @@
 #include "ScriptedDemo.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <boost/json/serialize.hpp>
 #include <functional>
@@ -48,8 +49,18 @@ struct User {
   std::atomic<int> broadcastsReceived{0};
   std::string lastBroadcast;  // on the loop thread only
 
-  User(std::string who, const PhoenixTestServer& server, Transcript& out) : name(std::move(who)) {
-    socket = Socket::make(server.url(), Payload{{"token", name + "-secret"}});
+  // Alice sends her token in the URL; Bob sends his in the WebSocket
+  // handshake, where proxies and server logs do not see it, and counts his
+  // connection's traffic.
+  User(std::string who, const PhoenixTestServer& server, Transcript& out, bool tokenInHandshake = false)
+      : name(std::move(who)) {
+    if (tokenInHandshake) {
+      socket = Socket::make(server.url());
+      socket->setAuthToken(name + "-secret");
+      socket->setCollectsMetrics(true);
+    } else {
+      socket = Socket::make(server.url(), Payload{{"token", name + "-secret"}});
+    }
     socket->onOpen([this, &out] { out.say(name, "socket open"); });
     socket->onError([this, &out](const TransportError& error, const std::optional<HttpResponse>&) {
       out.say(name, "connection lost: " + error.description);
@@ -96,7 +107,7 @@ int runScripted() {
   out.say("server", "bundled server listening at " + server.url());
 
   User alice("alice", server, out);
-  User bob("bob", server, out);
+  User bob("bob", server, out, /*tokenInHandshake=*/true);
   auto bothInLobby = [&] {
     return alice.presence->state().size() == 2 && bob.presence->state().size() == 2;
   };
@@ -163,6 +174,17 @@ int runScripted() {
   if (!waitFor(out, "bob sees alice leave", [&] { return bob.presence->state().size() == 1; })) {
     return 1;
   }
+  const auto tokens = server.authTokens();
+  out.say("server", "tokens received in the handshake: " +
+                        std::to_string(std::count_if(tokens.begin(), tokens.end(),
+                                                     [](const auto& token) { return token == "bob-secret"; })) +
+                        " times \"bob-secret\", none in a URL from bob");
+  const auto m = bob.socket->metrics();
+  out.say("bob", "stats: frames in " + std::to_string(m.framesIn) + " (" + std::to_string(m.bytesIn) +
+                     " B), out " + std::to_string(m.framesOut) + " (" + std::to_string(m.bytesOut) +
+                     " B), reconnects " + std::to_string(m.reconnects) + ", rejoins " + std::to_string(m.rejoins) +
+                     ", pushes ok " + std::to_string(m.pushesOk) + " error " + std::to_string(m.pushesError) +
+                     " timeout " + std::to_string(m.pushesTimeout));
   out.say("demo", "done");
   return 0;
 }

@@ -20,6 +20,9 @@ void usage() {
       "  --param KEY=VALUE connection parameter, repeatable\n"
       "  --join KEY=VALUE  join parameter, repeatable\n"
       "  --ca FILE         trust this PEM certificate authority too\n"
+      "  --auth-token TOKEN  send TOKEN in the WebSocket subprotocol, not the URL\n"
+      "  --compress        offer permessage-deflate compression\n"
+      "  --stats           count traffic and outcomes; print them at every heartbeat\n"
       "  --verbose         print the client's log lines");
 }
 
@@ -59,6 +62,12 @@ int main(int argc, char** argv) {
       pair(options.joinParams);
     } else if (arg == "--ca") {
       options.caFile = value();
+    } else if (arg == "--auth-token") {
+      options.authToken = value();
+    } else if (arg == "--compress") {
+      options.compress = true;
+    } else if (arg == "--stats") {
+      options.stats = true;
     } else if (arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--help" || arg == "-h") {

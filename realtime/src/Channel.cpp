@@ -147,6 +147,11 @@ void Channel::rejoin(std::optional<double> timeout) {
 
 void Channel::sendJoin(double timeout) {
   onLoop([&] {
+    if (std::exchange(joinSent_, true)) {
+      if (auto socket = socket_.lock()) {
+        socket->countRejoin();
+      }
+    }
     state_ = ChannelState::joining;
     joinPush_->resend(timeout);
   });

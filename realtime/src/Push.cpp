@@ -131,7 +131,12 @@ void Push::replied(const Message& message) {
   receivedMessage_ = std::make_unique<const Message>(message);
   hasReply_ = true;
   if (auto status = message.status()) {
-    matchReceive(*status, message);
+    auto channel = channel_.lock();
+    auto socket = channel ? channel->socket() : nullptr;
+    if (socket) {
+      socket->countPushOutcome(*status);
+    }
+    matchReceive(*status, message, socket.get());
   }
 }
 
@@ -160,16 +165,14 @@ void Push::removeReplyBinding() {
   }
 }
 
-void Push::matchReceive(const std::string& status, const Message& message) {
+void Push::matchReceive(const std::string& status, const Message& message, Socket* socket) {
   auto found = receiveHooks_.find(status);
   if (found == receiveHooks_.end()) {
     return;
   }
   auto hooks = found->second;  // a hook may add hooks
-  auto channel = channel_.lock();
-  auto socket = channel ? channel->socket() : nullptr;
   for (const auto& hook : hooks) {
-    detail::guarded(socket.get(), "push hook", [&] { hook.call(message); });
+    detail::guarded(socket, "push hook", [&] { hook.call(message); });
   }
 }
 

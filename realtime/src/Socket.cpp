@@ -7,6 +7,7 @@
 #include <charconv>
 
 #include "Guarded.hpp"
+#include "MetricCounters.hpp"
 #include "Text.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
@@ -173,12 +174,16 @@ Socket::Socket(std::string endPoint, TransportFactory transport, ParamsClosure p
       endPointUrl_(buildEndpointUrl(endPoint_, paramsClosure, vsn)),
       paramsClosure_(std::move(paramsClosure)),
       transport_(std::move(transport)),
+      counters_(std::make_unique<detail::MetricCounters>()),
       reconnectTimer_(TimeoutTimer::make()),
       vsn_(std::move(vsn)) {}
 
 std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
   socket->reconnectTimer_->callback.delegate(socket, [](Socket& self) {
     self.logItems("Socket attempting to reconnect");
+    if (self.counters_->on()) {
+      detail::MetricCounters::add(self.counters_->reconnects);
+    }
     self.teardown(CloseCode::normal, [&self] {
       // A parameters closure or transport factory that throws must not end
       // reconnecting: the next attempt follows on the back-off.
@@ -313,6 +318,10 @@ void Socket::push(std::string topic, std::string event, Payload payload,
         logItems("push", "Sending " + (detail::isValidUtf8(data) ? data : std::string()));
       }
       if (connection_) {
+        if (counters_->on()) {
+          detail::MetricCounters::add(counters_->framesOut);
+          detail::MetricCounters::add(counters_->bytesOut, data.size());
+        }
         connection_->send(std::move(data));
       }
     };
@@ -504,6 +513,7 @@ void Socket::sendHeartbeat() {
   }
   if (!pendingHeartbeatRef_) {
     pendingHeartbeatRef_ = makeRef();
+    heartbeatSentAt_ = std::chrono::steady_clock::now();
     push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
     return;
   }
@@ -557,6 +567,10 @@ void Socket::triggerChannelError() {
 }
 
 void Socket::onConnectionMessage(const std::string& rawMessage) {
+  if (counters_->on()) {
+    detail::MetricCounters::add(counters_->framesIn);
+    detail::MetricCounters::add(counters_->bytesIn, rawMessage.size());
+  }
   logItems("receive ", rawMessage);
   std::optional<Message> message;
   std::optional<json::value> decoded;
@@ -570,6 +584,11 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   }
   if (pendingHeartbeatRef_ && *pendingHeartbeatRef_ == message->ref()) {
     pendingHeartbeatRef_.reset();
+    if (heartbeatRoundTrip_) {
+      const auto callback = heartbeatRoundTrip_;  // held: it may replace itself
+      const auto roundTrip = std::chrono::steady_clock::now() - heartbeatSentAt_;
+      detail::guarded(this, "heartbeat round-trip callback", [&] { (*callback)(roundTrip); });
+    }
   }
   if (message->event() == ChannelEvent::close) {
     detail::writeLineToStandardOutput("Close Event Received");
@@ -668,6 +687,37 @@ void Socket::setEncoder(Encoder encode) {
 }
 void Socket::setDecoder(Decoder decode) {
   onLoop([&] { decode_ = std::move(decode); });
+}
+void Socket::setCollectsMetrics(bool collect) { counters_->enabled = collect; }
+bool Socket::collectsMetrics() const { return counters_->on(); }
+ConnectionMetrics Socket::metrics() const { return counters_->read(); }
+void Socket::onHeartbeatRoundTrip(std::function<void(std::chrono::nanoseconds)> callback) {
+  onLoop([&] {
+    heartbeatRoundTrip_ =
+        callback ? std::make_shared<const std::function<void(std::chrono::nanoseconds)>>(std::move(callback))
+                 : nullptr;
+  });
+}
+void Socket::countRejoin() {
+  onLoop([&] {
+    if (counters_->on()) {
+      detail::MetricCounters::add(counters_->rejoins);
+    }
+  });
+}
+void Socket::countPushOutcome(std::string_view status) {
+  onLoop([&] {
+    if (!counters_->on()) {
+      return;
+    }
+    if (status == "ok") {
+      detail::MetricCounters::add(counters_->pushesOk);
+    } else if (status == "error") {
+      detail::MetricCounters::add(counters_->pushesError);
+    } else if (status == "timeout") {
+      detail::MetricCounters::add(counters_->pushesTimeout);
+    }
+  });
 }
 std::optional<std::string> Socket::authToken() const {
   return onLoop([&] { return authToken_; });

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -137,6 +138,72 @@ TEST(PerMessageDeflate, ShrinksFramesBothWaysOnlyWhenBothSidesTakeItUp) {
   for (const auto& oneSided : {cases[2].bytes, cases[3].bytes}) {
     EXPECT_GT(oneSided.towardsServer, plain.towardsServer * 9 / 10);
     EXPECT_GT(oneSided.towardsClient, plain.towardsClient * 9 / 10);
+  }
+}
+
+TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollectingAndReadFromAnyThread) {
+  PhoenixTestServer server;
+  auto socket = socketFor(server);
+  socket->setHeartbeatInterval(0.1);
+  std::mutex mutex;
+  std::vector<std::chrono::nanoseconds> roundTrips;
+  socket->onHeartbeatRoundTrip([&](std::chrono::nanoseconds roundTrip) {
+    std::lock_guard lock(mutex);
+    roundTrips.push_back(roundTrip);
+  });
+  auto channel = socket->channel("room:metrics");
+  channel->join();
+  socket->connect();
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  EXPECT_EQ(socket->metrics().framesOut, 0U) << "nothing is counted before collecting starts";
+
+  socket->setCollectsMetrics(true);
+  std::atomic<bool> reading{true};
+  std::thread reader([&] {
+    std::uint64_t last = 0;
+    while (reading) {
+      const auto now = socket->metrics().framesIn;
+      EXPECT_GE(now, last) << "counters only grow";
+      last = now;
+    }
+  });
+  std::atomic<int> outcomes{0};
+  auto count = [&](const Message&) { ++outcomes; };
+  for (int i = 0; i < 3; ++i) {
+    channel->push("echo", {{"i", i}})->receive("ok", count);
+  }
+  for (int i = 0; i < 2; ++i) {
+    channel->push("fail", {})->receive("error", count);
+  }
+  channel->push("noreply", {}, 0.05)->receive("timeout", count);
+  ASSERT_TRUE(eventually([&] { return outcomes == 6; }));
+  server.closeAndDrop(1012);
+  ASSERT_TRUE(eventually([&] { return socket->metrics().rejoins >= 1 && channel->isJoined(); }));
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(mutex);
+    return !roundTrips.empty();
+  }));
+  reading = false;
+  reader.join();
+
+  const auto metrics = socket->metrics();
+  // A stalled machine may add a heartbeat time-out, and with it a reconnect
+  // and a rejoin; each rejoin is answered "ok".
+  EXPECT_GE(metrics.reconnects, 1U);
+  EXPECT_GE(metrics.rejoins, 1U);
+  EXPECT_GE(metrics.pushesOk, 4U) << "three echoes and a rejoin";
+  EXPECT_LE(metrics.pushesOk, 3 + metrics.rejoins);
+  EXPECT_EQ(metrics.pushesError, 2U);
+  EXPECT_EQ(metrics.pushesTimeout, 1U);
+  EXPECT_GE(metrics.framesOut, 7U);
+  EXPECT_GE(metrics.framesIn, 6U);
+  EXPECT_GT(metrics.bytesOut, metrics.framesOut * 30);
+  EXPECT_GT(metrics.bytesIn, metrics.framesIn * 30);
+  socket->disconnect();
+  std::lock_guard lock(mutex);
+  for (const auto roundTrip : roundTrips) {
+    EXPECT_GT(roundTrip.count(), 0);
+    EXPECT_LT(roundTrip, 10s);
   }
 }
 

@@ -161,6 +161,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   int bindingRef_ = 0;
   double timeout_;
   std::atomic<bool> joinedOnce_{false};  // also read by push() off the loop
+  bool joinSent_ = false;                // a later join counts as a rejoin
   std::shared_ptr<Push> joinPush_;
   std::vector<std::shared_ptr<Push>> pushBuffer_;
   std::shared_ptr<TimeoutTimer> rejoinTimer_;

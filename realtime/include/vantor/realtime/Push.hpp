@@ -18,6 +18,7 @@
 namespace vantor::realtime {
 
 class Channel;
+class Socket;
 
 /// One outgoing channel event that expects a reply: a join, a leave, or an
 /// application event pushed with `Channel::push`.
@@ -90,7 +91,8 @@ class Push : public std::enable_shared_from_this<Push> {
        double timeout);
 
   void removeReplyBinding();
-  void matchReceive(const std::string& status, const Message& message);
+  // `socket` (may be null) logs what a throwing hook threw.
+  void matchReceive(const std::string& status, const Message& message, Socket* socket);
   void replied(const Message& message);
 
   // Everything below lives on the main loop.

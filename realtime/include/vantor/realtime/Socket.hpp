@@ -2,6 +2,7 @@
 
 #include <boost/json/value.hpp>
 #include <boost/url/url.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/ConnectionMetrics.hpp"
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Delegated.hpp"
 #include "vantor/realtime/Message.hpp"
@@ -25,6 +27,7 @@ class HeartbeatTimer;
 class TimeoutTimer;
 
 namespace detail {
+struct MetricCounters;
 std::string logText(const std::string& text);
 std::string logText(std::string_view text);
 std::string logText(const char* text);
@@ -215,6 +218,20 @@ class Socket : public std::enable_shared_from_this<Socket> {
   [[nodiscard]] std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites() const;
   void setEnabledSSLCipherSuites(std::optional<std::vector<std::uint16_t>> suites);
 
+  // --- Metrics --------------------------------------------------------------
+
+  /// Starts or stops counting frames, bytes, reconnects, rejoins and push
+  /// outcomes into `metrics()`. Off by default.
+  void setCollectsMetrics(bool collect);
+  [[nodiscard]] bool collectsMetrics() const;
+  /// The counts so far. Any thread may call it at any time; it does not wait
+  /// for the event loop.
+  [[nodiscard]] ConnectionMetrics metrics() const;
+  /// Called on the event loop with the round-trip time of every heartbeat
+  /// that gets its reply: from handing the heartbeat to the transport to
+  /// receiving the reply. Replaces the previous callback; nullptr removes it.
+  void onHeartbeatRoundTrip(std::function<void(std::chrono::nanoseconds)> callback);
+
   /// Logs `items` joined with ", " when a logger is set.
   template <class... Items>
   void logItems(const Items&... items) const;
@@ -243,6 +260,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void leaveOpenTopic(const std::string& topic);
   /// Withdraws buffered frames whose reference is `ref`.
   void removeFromSendBuffer(const std::optional<std::string>& ref);
+  /// Counts into `metrics()` a join sent again, and a push outcome by its
+  /// status ("ok", "error", "timeout"; others are not counted).
+  void countRejoin();
+  void countPushOutcome(std::string_view status);
 
  private:
   friend struct SocketTestAccess;
@@ -331,6 +352,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::uint64_t ref_ = 0;
   std::unique_ptr<HeartbeatTimer> heartbeatTimer_;
   std::optional<std::string> pendingHeartbeatRef_;
+  std::chrono::steady_clock::time_point heartbeatSentAt_;
+  std::shared_ptr<const std::function<void(std::chrono::nanoseconds)>> heartbeatRoundTrip_;
+  const std::unique_ptr<detail::MetricCounters> counters_;
   std::shared_ptr<TimeoutTimer> reconnectTimer_;
   CloseStatus closeStatus_ = CloseStatus::unknown;
   std::shared_ptr<PhoenixTransport> connection_;
