@@ -127,8 +127,9 @@ struct Client {
   std::shared_ptr<realtime::Socket> socket;
   std::shared_ptr<realtime::Channel> channel;
 
-  explicit Client(const EchoServer& server) {
+  explicit Client(const EchoServer& server, bool collectMetrics = false) {
     socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(server.port()) + "/socket");
+    socket->setCollectsMetrics(collectMetrics);
     channel = socket->channel("room:bench");
     auto joined = std::make_shared<std::promise<void>>();
     auto whenJoined = joined->get_future();
@@ -145,8 +146,8 @@ struct Client {
 Payload payloadFor(std::int64_t i) { return Payload{{"body", "hello"}, {"i", i}}; }
 
 // Pushes from the loop thread: each reply's hook makes the next push.
-Run oursOnTheLoop(EchoServer& server, int window) {
-  Client client(server);
+Run oursOnTheLoop(EchoServer& server, int window, bool collectMetrics = false) {
+  Client client(server, collectMetrics);
   auto phase = [&](Clock::time_point deadline) {
     std::int64_t sent = 0;
     std::int64_t done = 0;
@@ -236,6 +237,27 @@ void runEndToEnd(Summary& summary) {
   print("Socket+Channel, app thread, 64", host64);
   print("bare Beast, 1 outstanding", bare1);
   print("Socket+Channel, 1 outstanding", ours1);
+  std::fflush(stdout);
+
+  // The cost of the connection counters: runs without and with them in
+  // pairs, so that drifts of the machine hit both alike; the median of the
+  // pairs' ratios.
+  std::vector<double> ratios;
+  double off = 0;
+  double on = 0;
+  for (int i = 0; i < 2 * repetitions + 1; ++i) {
+    const double without = oursOnTheLoop(server, 64, false).perSecond();
+    const double with = oursOnTheLoop(server, 64, true).perSecond();
+    ratios.push_back(with / without);
+    off += without;
+    on += with;
+  }
+  std::sort(ratios.begin(), ratios.end());
+  std::printf("\nConnection metrics, 64 outstanding (%zu pairs of runs)\n", ratios.size());
+  std::printf("%-34s %12.0f\n%-34s %12.0f\n%-34s %11.2f%%\n", "counters off, mean replies/s",
+              off / static_cast<double>(ratios.size()), "counters on, mean replies/s",
+              on / static_cast<double>(ratios.size()), "throughput cost (median of pairs)",
+              100.0 * (1.0 - ratios[ratios.size() / 2]));
   std::fflush(stdout);
 
   summary.emplace_back("e2e_throughput_ratio", ours64.perSecond() / bare64.perSecond());

@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   vantor::bench::Summary summary;
   vantor::bench::runEndToEnd(summary);
   vantor::bench::runScaling(summary);
+  vantor::bench::runWireSize();
   std::printf("\n");
   for (const auto& [name, value] : summary) {
     std::printf("%s=%.3f\n", name.c_str(), value);

@@ -16,4 +16,8 @@ void runEndToEnd(Summary& summary);
 /// How routing, replies, presence diffs and memory scale with size.
 void runScaling(Summary& summary);
 
+/// Bytes on the wire for a presence-heavy session, with and without
+/// compression; printed, not summarised.
+void runWireSize();
+
 }  // namespace vantor::bench
