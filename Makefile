@@ -4,6 +4,7 @@
 # make demo          the realtime demo against a bundled local server
 # make demo URL=ws://host/socket TOPIC=room:lobby PARAMS="token=abc"
 #                    the interactive client against a real server
+# make demo-coroutine the completion-token interface from a C++20 coroutine
 # make demo-signin   the sign-in example against a local OpenID provider
 # make bench         the benchmarks (normal build)
 # make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
@@ -15,7 +16,7 @@ SHELL := /bin/bash
 SECONDS_PER_TARGET ?= 300
 .DEFAULT_GOAL := test
 
-.PHONY: setup build test fuzz demo demo-signin bench soak clean
+.PHONY: setup build test fuzz demo demo-coroutine demo-signin bench soak clean
 
 setup:
 	@scripts/setup.sh
@@ -32,6 +33,10 @@ fuzz: setup
 demo: setup
 	@scripts/build.sh normal vantor-demo
 	@scripts/run-demo.sh
+
+demo-coroutine: setup
+	@scripts/build.sh normal vantor-coroutine-demo
+	@build/normal/demo/coroutine/vantor-coroutine-demo $(ARGS)
 
 demo-signin: setup
 	@scripts/build.sh normal vantor-signin-demo

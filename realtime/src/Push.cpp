@@ -130,14 +130,44 @@ void Push::replied(const Message& message) {
   cancelTimeout();
   receivedMessage_ = std::make_unique<const Message>(message);
   hasReply_ = true;
+  auto channel = channel_.lock();
+  auto socket = channel ? channel->socket() : nullptr;
   if (auto status = message.status()) {
-    auto channel = channel_.lock();
-    auto socket = channel ? channel->socket() : nullptr;
     if (socket) {
       socket->countPushOutcome(*status);
     }
     matchReceive(*status, message, socket.get());
   }
+  if (outcomeHooks_) {
+    auto hooks = outcomeHooks_->hooks;  // a hook may withdraw itself
+    for (const auto& [ref, hook] : hooks) {
+      detail::guarded(socket.get(), "push hook", [&] { hook(message); });
+    }
+  }
+}
+
+int Push::onOutcome(Hook callback) {
+  return onLoop([&] {
+    if (!outcomeHooks_) {
+      outcomeHooks_ = std::make_unique<OutcomeHooks>();
+    }
+    const int ref = ++outcomeHooks_->lastRef;
+    outcomeHooks_->hooks.emplace_back(ref, callback);
+    if (receivedMessage_) {
+      auto channel = channel_.lock();
+      auto socket = channel ? channel->socket() : nullptr;
+      detail::guarded(socket.get(), "push hook", [&] { callback(*receivedMessage_); });
+    }
+    return ref;
+  });
+}
+
+void Push::withdrawOutcomeHook(int ref) {
+  onLoop([&] {
+    if (outcomeHooks_) {
+      std::erase_if(outcomeHooks_->hooks, [ref](const auto& entry) { return entry.first == ref; });
+    }
+  });
 }
 
 bool Push::hasReceived(const std::string& status) const {

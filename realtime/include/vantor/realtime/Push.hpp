@@ -63,6 +63,15 @@ class Push : public std::enable_shared_from_this<Push> {
                                         std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
   std::shared_ptr<Push> receive(const std::string& status, Delegated<Message, void> delegated);
 
+  /// Adds a hook for every outcome of the push, whatever its status: each
+  /// reply (with any status, or none) and each time-out, after the hooks of
+  /// that status. A hook added after a reply arrived runs at once with it.
+  /// Returns a reference for `withdrawOutcomeHook`. Waits for the loop when
+  /// called off it.
+  int onOutcome(Hook callback);
+  /// Removes the outcome hook with `ref`; safe from inside that hook.
+  void withdrawOutcomeHook(int ref);
+
   /// Forgets the reference, the reply binding and the received reply. A
   /// pending time-out stays until the next send withdraws it.
   void reset();
@@ -105,6 +114,12 @@ class Push : public std::enable_shared_from_this<Push> {
   // The time-out armed for the current reference (see detail::PushTimeouts).
   std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
   std::map<std::string, std::vector<Delegated<Message, void>>, std::less<>> receiveHooks_;
+  // Made at the first `onOutcome`: few pushes have such hooks.
+  struct OutcomeHooks {
+    int lastRef = 0;
+    std::vector<std::pair<int, Hook>> hooks;
+  };
+  std::unique_ptr<OutcomeHooks> outcomeHooks_;
   bool sent_ = false;
   std::optional<std::string> ref_;
   std::optional<std::string> refEvent_;

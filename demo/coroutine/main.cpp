@@ -1,0 +1,102 @@
+// vantor-coroutine-demo: one C++20 coroutine on the application's own
+// io_context joins a channel, pushes and awaits the replies, waits for a
+// broadcast, and leaves; against a bundled local server, or the server at
+// --url (which must answer "echo" pushes and relay "shout" as a broadcast).
+//
+//   vantor-coroutine-demo [--url ws://host/socket] [--topic room:lobby]
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/experimental/awaitable_operators.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/json/serialize.hpp>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "vantor/realtime/AsyncChannel.hpp"
+#include "vantor/realtime/Socket.hpp"
+#include "vantor/testing/PhoenixTestServer.hpp"
+
+namespace asio = boost::asio;
+using namespace vantor::realtime;
+using namespace boost::asio::experimental::awaitable_operators;
+
+namespace {
+
+void say(const std::string& line) {
+  std::printf("%s\n", line.c_str());
+  std::fflush(stdout);
+}
+
+asio::awaitable<void> session(std::shared_ptr<Channel> channel) {
+  const auto joined = co_await asyncJoin(channel, asio::use_awaitable);
+  say("joined " + channel->topic() + ": " + joined.status().value_or("?"));
+
+  const Payload hello{{"body", "hello from a coroutine"}};
+  const auto echo = co_await asyncPush(channel, std::string("echo"), hello, asio::use_awaitable);
+  say("echo answered: " + boost::json::serialize(echo.payload()));
+
+  // Wait for a broadcast and cause it, together: the receive starts first,
+  // so it cannot miss the broadcast that the second operation sends.
+  const Payload shout{{"body", "anyone there?"}};
+  auto sendBroadcast = [&]() -> asio::awaitable<void> {
+    channel->push("broadcast", shout);  // a broadcast gets no reply
+    co_return;
+  };
+  const auto heard = co_await (asyncReceive(channel, std::string("broadcast"), asio::use_awaitable) &&
+                               sendBroadcast());
+  say("heard a broadcast: " + boost::json::serialize(heard.payload()));
+
+  try {
+    const Payload why{{"why", "to show an error"}};
+    co_await asyncPush(channel, std::string("fail"), why, asio::use_awaitable);
+  } catch (const boost::system::system_error& failure) {
+    say(std::string("a push failed as expected: ") + failure.what());
+  }
+
+  const auto left = co_await asyncLeave(channel, asio::use_awaitable);
+  say("left: " + left.status().value_or("?"));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string url;
+  std::string topic = "room:lobby";
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--url" && i + 1 < argc) {
+      url = argv[++i];
+    } else if (arg == "--topic" && i + 1 < argc) {
+      topic = argv[++i];
+    } else {
+      std::fprintf(stderr, "usage: vantor-coroutine-demo [--url URL] [--topic TOPIC]\n");
+      return arg == "--help" || arg == "-h" ? 0 : 2;
+    }
+  }
+  std::optional<vantor::testing::PhoenixTestServer> server;
+  if (url.empty()) {
+    server.emplace();
+    url = server->url();
+    say("bundled server at " + url);
+  }
+  auto socket = Socket::make(url);
+  auto channel = socket->channel(topic);
+  socket->connect();
+
+  asio::io_context application;
+  std::exception_ptr failure;
+  asio::co_spawn(application, session(channel), [&](std::exception_ptr e) { failure = e; });
+  application.run();
+  socket->disconnect();
+  if (failure) {
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::exception& e) {
+      std::fprintf(stderr, "the session failed: %s\n", e.what());
+    }
+    return 1;
+  }
+  return 0;
+}
