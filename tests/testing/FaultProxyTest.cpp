@@ -149,24 +149,6 @@ TEST_F(ThroughProxy, FrozenHoldsDataAndHandshakesThenForwardsWhatItHeld) {
   EXPECT_FALSE(fresh.connect(proxy.port()));
 }
 
-TEST_F(ThroughProxy, ResetGivesBothPeersAConnectionError) {
-  ASSERT_TRUE(server.waitForOpenConnections(1, kPatience));
-  proxy.reset();
-  EXPECT_EQ(client.readError(), asio::error::connection_reset);
-  EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
-  EXPECT_EQ(proxy.openConnections(), 0U);
-}
-
-TEST_F(ThroughProxy, ACutFrameEndsTheConnectionWithoutAClose) {
-  proxy.cutNextServerChunk();
-  server.sendRaw(std::string(1000, 'x'));
-  auto ec = client.readError();
-  EXPECT_TRUE(ec) << "no message may arrive";
-  EXPECT_NE(ec, websocket::error::closed);
-  EXPECT_NE(ec, beast::error::timeout);
-  EXPECT_TRUE(server.waitForOpenConnections(0, kPatience));
-}
-
 TEST(FaultProxy, ACutChunkArrivesInPartThenEnds) {
   PhoenixTestServer server;
   FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
@@ -226,17 +208,10 @@ TEST(FaultProxy, PassesOnHalfClosesAndEndsTheConnectionWhenBothSidesEnded) {
   EXPECT_TRUE(eventually([&] { return proxy.openConnections() == 0; }));
 }
 
-struct SlowLink {
-  const char* name;
-  std::function<void(FaultProxy&)> apply;
-  friend void PrintTo(const SlowLink& link, std::ostream* out) { *out << link.name; }
-};
-
-// Slow links still deliver every byte, in order.
-class SlowProxy : public ThroughProxy, public ::testing::WithParamInterface<SlowLink> {};
-
-TEST_P(SlowProxy, DeliversEveryByteInOrder) {
-  GetParam().apply(proxy);
+// A slow link, trickling and late, still delivers every byte, in order.
+TEST_F(ThroughProxy, ASlowLinkDeliversEveryByteInOrder) {
+  proxy.trickle(700, 2ms);
+  proxy.delay(5ms);
   ASSERT_FALSE(client.write(frame(json::value("1"), json::value("1"), "room:a", "phx_join")));
   EXPECT_EQ(client.readFrame()[3], "phx_reply");
   EXPECT_EQ(client.readFrame()[3], "presence_state");
@@ -252,29 +227,6 @@ TEST_P(SlowProxy, DeliversEveryByteInOrder) {
     EXPECT_EQ(reply[4].at("response").at("body"),
               json::value(std::string(3000, static_cast<char>('a' + ref))));
   }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, SlowProxy,
-    ::testing::Values(SlowLink{"Trickle", [](FaultProxy& p) { p.trickle(512, 1ms); }},
-                      SlowLink{"Delay", [](FaultProxy& p) { p.delay(20ms); }},
-                      SlowLink{"Both",
-                               [](FaultProxy& p) {
-                                 p.trickle(700, 2ms);
-                                 p.delay(5ms);
-                               }}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(FaultProxy, DelayAddsLatencyInEachDirection) {
-  PhoenixTestServer server;
-  FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
-  Client client;
-  ASSERT_FALSE(client.connect(proxy.port()));
-  proxy.delay(50ms);
-  auto start = std::chrono::steady_clock::now();
-  ASSERT_FALSE(client.write(heartbeat(1)));
-  EXPECT_EQ(client.readFrame()[1], "1");
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 100ms);
 }
 
 TEST(FaultProxy, StopsWithConnectionsOpenAndTwice) {
