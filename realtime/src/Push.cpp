@@ -1,5 +1,7 @@
 #include "vantor/realtime/Push.hpp"
 
+#include <algorithm>
+
 #include "Guarded.hpp"
 #include "PushTimeouts.hpp"
 #include "vantor/platform/EventLoop.hpp"
@@ -70,7 +72,12 @@ std::shared_ptr<Push> Push::receive(const std::string& status, Delegated<Message
       auto socket = channel ? channel->socket() : nullptr;
       detail::guarded(socket.get(), "push hook", [&] { delegated.call(*self->receivedMessage_); });
     }
-    self->receiveHooks_[status].push_back(std::move(delegated));
+    auto hooks = std::find_if(self->receiveHooks_.begin(), self->receiveHooks_.end(),
+                              [&](const auto& entry) { return entry.first == status; });
+    if (hooks == self->receiveHooks_.end()) {
+      hooks = self->receiveHooks_.insert(hooks, {status, {}});
+    }
+    hooks->second.push_back(std::move(delegated));
   };
   // Off the loop the hook is queued in order behind the push itself, and the
   // caller does not wait; once a reply is in, it waits, so that a hook added
@@ -87,7 +94,6 @@ void Push::reset() {
   onLoop([&] {
     removeReplyBinding();
     ref_.reset();
-    refEvent_.reset();
     receivedMessage_.reset();
     hasReply_ = false;
     sent_ = false;
@@ -117,8 +123,7 @@ void Push::startTimeout() {
     // its binding for that reference goes before it takes a new one.
     removeReplyBinding();
     ref_ = socket->makeRef();
-    refEvent_ = Channel::replyEventName(*ref_);
-    channel->delegateOn<Push>(*refEvent_, shared_from_this(),
+    channel->delegateOn<Push>(Channel::replyEventName(*ref_), shared_from_this(),
                               [](Push& push, const Message& message) { push.replied(message); });
     timeoutKey_ = detail::PushTimeouts::main().arm(TimerQueue::milliseconds(timeout_), shared_from_this());
   });
@@ -176,27 +181,28 @@ bool Push::hasReceived(const std::string& status) const {
 
 void Push::trigger(const std::string& status, Payload payload) {
   onLoop([&] {
-    if (!refEvent_) {
+    if (!ref_) {
       return;
     }
     payload["status"] = status;
     if (auto channel = channel_.lock()) {
-      channel->trigger(*refEvent_, std::move(payload), "", std::nullopt);
+      channel->trigger(Channel::replyEventName(*ref_), std::move(payload), "", std::nullopt);
     }
   });
 }
 
 void Push::removeReplyBinding() {
-  if (!refEvent_) {
+  if (!ref_) {
     return;
   }
   if (auto channel = channel_.lock()) {
-    channel->off(*refEvent_);
+    channel->off(Channel::replyEventName(*ref_));
   }
 }
 
 void Push::matchReceive(const std::string& status, const Message& message, Socket* socket) {
-  auto found = receiveHooks_.find(status);
+  auto found = std::find_if(receiveHooks_.begin(), receiveHooks_.end(),
+                            [&](const auto& entry) { return entry.first == status; });
   if (found == receiveHooks_.end()) {
     return;
   }
@@ -231,7 +237,12 @@ std::optional<std::string> Push::ref() const {
   return onLoop([&] { return ref_; });
 }
 std::optional<std::string> Push::refEvent() const {
-  return onLoop([&] { return refEvent_; });
+  return onLoop([&]() -> std::optional<std::string> {
+    if (!ref_) {
+      return std::nullopt;
+    }
+    return Channel::replyEventName(*ref_);
+  });
 }
 
 }  // namespace vantor::realtime

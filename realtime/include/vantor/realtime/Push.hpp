@@ -4,7 +4,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -113,7 +112,9 @@ class Push : public std::enable_shared_from_this<Push> {
   std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   // The time-out armed for the current reference (see detail::PushTimeouts).
   std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
-  std::map<std::string, std::vector<Delegated<Message, void>>, std::less<>> receiveHooks_;
+  // Hooks by status, in the order the statuses were first used: a push
+  // has a few at most, so a list beats a map in size and speed.
+  std::vector<std::pair<std::string, std::vector<Delegated<Message, void>>>> receiveHooks_;
   // Made at the first `onOutcome`: few pushes have such hooks.
   struct OutcomeHooks {
     int lastRef = 0;
@@ -121,8 +122,7 @@ class Push : public std::enable_shared_from_this<Push> {
   };
   std::unique_ptr<OutcomeHooks> outcomeHooks_;
   bool sent_ = false;
-  std::optional<std::string> ref_;
-  std::optional<std::string> refEvent_;
+  std::optional<std::string> ref_;  // the reply event is made from it when needed
 };
 
 template <class Owner>
