@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "vantor/platform/ProxySettings.hpp"
+
 namespace vantor::realtime {
 
 /// Connection settings of a `URLSessionTransport`.
@@ -25,6 +27,12 @@ struct URLSessionConfiguration {
   /// when the answer comes or this passes, whichever is first, so a frozen
   /// server or a dead network cannot hold a close up.
   std::chrono::milliseconds closeTimeout{std::chrono::seconds(1)};
+  /// The HTTP proxy to reach the server through: by default the one that
+  /// `https_proxy` (wss) or `http_proxy` (ws) names, unless `no_proxy`
+  /// exempts the host; `ProxySettings::none()` always connects directly.
+  /// The connection is tunnelled with CONNECT; TLS and its checks run end to
+  /// end with the server, and `handshakeTimeout` covers the proxy's part.
+  platform::ProxySettings proxy;
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
 };
