@@ -13,6 +13,7 @@ struct InteractiveOptions {
   std::vector<std::pair<std::string, std::string>> params;
   std::vector<std::pair<std::string, std::string>> joinParams;
   std::string caFile;
+  std::string proxy;  // a proxy URL, "none", or empty for the environment's
   bool verbose = false;
 };
 

@@ -11,6 +11,7 @@
 #include "vantor/realtime/Presence.hpp"
 #include "vantor/realtime/Push.hpp"
 #include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
 #include "vantor/testing/PhoenixTestServer.hpp"
 
 namespace vantor::demo {
@@ -49,7 +50,17 @@ struct User {
   std::string lastBroadcast;  // on the loop thread only
 
   User(std::string who, const PhoenixTestServer& server, Transcript& out) : name(std::move(who)) {
-    socket = Socket::make(server.url(), Payload{{"token", name + "-secret"}});
+    // The bundled server is on this machine: no proxy, whatever the environment says.
+    URLSessionConfiguration configuration;
+    configuration.proxy = platform::ProxySettings::none();
+    socket = Socket::make(
+        server.url(),
+        [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+          return URLSessionTransport::make(url, configuration);
+        },
+        [token = name + "-secret"] {
+          return std::optional<Payload>(Payload{{"token", token}});
+        });
     socket->onOpen([this, &out] { out.say(name, "socket open"); });
     socket->onError([this, &out](const TransportError& error, const std::optional<HttpResponse>&) {
       out.say(name, "connection lost: " + error.description);

@@ -20,6 +20,8 @@ void usage() {
       "  --param KEY=VALUE connection parameter, repeatable\n"
       "  --join KEY=VALUE  join parameter, repeatable\n"
       "  --ca FILE         trust this PEM certificate authority too\n"
+      "  --proxy URL|none  HTTP proxy to tunnel through, or none; by default\n"
+      "                    https_proxy / http_proxy and no_proxy from the environment\n"
       "  --verbose         print the client's log lines");
 }
 
@@ -59,6 +61,8 @@ int main(int argc, char** argv) {
       pair(options.joinParams);
     } else if (arg == "--ca") {
       options.caFile = value();
+    } else if (arg == "--proxy") {
+      options.proxy = value();
     } else if (arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--help" || arg == "-h") {
