@@ -3,10 +3,16 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "Summary.hpp"
 
 int main(int argc, char** argv) {
+  // The benchmarks' servers are on loopback; a proxy of the machine's must
+  // not sit in between. Cleared before any thread starts.
+  for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"}) {
+    ::unsetenv(name);
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;

@@ -14,6 +14,7 @@
 #include <optional>
 
 #include "OAuthSupport.hpp"
+#include "vantor/platform/HttpTunnel.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/platform/TlsClient.hpp"
 
@@ -69,6 +70,11 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       return finish(failure);
     }
     target_ = std::move(*target);
+    auto proxy = options_.proxy.proxyFor(target_);
+    if (!proxy) {
+      return finish("no usable proxy: " + proxy.error().message());
+    }
+    proxy_ = std::move(*proxy);
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
     deadlineTimer_.expires_at(deadline_);
     deadlineTimer_.async_wait([self = shared_from_this()](error_code error) {
@@ -102,10 +108,11 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       request_.prepare_payload();
     }
     parser_.body_limit(bodyLimit);
-    resolver_.async_resolve(target_.host, target_.port,
-                            [self = shared_from_this()](error_code error, tcp::resolver::results_type results) {
-                              self->onResolved(error, std::move(results));
-                            });
+    resolver_.async_resolve(
+        proxy_ ? proxy_->host : target_.host, proxy_ ? proxy_->port : target_.port,
+        [self = shared_from_this()](error_code error, tcp::resolver::results_type results) {
+          self->onResolved(error, std::move(results));
+        });
   }
 
  private:
@@ -125,7 +132,19 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
   void onConnected(error_code error) {
     if (error) {
-      return finish("could not connect: " + error.message());
+      return finish((proxy_ ? "could not connect to the proxy: " : "could not connect: ") + error.message());
+    }
+    if (proxy_ && !tunnelOpen_) {
+      // The deadline timer closes the socket, which ends the tunnel request too.
+      return platform::openHttpTunnel(
+          tcpStream(), *proxy_, target_,
+          [self = shared_from_this()](error_code error, const std::string& description) {
+            if (error) {
+              return self->finish(description);
+            }
+            self->tunnelOpen_ = true;
+            self->onConnected({});
+          });
     }
     if (!secure_) {
       return write();
@@ -200,6 +219,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   tcp::resolver resolver_;
   asio::steady_timer deadlineTimer_;
   platform::NetworkTarget target_;
+  std::optional<platform::HttpProxy> proxy_;
+  bool tunnelOpen_ = false;
   std::chrono::steady_clock::time_point deadline_;
   std::shared_ptr<ssl::context> tls_;
   std::optional<beast::ssl_stream<beast::tcp_stream>> secure_;

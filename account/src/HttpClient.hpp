@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "vantor/platform/ProxySettings.hpp"
+
 namespace boost::asio {
 class io_context;
 }
@@ -15,7 +17,9 @@ namespace vantor::account::detail {
 // A small HTTP/1.1 client for the few requests of OAuth: discovery, the
 // token endpoint and userinfo. https verifies the server's certificate chain
 // and host name (with SNI); plain http is refused unless the host is a
-// loopback address.
+// loopback address. Behind an HTTP proxy every request, http or https, goes
+// through a CONNECT tunnel: one code path, and the proxy never sees inside
+// an https request.
 
 struct HttpRequest {
   std::string method = "GET";
@@ -28,6 +32,8 @@ struct HttpClientOptions {
   bool useSystemTrustStore = true;
   std::vector<std::string> additionalCertificateAuthorities;  // PEM
   std::chrono::milliseconds timeout{std::chrono::seconds(15)};
+  // From the environment by default; see platform::ProxySettings.
+  platform::ProxySettings proxy;
 };
 
 struct HttpOutcome {

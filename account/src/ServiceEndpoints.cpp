@@ -32,8 +32,8 @@ std::string withoutTrailingSlash(std::string text) {
 
 ServiceEndpoints::ServiceEndpoints(const QMOAuthServiceConfiguration& configuration)
     : configuration_(configuration),
-      httpOptions_{configuration.useSystemTrustStore,
-                   configuration.additionalCertificateAuthorities, configuration.requestTimeout} {}
+      httpOptions_{configuration.useSystemTrustStore, configuration.additionalCertificateAuthorities,
+                   configuration.requestTimeout, configuration.proxy} {}
 
 void ServiceEndpoints::resolve(Completion completion) {
   std::unique_lock lock(mutex_);

@@ -16,6 +16,7 @@
 
 #include "vantor/realtime/AsyncChannel.hpp"
 #include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
 #include "vantor/testing/PhoenixTestServer.hpp"
 
 namespace asio = boost::asio;
@@ -81,7 +82,14 @@ int main(int argc, char** argv) {
     url = server->url();
     say("bundled server at " + url);
   }
-  auto socket = Socket::make(url);
+  URLSessionConfiguration configuration;
+  if (server) {
+    // The bundled server is on this machine: no proxy, whatever the environment says.
+    configuration.proxy = vantor::platform::ProxySettings::none();
+  }
+  auto socket = Socket::make(url, [configuration](const boost::urls::url& endpoint) -> std::shared_ptr<PhoenixTransport> {
+    return URLSessionTransport::make(endpoint, configuration);
+  });
   auto channel = socket->channel(topic);
   socket->connect();
 

@@ -55,6 +55,11 @@ int runInteractive(const InteractiveOptions& options) {
     }
   }
   configuration.perMessageDeflate = options.compress;
+  if (options.proxy == "none") {
+    configuration.proxy = platform::ProxySettings::none();
+  } else if (!options.proxy.empty()) {
+    configuration.proxy = platform::ProxySettings::explicitProxy(options.proxy);
+  }
   Socket::ParamsClosure params;
   if (!options.params.empty()) {
     params = [payload = payloadOf(options.params)] { return std::optional<Payload>(payload); };

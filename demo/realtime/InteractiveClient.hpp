@@ -17,6 +17,7 @@ struct InteractiveOptions {
   std::optional<std::string> authToken;
   bool compress = false;
   bool stats = false;
+  std::string proxy;  // a proxy URL, "none", or empty for the environment's
   bool verbose = false;
 };
 

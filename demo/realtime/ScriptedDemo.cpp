@@ -12,6 +12,7 @@
 #include "vantor/realtime/Presence.hpp"
 #include "vantor/realtime/Push.hpp"
 #include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
 #include "vantor/testing/PhoenixTestServer.hpp"
 
 namespace vantor::demo {
@@ -54,12 +55,22 @@ struct User {
   // connection's traffic.
   User(std::string who, const PhoenixTestServer& server, Transcript& out, bool tokenInHandshake = false)
       : name(std::move(who)) {
+    // The bundled server is on this machine: no proxy, whatever the environment says.
+    URLSessionConfiguration configuration;
+    configuration.proxy = platform::ProxySettings::none();
+    Socket::ParamsClosure params;
+    if (!tokenInHandshake) {
+      params = [token = name + "-secret"] { return std::optional<Payload>(Payload{{"token", token}}); };
+    }
+    socket = Socket::make(
+        server.url(),
+        [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+          return URLSessionTransport::make(url, configuration);
+        },
+        params);
     if (tokenInHandshake) {
-      socket = Socket::make(server.url());
       socket->setAuthToken(name + "-secret");
       socket->setCollectsMetrics(true);
-    } else {
-      socket = Socket::make(server.url(), Payload{{"token", name + "-secret"}});
     }
     socket->onOpen([this, &out] { out.say(name, "socket open"); });
     socket->onError([this, &out](const TransportError& error, const std::optional<HttpResponse>&) {

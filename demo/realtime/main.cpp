@@ -23,6 +23,8 @@ void usage() {
       "  --auth-token TOKEN  send TOKEN in the WebSocket subprotocol, not the URL\n"
       "  --compress        offer permessage-deflate compression\n"
       "  --stats           count traffic and outcomes; print them at every heartbeat\n"
+      "  --proxy URL|none  HTTP proxy to tunnel through, or none; by default\n"
+      "                    https_proxy / http_proxy and no_proxy from the environment\n"
       "  --verbose         print the client's log lines");
 }
 
@@ -68,6 +70,8 @@ int main(int argc, char** argv) {
       options.compress = true;
     } else if (arg == "--stats") {
       options.stats = true;
+    } else if (arg == "--proxy") {
+      options.proxy = value();
     } else if (arg == "--verbose") {
       options.verbose = true;
     } else if (arg == "--help" || arg == "-h") {

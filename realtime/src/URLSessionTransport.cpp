@@ -13,6 +13,7 @@
 #include "Text.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
+#include "vantor/platform/HttpTunnel.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/platform/TlsClient.hpp"
 
@@ -80,6 +81,11 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return fail(boost::system::errc::make_error_code(boost::system::errc::protocol_not_supported));
     }
     endpoint_ = std::move(*endpoint);
+    auto proxy = configuration_.proxy.proxyFor(endpoint_);
+    if (!proxy) {
+      return fail(proxy.error());
+    }
+    proxy_ = std::move(*proxy);
     auto& context = EventLoop::main().context();
     if (endpoint_.secure) {
       error_code error;
@@ -100,7 +106,8 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
         self.reportAbnormal(TransportError::from(beast::error::timeout), std::nullopt);
       }
     });
-    resolver_.async_resolve(endpoint_.host, endpoint_.port,
+    // Through a proxy, TCP goes to the proxy and a tunnel to the server follows.
+    resolver_.async_resolve(proxy_ ? proxy_->host : endpoint_.host, proxy_ ? proxy_->port : endpoint_.port,
                             [self = shared_from_this()](error_code error, auto results) {
                               self->onResolved(error, std::move(results));
                             });
@@ -258,6 +265,9 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       error_code ignored;
       beast::get_lowest_layer(ws).socket().set_option(tcp::no_delay(true), ignored);
     });
+    if (proxy_ && !tunnelOpen_) {
+      return openTunnel();
+    }
     if (!secure_) {
       return onTlsHandshake({});
     }
@@ -267,6 +277,24 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     }
     tls.async_handshake(ssl::stream_base::client, [self = shared_from_this()](error_code error) {
       self->onTlsHandshake(error);
+    });
+  }
+
+  // Asks the proxy for a tunnel to the server, then goes on as if connected
+  // to the server itself.
+  void openTunnel() {
+    withStream([&](auto& ws) {
+      platform::openHttpTunnel(beast::get_lowest_layer(ws), *proxy_, endpoint_,
+                               [self = shared_from_this()](error_code error, const std::string& description) {
+                                 if (self->finished_) {
+                                   return;
+                                 }
+                                 if (error) {
+                                   return self->reportAbnormal({error, description}, std::nullopt);
+                                 }
+                                 self->tunnelOpen_ = true;
+                                 self->onConnected({});
+                               });
     });
   }
 
@@ -461,6 +489,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   URLSessionConfiguration configuration_;
   std::vector<std::string> subprotocols_;
   NetworkTarget endpoint_;
+  std::optional<platform::HttpProxy> proxy_;
   tcp::resolver resolver_;
   asio::steady_timer deadline_;
   std::shared_ptr<ssl::context> tls_;
@@ -471,6 +500,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   beast::flat_buffer buffer_;
   std::deque<std::string> outbox_;
   bool open_ = false;
+  bool tunnelOpen_ = false;
   bool writing_ = false;
   bool closing_ = false;
   bool finished_ = false;

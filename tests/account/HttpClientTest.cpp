@@ -1,15 +1,22 @@
-#include "HttpClient.hpp"
-
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <vantor/testing/TestCertificates.hpp>
+#include <vantor/testing/TinyProxy.hpp>
 #include <vantor/testing/WebSocketTestServer.hpp>
+
+#include "HttpClient.hpp"
+#include "LoopbackHttpServer.hpp"
 
 namespace vantor::account::detail {
 namespace {
 
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 using vantor::testing::TestCertificates;
+using vantor::testing::TinyProxy;
 
 struct TlsCase {
   const char* name;
@@ -27,7 +34,7 @@ TEST_P(HttpClientOverTls, TrustsOnlyAValidCertificateForTheHostFromATrustedAutho
   options.tls = certificates;
   vantor::testing::WebSocketTestServer server(options);
   HttpRequest request{"POST", "https://localhost:" + std::to_string(server.port()) + "/token", {}, "a=b"};
-  HttpClientOptions client{false, {}, 5s};
+  HttpClientOptions client{false, {}, 5s, platform::ProxySettings::none()};
   if (param.trustTheCa) {
     client.additionalCertificateAuthorities.push_back(certificates.caCertificatePem);
   }
@@ -49,6 +56,52 @@ INSTANTIATE_TEST_SUITE_P(
                       TlsCase{"ForAnotherHost", TestCertificates::Variant::otherNames, true, false},
                       TlsCase{"Expired", TestCertificates::Variant::expired, true, false}),
     [](const auto& info) { return std::string(info.param.name); });
+
+TEST(HttpClientThroughProxy, TunnelsHttpAndHttpsAndFailsOnARefusal) {
+  TinyProxy proxy;
+  testing::LoopbackHttpServer plain([](const auto&) {
+    return testing::LoopbackHttpServer::Response{200, "hello"};
+  });
+  auto certificates = TestCertificates::generate(TestCertificates::Variant::valid);
+  vantor::testing::WebSocketTestServer::Options tlsOptions;
+  tlsOptions.tls = certificates;
+  vantor::testing::WebSocketTestServer secure(tlsOptions);
+  HttpClientOptions options{
+      false, {certificates.caCertificatePem}, 5s, platform::ProxySettings::explicitProxy(proxy.url())};
+
+  auto outcome = sendHttpRequestAndWait({"GET", plain.url() + "/info", {}, ""}, options);
+  EXPECT_TRUE(outcome.succeeded()) << outcome.failure;
+  EXPECT_EQ(outcome.body, "hello");
+  // TLS runs end to end through the tunnel: the server's certificate and
+  // name are checked as without a proxy.
+  outcome = sendHttpRequestAndWait(
+      {"POST", "https://localhost:" + std::to_string(secure.port()) + "/token", {}, "a=b"}, options);
+  EXPECT_TRUE(outcome.succeeded()) << outcome.failure;
+  EXPECT_EQ(outcome.status, 400) << "the WebSocket server's answer to a plain request";
+  EXPECT_EQ(proxy.tunnelsOpened(), 2U) << proxy.log();
+  auto otherHost = TestCertificates::generate(TestCertificates::Variant::otherNames);
+  tlsOptions.tls = otherHost;
+  vantor::testing::WebSocketTestServer impostor(tlsOptions);
+  options.additionalCertificateAuthorities = {otherHost.caCertificatePem};
+  outcome = sendHttpRequestAndWait(
+      {"GET", "https://localhost:" + std::to_string(impostor.port()) + "/", {}, ""}, options);
+  EXPECT_THAT(outcome.failure, HasSubstr("TLS handshake failed"));
+
+  TinyProxy refusing(TinyProxy::Options{.connectPorts = {1}});
+  options.proxy = platform::ProxySettings::explicitProxy(refusing.url());
+  outcome = sendHttpRequestAndWait({"GET", plain.url() + "/info", {}, ""}, options);
+  EXPECT_THAT(outcome.failure, HasSubstr("proxy refused CONNECT: 403"));
+  EXPECT_EQ(plain.requests().size(), 1U);
+
+  // A proxy that takes the connection and never answers ends in the time-out.
+  boost::asio::io_context context;
+  boost::asio::ip::tcp::acceptor silent(context, {boost::asio::ip::make_address("127.0.0.1"), 0});
+  options.proxy =
+      platform::ProxySettings::explicitProxy("127.0.0.1:" + std::to_string(silent.local_endpoint().port()));
+  options.timeout = 200ms;
+  outcome = sendHttpRequestAndWait({"GET", plain.url() + "/info", {}, ""}, options);
+  EXPECT_THAT(outcome.failure, HasSubstr("no answer within"));
+}
 
 }  // namespace
 }  // namespace vantor::account::detail

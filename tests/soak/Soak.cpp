@@ -269,6 +269,8 @@ class Soak {
     URLSessionConfiguration configuration;
     configuration.handshakeTimeout = 1s;
     configuration.closeTimeout = 200ms;
+    // Only the fault proxy stands between the socket and its loopback server.
+    configuration.proxy = vantor::platform::ProxySettings::none();
     socket_ = Socket::make(proxy_.url("/socket"),
                            [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
                              return URLSessionTransport::make(url, configuration);

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "vantor/platform/ProxySettings.hpp"
+
 namespace vantor::account {
 
 /// Where and how `QMOAuthAccountManager` signs users in: an OAuth 2.0 /
@@ -69,6 +71,11 @@ struct QMOAuthServiceConfiguration {
 
   /// Limit for each HTTP request (connect, TLS, request and response).
   std::chrono::milliseconds requestTimeout{std::chrono::seconds(15)};
+
+  /// The HTTP proxy for these requests: by default from `https_proxy` and
+  /// `no_proxy` (and `http_proxy` for loopback http endpoints);
+  /// `platform::ProxySettings::none()` connects directly.
+  platform::ProxySettings proxy;
 };
 
 }  // namespace vantor::account

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/url/url.hpp>
+#include <boost/url/url_view.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

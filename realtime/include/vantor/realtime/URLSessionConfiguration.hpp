@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "vantor/platform/ProxySettings.hpp"
+
 namespace vantor::realtime {
 
 /// Connection settings of a `URLSessionTransport`.
@@ -29,6 +31,12 @@ struct URLSessionConfiguration {
   /// the server takes it up, frames in both directions are compressed; when
   /// it does not, the connection goes on uncompressed. Off by default.
   bool perMessageDeflate = false;
+  /// The HTTP proxy to reach the server through: by default the one that
+  /// `https_proxy` (wss) or `http_proxy` (ws) names, unless `no_proxy`
+  /// exempts the host; `ProxySettings::none()` always connects directly.
+  /// The connection is tunnelled with CONNECT; TLS and its checks run end to
+  /// end with the server, and `handshakeTimeout` covers the proxy's part.
+  platform::ProxySettings proxy;
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
 };

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <boost/system/result.hpp>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "vantor/platform/HttpProxy.hpp"
+#include "vantor/platform/NetworkTarget.hpp"
+
+namespace vantor::platform {
+
+/// Whether and through which HTTP proxy client connections go.
+///
+/// By default the proxy comes from the environment, as on most desktops:
+/// `https_proxy` for TLS targets (wss, https), `http_proxy` for the others
+/// (ws, http), and `no_proxy` for the hosts reached directly; the lower-case
+/// name wins over the upper-case one, and an empty value counts as unset.
+/// `none()` ignores the environment and always connects directly;
+/// `explicitProxy()` names the proxy for every target.
+///
+/// `no_proxy` is a comma-separated list of host names, domains and
+/// addresses, each optionally with ":port". An entry matches the host itself
+/// and, on a label boundary, any host below it ("example.com" and
+/// ".example.com" both match "api.example.com", not "badexample.com"). "*"
+/// matches every host. Loopback hosts are not exempt unless listed.
+class ProxySettings {
+ public:
+  enum class Mode { fromEnvironment, none, explicitProxy };
+
+  /// Looks up an environment variable: its value, or none when not set.
+  using Environment = std::function<std::optional<std::string>(std::string_view name)>;
+
+  /// Proxies from the process environment.
+  ProxySettings() = default;
+
+  /// Proxies from `environment`, or from the process environment when it is empty.
+  static ProxySettings fromEnvironment(Environment environment = nullptr);
+  /// Always direct.
+  static ProxySettings none();
+  /// Through the proxy at `url` (see `HttpProxy::parse`) except for the
+  /// targets that `noProxy` (as `no_proxy`) exempts.
+  static ProxySettings explicitProxy(std::string url, std::string noProxy = {});
+
+  [[nodiscard]] Mode mode() const noexcept { return mode_; }
+
+  /// The proxy for a connection to `target`: none to connect directly, or
+  /// ProxyError::invalidProxyUrl when the proxy that applies does not read.
+  [[nodiscard]] boost::system::result<std::optional<HttpProxy>> proxyFor(const NetworkTarget& target) const;
+
+  /// Whether the `no_proxy`-style `list` exempts `host` on `port`.
+  static bool exempts(std::string_view list, std::string_view host, std::string_view port);
+
+ private:
+  Mode mode_ = Mode::fromEnvironment;
+  Environment environment_;
+  std::string url_;
+  std::string noProxy_;
+};
+
+}  // namespace vantor::platform
