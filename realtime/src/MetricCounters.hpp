@@ -9,6 +9,7 @@ namespace vantor::realtime::detail {
 
 /// A socket's counters. Only the loop thread writes them, so a count is a
 /// relaxed load and store rather than a locked add; any thread may read them.
+/// Aligned to a cache line, so that no other object shares their lines.
 struct alignas(64) MetricCounters {
   using Counter = std::atomic<std::uint64_t>;
 
@@ -22,8 +23,6 @@ struct alignas(64) MetricCounters {
   Counter pushesOk{0};
   Counter pushesError{0};
   Counter pushesTimeout{0};
-  // Nothing else shares the counters' cache lines.
-  char padding[64 - (10 * 8) % 64] = {};
 
   [[nodiscard]] bool on() const { return enabled.load(std::memory_order_relaxed); }
 

@@ -70,6 +70,27 @@ std::string queryText(std::string_view text) {
   return boost::urls::encode(text, boost::urls::unreserved_chars);
 }
 
+// The subprotocols that carry `token`: "phoenix", and the token in
+// standard base64 without padding, which is how the server reads it back.
+std::vector<std::string> authTokenSubprotocols(const std::string& token) {
+  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string name = "base64url.bearer.phx.";
+  std::uint32_t bits = 0;
+  int count = 0;
+  for (const unsigned char byte : token) {
+    bits = (bits << 8) | byte;
+    count += 8;
+    while (count >= 6) {
+      count -= 6;
+      name += alphabet[(bits >> count) & 0x3f];
+    }
+  }
+  if (count > 0) {
+    name += alphabet[(bits << (6 - count)) & 0x3f];
+  }
+  return {"phoenix", std::move(name)};
+}
+
 }  // namespace
 
 /// Forwards one transport's reports to the socket, holding it weakly so that
@@ -724,26 +745,6 @@ std::optional<std::string> Socket::authToken() const {
 }
 void Socket::setAuthToken(std::optional<std::string> token) {
   onLoop([&] { authToken_ = std::move(token); });
-}
-std::vector<std::string> Socket::authTokenSubprotocols(const std::string& token) {
-  // The server reads the token back with a base64 decoder that takes no
-  // padding; the alphabet is the standard one.
-  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string name = "base64url.bearer.phx.";
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (const unsigned char byte : token) {
-    bits = (bits << 8) | byte;
-    count += 8;
-    while (count >= 6) {
-      count -= 6;
-      name += alphabet[(bits >> count) & 0x3f];
-    }
-  }
-  if (count > 0) {
-    name += alphabet[(bits << (6 - count)) & 0x3f];
-  }
-  return {"phoenix", std::move(name)};
 }
 bool Socket::disableSSLCertValidation() const {
   return onLoop([&] { return disableSSLCertValidation_; });

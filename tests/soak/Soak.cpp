@@ -14,11 +14,10 @@
 // Prints its figures, the last lines machine-readable, and exits 1 when one
 // falls short.
 //
-//   vantor-soak [--cycles N] [--channels N] [--diagnose]
+//   vantor-soak [--cycles N] [--channels N]
 //
-// --diagnose counts, through the socket's logger, replies dropped as
-// outdated and join time-outs. extra_closes counts closes beyond one per
-// fault: failed reconnect attempts, and faults the run did not make.
+// extra_closes counts closes beyond one per fault: failed reconnect
+// attempts, and faults the run did not make.
 #include <unistd.h>
 
 #include <algorithm>
@@ -265,7 +264,7 @@ int parseCount(const char* text, const char* what) {
 
 class Soak {
  public:
-  Soak(int cycles, int channelCount, bool diagnose) : cycles_(cycles), diagnose_(diagnose) {
+  Soak(int cycles, int channelCount) : cycles_(cycles) {
     URLSessionConfiguration configuration;
     configuration.handshakeTimeout = 1s;
     configuration.closeTimeout = 200ms;
@@ -278,17 +277,6 @@ class Soak {
     socket_->setHeartbeatInterval(heartbeatInterval);
     socket_->setReconnectAfter([](int) { return 0.02; });
     socket_->setRejoinAfter([](int) { return 0.02; });
-    if (diagnose_) {
-      // Counts what the socket logs about replies it could not route.
-      socket_->setLogger([this](const std::string& line) {
-        if (line.find("dropping outdated message") != std::string::npos &&
-            line.find("phx_reply") != std::string::npos) {
-          ++outdatedReplies_;
-        } else if (line.find("timeout soak:") != std::string::npos) {
-          ++joinTimeouts_;
-        }
-      });
-    }
     socket_->onOpen([this] { ++opens_; });
     socket_->onClose([this] { ++closes_; });
     for (int i = 0; i < channelCount; ++i) {
@@ -478,10 +466,6 @@ class Soak {
     for (const auto& miss : f.erroredMisses) {
       std::cout << "  " << miss << "\n";
     }
-    if (diagnose_) {
-      std::cout << "replies dropped as outdated: " << outdatedReplies_ << ", join time-outs: " << joinTimeouts_
-                << "\n";
-    }
     std::printf(
         "cycles=%d\nelapsed_s=%.1f\nslowest_recovery_ms=%lld\nchannels_joined=%zu/%zu\n"
         "pushes=%ld\npushes_while_errored=%ld\noutcomes_ok=%ld\noutcomes_timeout=%ld\n"
@@ -510,9 +494,6 @@ class Soak {
   std::atomic<int> opens_{0};
   std::atomic<int> closes_{0};
   std::jthread pusher_;
-  const bool diagnose_;
-  std::atomic<int> outdatedReplies_{0};
-  std::atomic<int> joinTimeouts_{0};
   int failedCycle_ = 0;
   int cyclesRun_ = 0;
   std::chrono::milliseconds slowestRecovery_{0};
@@ -527,20 +508,17 @@ class Soak {
 int main(int argc, char** argv) {
   int cycles = 1000;
   int channels = 100;
-  bool diagnose = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--cycles" && i + 1 < argc) {
       cycles = parseCount(argv[++i], "--cycles");
-    } else if (arg == "--diagnose") {
-      diagnose = true;
     } else if (arg == "--channels" && i + 1 < argc) {
       channels = parseCount(argv[++i], "--channels");
     } else {
-      std::cerr << "usage: vantor-soak [--cycles N] [--channels N] [--diagnose]\n";
+      std::cerr << "usage: vantor-soak [--cycles N] [--channels N]\n";
       return 2;
     }
   }
-  Soak soak(cycles, channels, diagnose);
+  Soak soak(cycles, channels);
   return soak.run() ? 0 : 1;
 }

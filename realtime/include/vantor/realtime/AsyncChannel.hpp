@@ -164,6 +164,18 @@ void completeWithOutcome(const std::shared_ptr<PendingReply<Handler>>& pending,
   });
 }
 
+/// Starts the push that `makePush` makes on `channel` and completes with
+/// its first outcome.
+template <class CompletionToken, class MakePush>
+auto asyncOutcome(CompletionToken&& token, std::shared_ptr<Channel> channel, MakePush makePush) {
+  return boost::asio::async_initiate<CompletionToken, ReplySignature>(
+      [channel = std::move(channel), makePush = std::move(makePush)](auto handler) mutable {
+        auto pending = std::make_shared<PendingReply<decltype(handler)>>(std::move(handler));
+        completeWithOutcome(pending, makePush(*channel), channel->topic());
+      },
+      token);
+}
+
 }  // namespace detail
 
 /// Joins `channel` (see `Channel::join`; a second join stops the process)
@@ -171,12 +183,8 @@ void completeWithOutcome(const std::shared_ptr<PendingReply<Handler>>& pending,
 template <class CompletionToken>
 auto asyncJoin(std::shared_ptr<Channel> channel, CompletionToken&& token,
                std::optional<double> timeout = std::nullopt) {
-  return boost::asio::async_initiate<CompletionToken, ReplySignature>(
-      [channel = std::move(channel), timeout](auto handler) {
-        auto pending = std::make_shared<detail::PendingReply<decltype(handler)>>(std::move(handler));
-        detail::completeWithOutcome(pending, channel->join(timeout), channel->topic());
-      },
-      token);
+  return detail::asyncOutcome(std::forward<CompletionToken>(token), std::move(channel),
+                              [timeout](Channel& channel) { return channel.join(timeout); });
 }
 
 /// Pushes `event` with `payload` (see `Channel::push`) and completes with
@@ -184,14 +192,9 @@ auto asyncJoin(std::shared_ptr<Channel> channel, CompletionToken&& token,
 template <class CompletionToken>
 auto asyncPush(std::shared_ptr<Channel> channel, std::string event, Payload payload,
                CompletionToken&& token, double timeout = Defaults::timeoutInterval) {
-  return boost::asio::async_initiate<CompletionToken, ReplySignature>(
-      [channel = std::move(channel), event = std::move(event), payload = std::move(payload),
-       timeout](auto handler) mutable {
-        auto pending = std::make_shared<detail::PendingReply<decltype(handler)>>(std::move(handler));
-        detail::completeWithOutcome(pending, channel->push(event, std::move(payload), timeout),
-                                    channel->topic());
-      },
-      token);
+  return detail::asyncOutcome(std::forward<CompletionToken>(token), std::move(channel),
+                              [event = std::move(event), payload = std::move(payload), timeout](
+                                  Channel& channel) mutable { return channel.push(event, std::move(payload), timeout); });
 }
 
 /// Leaves `channel` (see `Channel::leave`) and completes with the leave's
@@ -199,12 +202,8 @@ auto asyncPush(std::shared_ptr<Channel> channel, std::string event, Payload payl
 template <class CompletionToken>
 auto asyncLeave(std::shared_ptr<Channel> channel, CompletionToken&& token,
                 double timeout = Defaults::timeoutInterval) {
-  return boost::asio::async_initiate<CompletionToken, ReplySignature>(
-      [channel = std::move(channel), timeout](auto handler) {
-        auto pending = std::make_shared<detail::PendingReply<decltype(handler)>>(std::move(handler));
-        detail::completeWithOutcome(pending, channel->leave(timeout), channel->topic());
-      },
-      token);
+  return detail::asyncOutcome(std::forward<CompletionToken>(token), std::move(channel),
+                              [timeout](Channel& channel) { return channel.leave(timeout); });
 }
 
 /// Completes with the next message of `event` that reaches the channel's

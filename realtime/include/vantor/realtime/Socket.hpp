@@ -210,8 +210,6 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// bytes round-trip. Absent by default; applies from the next `connect()`.
   [[nodiscard]] std::optional<std::string> authToken() const;
   void setAuthToken(std::optional<std::string> token);
-  /// The subprotocols offered for `token`, in order.
-  static std::vector<std::string> authTokenSubprotocols(const std::string& token);
   /// Kept for the application; the socket does not read them.
   [[nodiscard]] bool disableSSLCertValidation() const;
   void setDisableSSLCertValidation(bool disable);
