@@ -1,6 +1,9 @@
 #include "vantor/realtime/Channel.hpp"
 
+#include <bit>
+#include <charconv>
 #include <limits>
+#include <string_view>
 
 #include "Guarded.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -13,13 +16,37 @@ namespace vantor::realtime {
 
 namespace {
 bool isConnected(const std::shared_ptr<Socket>& socket) { return socket && socket->isConnected(); }
+
+// The number in a reply event ("chan_reply_" and a reference as the socket
+// writes it); none for any other event, which is then filed by its name.
+std::optional<std::uint64_t> replyNumber(std::string_view event) {
+  constexpr std::string_view prefix = "chan_reply_";
+  if (!event.starts_with(prefix)) {
+    return std::nullopt;
+  }
+  const auto digits = event.substr(prefix.size());
+  if (digits.empty() || (digits.size() > 1 && digits.front() == '0')) {
+    return std::nullopt;
+  }
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (error != std::errc{} || end != digits.data() + digits.size()) {
+    return std::nullopt;
+  }
+  return number;
+}
 }  // namespace
 
 std::shared_ptr<Channel> Channel::make(std::string topic, Payload params,
                                        const std::shared_ptr<Socket>& socket) {
+  // One allocation for the channel and its control block.
+  struct Made : Channel {
+    Made(std::string topic, Payload params, const std::shared_ptr<Socket>& socket)
+        : Channel(std::move(topic), std::move(params), socket) {}
+  };
   return platform::EventLoop::main().sync([&] {
-    auto channel =
-        std::shared_ptr<Channel>(new Channel(std::move(topic), std::move(params), socket));
+    std::shared_ptr<Channel> channel =
+        std::make_shared<Made>(std::move(topic), std::move(params), socket);
     channel->wire();
     return channel;
   });
@@ -35,86 +62,103 @@ Channel::~Channel() = default;
 
 void Channel::wire() {
   auto self = shared_from_this();
-
-  rejoinTimer_ = TimeoutTimer::make();
-  rejoinTimer_->callback.delegate(self, [](Channel& channel) {
-    if (isConnected(channel.socket_.lock())) {
-      channel.rejoin();
-    }
-  });
-  rejoinTimer_->timerCalculation.delegate(self, [](Channel& channel, const int& tries) {
-    auto socket = channel.socket_.lock();
-    return socket ? socket->rejoinAfter(tries) : 5.0;
-  });
-
   if (auto socket = socket_.lock()) {
+    stateChangeRefs_.reserve(2);
     stateChangeRefs_.push_back(socket->delegateOnError<Channel>(
         self, [](Channel& channel, const TransportError&, const std::optional<HttpResponse>&) {
-          channel.rejoinTimer_->reset();
+          channel.resetRejoinTimer();
         }));
     stateChangeRefs_.push_back(socket->delegateOnOpen<Channel>(self, [](Channel& channel) {
-      channel.rejoinTimer_->reset();
+      channel.resetRejoinTimer();
       if (channel.state_ == ChannelState::errored) {
         channel.rejoin();
       }
     }));
   }
-
+  // The join push's "ok", "error" and "timeout" hooks are joinReplied(), and
+  // the bindings with references 0 to 2 are runOwnBinding().
   joinPush_ = Push::make(self, std::string(ChannelEvent::join), params_, timeout_);
-  joinPush_->delegateReceive<Channel>("ok", self, [](Channel& channel, const Message&) {
-    channel.state_ = ChannelState::joined;
-    channel.rejoinTimer_->reset();
-    for (const auto& push : std::exchange(channel.pushBuffer_, {})) {
+}
+
+void Channel::joinReplied(const std::string& status) {
+  if (status == "ok") {
+    state_ = ChannelState::joined;
+    resetRejoinTimer();
+    for (const auto& push : std::exchange(pushBuffer_, {})) {
       push->send();
     }
-  });
-  joinPush_->delegateReceive<Channel>("error", self, [](Channel& channel, const Message&) {
-    channel.state_ = ChannelState::errored;
-    if (isConnected(channel.socket_.lock())) {
-      channel.rejoinTimer_->scheduleTimeout();
+  } else if (status == "error") {
+    state_ = ChannelState::errored;
+    if (isConnected(socket_.lock())) {
+      scheduleRejoin();
     }
-  });
-  joinPush_->delegateReceive<Channel>("timeout", self, [](Channel& channel, const Message&) {
-    channel.log("timeout " + channel.topic_ + " " + channel.joinRef().value_or("") + " after " +
-                detail::shortestDecimal(channel.timeout_) + "s");
+  } else if (status == "timeout") {
+    log("timeout " + topic_ + " " + joinRef().value_or("") + " after " +
+        detail::shortestDecimal(timeout_) + "s");
     // Tell the server to drop the half-made membership.
-    auto leavePush = Push::make(channel.shared_from_this(), std::string(ChannelEvent::leave),
-                                Payload{}, channel.timeout_);
+    auto leavePush = Push::make(shared_from_this(), std::string(ChannelEvent::leave), Payload{}, timeout_);
     leavePush->send();
-    channel.state_ = ChannelState::errored;
-    channel.joinPush_->reset();
-    if (isConnected(channel.socket_.lock())) {
-      channel.rejoinTimer_->scheduleTimeout();
+    state_ = ChannelState::errored;
+    joinPush_->reset();
+    if (isConnected(socket_.lock())) {
+      scheduleRejoin();
     }
-  });
+  }
+}
 
-  delegateOnClose<Channel>(self, [](Channel& channel, const Message&) {
-    channel.rejoinTimer_->reset();
-    channel.log("close topic: " + channel.topic_ + " joinRef: " + channel.joinRef().value_or("nil"));
-    channel.state_ = ChannelState::closed;
-    if (auto socket = channel.socket_.lock()) {
-      socket->remove(channel.shared_from_this());
-    }
-  });
-  delegateOnError<Channel>(self, [](Channel& channel, const Message& message) {
-    channel.log("error topic: " + channel.topic_ + " joinRef: " + channel.joinRef().value_or("nil") +
-                " mesage: " + message.description());
-    if (channel.state_ == ChannelState::joining) {
-      // Keep a stale queued join from going out on reconnect.
-      if (auto socket = channel.socket_.lock()) {
-        socket->removeFromSendBuffer(channel.joinRef());
+void Channel::runOwnBinding(OwnBinding binding, const Message& message) {
+  switch (binding) {
+    case ownClose:
+      resetRejoinTimer();
+      log("close topic: " + topic_ + " joinRef: " + joinRef().value_or("nil"));
+      state_ = ChannelState::closed;
+      if (auto socket = socket_.lock()) {
+        socket->remove(shared_from_this());
       }
-      channel.joinPush_->reset();
-    }
-    channel.state_ = ChannelState::errored;
-    if (isConnected(channel.socket_.lock())) {
-      channel.rejoinTimer_->scheduleTimeout();
-    }
-  });
-  delegateOn<Channel>(std::string(ChannelEvent::reply), self, [](Channel& channel, const Message& message) {
-    channel.dispatch(replyEventName(message.ref()), message.sharedRawPayload(), message.ref(),
-                     message.joinRef());
-  });
+      break;
+    case ownError:
+      log("error topic: " + topic_ + " joinRef: " + joinRef().value_or("nil") +
+          " mesage: " + message.description());
+      if (state_ == ChannelState::joining) {
+        // Keep a stale queued join from going out on reconnect.
+        if (auto socket = socket_.lock()) {
+          socket->removeFromSendBuffer(joinRef());
+        }
+        joinPush_->reset();
+      }
+      state_ = ChannelState::errored;
+      if (isConnected(socket_.lock())) {
+        scheduleRejoin();
+      }
+      break;
+    case ownReply:
+      dispatch(replyEventName(message.ref()), message.sharedRawPayload(), message.ref(),
+               message.joinRef());
+      break;
+  }
+}
+
+void Channel::resetRejoinTimer() {
+  if (rejoinTimer_) {
+    rejoinTimer_->reset();
+  }
+}
+
+void Channel::scheduleRejoin() {
+  if (!rejoinTimer_) {
+    auto self = shared_from_this();
+    rejoinTimer_ = TimeoutTimer::make();
+    rejoinTimer_->callback.delegate(self, [](Channel& channel) {
+      if (isConnected(channel.socket_.lock())) {
+        channel.rejoin();
+      }
+    });
+    rejoinTimer_->timerCalculation.delegate(self, [](Channel& channel, const int& tries) {
+      auto socket = channel.socket_.lock();
+      return socket ? socket->rejoinAfter(tries) : 5.0;
+    });
+  }
+  rejoinTimer_->scheduleTimeout();
 }
 
 std::shared_ptr<Push> Channel::join(std::optional<double> timeout) {
@@ -169,14 +213,14 @@ void Channel::socketDisconnected() {
       }
     }
     joinPush_->reset();
-    rejoinTimer_->reset();
+    resetRejoinTimer();
     state_ = ChannelState::errored;
   });
 }
 
 std::shared_ptr<Push> Channel::leave(double timeout) {
   return onLoop([&] {
-    rejoinTimer_->reset();
+    resetRejoinTimer();
     state_ = ChannelState::leaving;
     auto self = shared_from_this();
     auto leavePush = Push::make(self, std::string(ChannelEvent::leave), Payload{}, timeout);
@@ -220,8 +264,12 @@ int Channel::bind(std::string event, Delegated<Message, void> callback) {
       platform::fatalError("Channel binding references overflowed");
     }
     const int ref = bindingRef_++;
-    auto key = event;
-    syncBindingsDel_.append(key, Binding{std::move(event), ref, std::move(callback)});
+    if (const auto number = replyNumber(event)) {
+      replyBindings_.append(*number, ref, std::move(callback));
+    } else {
+      auto key = event;
+      syncBindingsDel_.append(key, Binding{std::move(event), ref, std::move(callback)});
+    }
     return ref;
   });
 }
@@ -240,7 +288,27 @@ int Channel::onError(Callback callback) {
   return on(std::string(ChannelEvent::error), std::move(callback));
 }
 
+std::optional<std::pair<Channel::OwnBinding, int>> Channel::ownBindingOf(std::string_view event) {
+  if (event == ChannelEvent::close) {
+    return std::pair{ownClose, 0};
+  }
+  if (event == ChannelEvent::error) {
+    return std::pair{ownError, 1};
+  }
+  if (event == ChannelEvent::reply) {
+    return std::pair{ownReply, 2};
+  }
+  return std::nullopt;
+}
+
 void Channel::off(const std::string& event, std::optional<int> ref) {
+  if (const auto own = ownBindingOf(event); own && (!ref || *ref == own->second)) {
+    ownBindings_.fetch_and(static_cast<std::uint8_t>(~own->first));
+  }
+  if (const auto number = replyNumber(event)) {
+    replyBindings_.remove(*number, ref);
+    return;
+  }
   syncBindingsDel_.removeAll(event, [&](const Binding& binding) { return !ref || binding.ref == *ref; });
 }
 
@@ -294,7 +362,20 @@ void Channel::dispatch(const std::string& event, std::shared_ptr<const Payload> 
   }
   // Called on a snapshot, outside the binding list's lock: bindings may add
   // or remove bindings, which affects the next message, not this one.
+  if (const auto number = replyNumber(event)) {
+    for (const auto& callback : replyBindings_.group(*number)) {
+      detail::guarded(socket.get(), "channel binding", [&] { callback.call(message); });
+    }
+    return;
+  }
+  const auto own = ownBindingOf(event);
+  const bool runOwn = own && (ownBindings_.load() & own->first) != 0;
   const auto bindings = syncBindingsDel_.group(event);
+  if (runOwn) {
+    detail::guarded(socket.get(), "channel binding", [&] {
+      runOwnBinding(own->first, message);
+    });
+  }
   for (const auto& binding : *bindings) {
     detail::guarded(socket.get(), "channel binding", [&] { binding.callback.call(message); });
   }
@@ -338,7 +419,10 @@ std::vector<std::shared_ptr<Push>> Channel::pushBuffer() const {
 std::vector<std::string> Channel::stateChangeRefs() const {
   return onLoop([&] { return stateChangeRefs_; });
 }
-std::size_t Channel::bindingCount() const { return syncBindingsDel_.size(); }
+std::size_t Channel::bindingCount() const {
+  return syncBindingsDel_.size() + replyBindings_.size() +
+         static_cast<std::size_t>(std::popcount(ownBindings_.load()));
+}
 std::optional<std::string> Channel::joinRef() const {
   return onLoop([&] { return joinPush_ ? joinPush_->ref() : std::nullopt; });
 }

@@ -201,6 +201,11 @@ void Push::removeReplyBinding() {
 }
 
 void Push::matchReceive(const std::string& status, const Message& message, Socket* socket) {
+  // A channel's join push runs the channel's own hooks first: they were
+  // the first added.
+  if (auto channel = channel_.lock(); channel && channel->joinPush_.get() == this) {
+    detail::guarded(socket, "push hook", [&] { channel->joinReplied(status); });
+  }
   auto found = std::find_if(receiveHooks_.begin(), receiveHooks_.end(),
                             [&](const auto& entry) { return entry.first == status; });
   if (found == receiveHooks_.end()) {

@@ -388,7 +388,7 @@ std::string Socket::append(CallbackList<Input> StateChangeCallbacks::*list,
   return onLoop([&] {
     auto ref = makeRef();
     auto& callbacks = stateChangeCallbacks_.*list;
-    callbacks.entries.emplace_back(ref, std::move(callback));
+    callbacks.entries.emplace_back(ref_, std::move(callback));
     callbacks.snapshot.reset();
     return ref;
   });
@@ -433,8 +433,17 @@ void Socket::releaseCallbacks() {
 
 void Socket::off(const std::vector<std::string>& refs) {
   onLoop([&] {
+    // References are the decimal text of their number; other texts match none.
+    std::vector<std::uint64_t> numbers;
+    for (const auto& ref : refs) {
+      std::uint64_t number = 0;
+      const auto [end, error] = std::from_chars(ref.data(), ref.data() + ref.size(), number);
+      if (error == std::errc{} && end == ref.data() + ref.size() && std::to_string(number) == ref) {
+        numbers.push_back(number);
+      }
+    }
     auto listed = [&](const auto& entry) {
-      return std::find(refs.begin(), refs.end(), entry.first) != refs.end();
+      return std::find(numbers.begin(), numbers.end(), entry.first) != numbers.end();
     };
     auto erase = [&](auto& callbacks) {
       if (std::erase_if(callbacks.entries, listed) != 0) {
@@ -455,8 +464,14 @@ std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload param
     auto made = Channel::make(topic, std::move(params), shared_from_this());
     channels_.push_back(made);
     auto& sameTopic = channelsByTopic_[topic];
-    sameTopic.channels.push_back(made);
-    sameTopic.snapshot.reset();
+    if (!sameTopic.only && !sameTopic.several) {
+      sameTopic.only = made;
+    } else {
+      auto all = sameTopic.all();
+      all.push_back(made);
+      sameTopic.several = std::make_shared<const std::vector<std::shared_ptr<Channel>>>(std::move(all));
+      sameTopic.only.reset();
+    }
     return made;
   });
 }
@@ -477,10 +492,17 @@ void Socket::remove(const std::shared_ptr<Channel>& channel) {
       if (byTopic == channelsByTopic_.end()) {
         continue;
       }
-      std::erase(byTopic->second.channels, gone);
-      byTopic->second.snapshot.reset();
-      if (byTopic->second.channels.empty()) {
+      auto& sameTopic = byTopic->second;
+      auto all = sameTopic.all();
+      std::erase(all, gone);
+      sameTopic.only.reset();
+      sameTopic.several.reset();
+      if (all.empty()) {
         channelsByTopic_.erase(byTopic);
+      } else if (all.size() == 1) {
+        sameTopic.only = std::move(all.front());
+      } else {
+        sameTopic.several = std::make_shared<const std::vector<std::shared_ptr<Channel>>>(std::move(all));
       }
     }
   });
@@ -492,7 +514,7 @@ void Socket::leaveOpenTopic(const std::string& topic) {
     if (byTopic == channelsByTopic_.end()) {
       return;
     }
-    const auto& sameTopic = byTopic->second.channels;
+    const auto sameTopic = byTopic->second.all();
     auto duplicate = std::find_if(sameTopic.begin(), sameTopic.end(), [&](const auto& channel) {
       return channel->isJoined() || channel->isJoining();
     });
@@ -617,16 +639,17 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   // Only channels of the frame's topic can be members; they are asked in
   // order of creation, on a snapshot, as handling may add or remove channels.
   if (auto byTopic = channelsByTopic_.find(message->topic()); byTopic != channelsByTopic_.end()) {
-    auto& sameTopic = byTopic->second;
-    if (!sameTopic.snapshot) {
-      sameTopic.snapshot =
-          std::make_shared<const std::vector<std::shared_ptr<Channel>>>(sameTopic.channels);
-    }
-    const auto channels = sameTopic.snapshot;
-    for (const auto& channel : *channels) {
+    auto route = [&](const std::shared_ptr<Channel>& channel) {
       if (channel->isMember(*message)) {
         channel->trigger(*message);
       }
+    };
+    if (const auto several = byTopic->second.several) {
+      for (const auto& channel : *several) {
+        route(channel);
+      }
+    } else if (const auto only = byTopic->second.only) {
+      route(only);
     }
   }
   callAll(stateChangeCallbacks_.message, "message callback", *message);

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <atomic>
+#include <concepts>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "vantor/platform/EventLoop.hpp"
@@ -14,6 +18,7 @@
 #include "vantor/realtime/Message.hpp"
 #include "vantor/realtime/Payload.hpp"
 #include "vantor/realtime/SynchronizedGroups.hpp"
+#include "vantor/realtime/SynchronizedReplyBindings.hpp"
 
 namespace vantor::realtime {
 
@@ -65,19 +70,19 @@ class Channel : public std::enable_shared_from_this<Channel> {
   /// first binding gets 3). The callback is held strongly.
   int on(const std::string& event, Callback callback);
   /// As `on`, holding `owner` weakly.
-  template <class Owner>
+  template <class Owner, std::invocable<Owner&, const Message&> F>
   int delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
-                 std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
+                 F callback);
   int onClose(Callback callback);
-  template <class Owner>
+  template <class Owner, std::invocable<Owner&, const Message&> F>
   int delegateOnClose(const std::shared_ptr<Owner>& owner,
-                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+                      F callback) {
     return delegateOn("phx_close", owner, std::move(callback));
   }
   int onError(Callback callback);
-  template <class Owner>
+  template <class Owner, std::invocable<Owner&, const Message&> F>
   int delegateOnError(const std::shared_ptr<Owner>& owner,
-                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+                      F callback) {
     return delegateOn("phx_error", owner, std::move(callback));
   }
   /// Removes the bindings of `event`, or only the one with `ref`. Without
@@ -138,12 +143,26 @@ class Channel : public std::enable_shared_from_this<Channel> {
   [[nodiscard]] std::size_t bindingCount() const;
 
  private:
+  friend class Push;
+
+  // The channel's own bindings, made at construction with references 0, 1
+  // and 2. They are kept as flags rather than stored callbacks: every
+  // channel has them, and they run before any binding added later.
+  enum OwnBinding : std::uint8_t { ownClose = 1, ownError = 2, ownReply = 4 };
+
   Channel(std::string topic, Payload params, const std::shared_ptr<Socket>& socket);
   void wire();
   void dispatch(const std::string& event, std::shared_ptr<const Payload> payload, std::string ref,
                 std::optional<std::string> joinRef);
   void log(const std::string& line) const;
   int bind(std::string event, Delegated<Message, void> callback);
+  // The channel's own binding of `event` and its reference, if it has one.
+  static std::optional<std::pair<OwnBinding, int>> ownBindingOf(std::string_view event);
+  void runOwnBinding(OwnBinding binding, const Message& message);
+  // The join push's own hooks; they run before the hooks added to it later.
+  void joinReplied(const std::string& status);
+  void resetRejoinTimer();
+  void scheduleRejoin();
 
   template <class F>
   auto onLoop(F&& work) const {
@@ -155,24 +174,28 @@ class Channel : public std::enable_shared_from_this<Channel> {
   Payload params_;
   std::weak_ptr<Socket> socket_;
   ChannelState state_ = ChannelState::closed;
+  std::atomic<std::uint8_t> ownBindings_{ownClose | ownError | ownReply};
   // Bindings by event, each event's in the order they were added: a reply
-  // reaches its push without walking the bindings of other events.
+  // reaches its push without walking the bindings of other events. Reply
+  // events ("chan_reply_" and a reference) are filed by their number.
   SynchronizedGroups<Binding> syncBindingsDel_;
-  int bindingRef_ = 0;
+  SynchronizedReplyBindings replyBindings_;
+  int bindingRef_ = 3;
   double timeout_;
   std::atomic<bool> joinedOnce_{false};  // also read by push() off the loop
   bool joinSent_ = false;                // a later join counts as a rejoin
   std::shared_ptr<Push> joinPush_;
   std::vector<std::shared_ptr<Push>> pushBuffer_;
+  // Made when a rejoin is first scheduled: most channels never need one.
   std::shared_ptr<TimeoutTimer> rejoinTimer_;
   std::vector<std::string> stateChangeRefs_;
   using MessageHook = std::function<Message(const Message&)>;
   std::shared_ptr<const MessageHook> onMessage_;  // none: messages pass unchanged
 };
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&, const Message&> F>
 int Channel::delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
-                        std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+                        F callback) {
   Delegated<Message, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return bind(event, std::move(delegated));

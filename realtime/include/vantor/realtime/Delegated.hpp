@@ -26,32 +26,20 @@ class DelegatedBase {
   /// does nothing and gives no result.
   template <class Owner, class F>
   void delegate(const std::shared_ptr<Owner>& owner, F callback) {
-    store([weakOwner = std::weak_ptr<Owner>(owner),
-           callback = std::move(callback)](Args... args) -> std::optional<StoredOutput<Output>> {
-      auto strongOwner = weakOwner.lock();
-      if (!strongOwner) {
-        return std::nullopt;
-      }
-      return invoke(callback, *strongOwner, args...);
-    });
+    store(Weak<Owner, F>{std::weak_ptr<Owner>(owner), std::move(callback)});
   }
 
   /// As `delegate`, but holds `owner` strongly for as long as the callback
   /// is stored; the callback always runs.
   template <class Owner, class F>
   void stronglyDelegate(std::shared_ptr<Owner> owner, F callback) {
-    store([owner = std::move(owner),
-           callback = std::move(callback)](Args... args) -> std::optional<StoredOutput<Output>> {
-      return invoke(callback, *owner, args...);
-    });
+    store(Strong<Owner, F>{std::move(owner), std::move(callback)});
   }
 
   /// Stores `callback(args...)` as it is, with no owner.
   template <class F>
   void manuallyDelegate(F callback) {
-    store([callback = std::move(callback)](Args... args) -> std::optional<StoredOutput<Output>> {
-      return invoke(callback, args...);
-    });
+    store(Plain<F>{std::move(callback)});
   }
 
   /// Drops the stored callback and whatever it captured.
@@ -79,10 +67,54 @@ class DelegatedBase {
   }
 
  private:
-  using Function = std::function<std::optional<StoredOutput<Output>>(Args...)>;
+  using Stored = std::optional<StoredOutput<Output>>;
+
+  // The closure and its owner live in one allocation with the shared count:
+  // a binding costs one block, not one for a std::function and another for
+  // what it captured.
+  struct Function {
+    Function() = default;
+    Function(const Function&) = delete;
+    Function& operator=(const Function&) = delete;
+    virtual ~Function() = default;
+    virtual Stored operator()(Args... args) const = 0;
+  };
+
+  template <class Closure>
+  struct Holder final : Function {
+    explicit Holder(Closure closure) : closure(std::move(closure)) {}
+    Stored operator()(Args... args) const override { return closure(args...); }
+    Closure closure;
+  };
+
+  template <class Owner, class F>
+  struct Weak {
+    std::weak_ptr<Owner> owner;
+    mutable F callback;
+    Stored operator()(Args... args) const {
+      auto strongOwner = owner.lock();
+      if (!strongOwner) {
+        return std::nullopt;
+      }
+      return invoke(callback, *strongOwner, args...);
+    }
+  };
+
+  template <class Owner, class F>
+  struct Strong {
+    std::shared_ptr<Owner> owner;
+    mutable F callback;
+    Stored operator()(Args... args) const { return invoke(callback, *owner, args...); }
+  };
+
+  template <class F>
+  struct Plain {
+    mutable F callback;
+    Stored operator()(Args... args) const { return invoke(callback, args...); }
+  };
 
   template <class F, class... CallArgs>
-  static std::optional<StoredOutput<Output>> invoke(F& callback, CallArgs&&... args) {
+  static Stored invoke(F& callback, CallArgs&&... args) {
     if constexpr (std::is_void_v<Output>) {
       std::invoke(callback, std::forward<CallArgs>(args)...);
       return std::monostate{};
@@ -91,10 +123,10 @@ class DelegatedBase {
     }
   }
 
-  template <class F>
-  void store(F function) {
+  template <class Closure>
+  void store(Closure closure) {
     // Shared, so that copies of a Delegated call the same closure.
-    callback_ = std::make_shared<const Function>(std::move(function));
+    callback_ = std::make_shared<const Holder<Closure>>(std::move(closure));
   }
 
   std::shared_ptr<const Function> callback_;

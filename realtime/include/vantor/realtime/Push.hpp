@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -56,10 +57,10 @@ class Push : public std::enable_shared_from_this<Push> {
   /// off the loop, it is queued like `Channel::push` and does not wait.
   std::shared_ptr<Push> receive(const std::string& status, Hook callback);
   /// As `receive`, holding `owner` weakly.
-  template <class Owner>
+  template <class Owner, std::invocable<Owner&, const Message&> F>
   std::shared_ptr<Push> delegateReceive(const std::string& status,
                                         const std::shared_ptr<Owner>& owner,
-                                        std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
+                                        F callback);
   std::shared_ptr<Push> receive(const std::string& status, Delegated<Message, void> delegated);
 
   /// Adds a hook for every outcome of the push, whatever its status: each
@@ -125,10 +126,10 @@ class Push : public std::enable_shared_from_this<Push> {
   std::optional<std::string> ref_;  // the reply event is made from it when needed
 };
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&, const Message&> F>
 std::shared_ptr<Push> Push::delegateReceive(const std::string& status,
                                             const std::shared_ptr<Owner>& owner,
-                                            std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+                                            F callback) {
   Delegated<Message, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return receive(status, std::move(delegated));

@@ -3,6 +3,7 @@
 #include <boost/json/value.hpp>
 #include <boost/url/url.hpp>
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -144,20 +145,19 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::string onError(ErrorCallback callback);
   std::string onMessage(std::function<void(const Message&)> callback);
 
-  template <class Owner>
+  template <class Owner, std::invocable<Owner&> F>
   std::string delegateOnOpen(const std::shared_ptr<Owner>& owner,
-                             std::type_identity_t<std::function<void(Owner&)>> callback);
-  template <class Owner>
+                             F callback);
+  template <class Owner, std::invocable<Owner&> F>
   std::string delegateOnClose(const std::shared_ptr<Owner>& owner,
-                              std::type_identity_t<std::function<void(Owner&)>> callback);
-  template <class Owner>
+                              F callback);
+  template <class Owner, std::invocable<Owner&, const TransportError&, const std::optional<HttpResponse>&> F>
   std::string delegateOnError(
       const std::shared_ptr<Owner>& owner,
-      std::type_identity_t<std::function<void(Owner&, const TransportError&, const std::optional<HttpResponse>&)>>
-          callback);
-  template <class Owner>
+      F callback);
+  template <class Owner, std::invocable<Owner&, const Message&> F>
   std::string delegateOnMessage(const std::shared_ptr<Owner>& owner,
-                                std::type_identity_t<std::function<void(Owner&, const Message&)>> callback);
+                                F callback);
 
   /// Empties all four callback lists.
   void releaseCallbacks();
@@ -270,7 +270,8 @@ class Socket : public std::enable_shared_from_this<Socket> {
 
   template <class Input>
   struct CallbackList {
-    using Entries = std::vector<std::pair<std::string, Delegated<Input, void>>>;
+    // Each callback with the number of its reference.
+    using Entries = std::vector<std::pair<std::uint64_t, Delegated<Input, void>>>;
     Entries entries;
     // A copy of `entries` for calling them, made at the first call after a
     // change and shared by the calls until the next change.
@@ -338,12 +339,19 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;
   StateChangeCallbacks stateChangeCallbacks_;
   std::vector<std::shared_ptr<Channel>> channels_;
-  // The same channels by topic, each list in order of creation: a received
-  // frame is routed by looking up its topic. Routing works on a snapshot,
-  // made at the first frame after a change of the list.
+  // The same channels by topic, each topic's in order of creation: a
+  // received frame is routed by looking up its topic. Most topics have one
+  // channel, held inline; a topic with several keeps an immutable list that
+  // routing holds while it runs, as handling may add or remove channels.
   struct TopicChannels {
-    std::vector<std::shared_ptr<Channel>> channels;
-    std::shared_ptr<const std::vector<std::shared_ptr<Channel>>> snapshot;
+    std::shared_ptr<Channel> only;
+    std::shared_ptr<const std::vector<std::shared_ptr<Channel>>> several;
+    [[nodiscard]] std::vector<std::shared_ptr<Channel>> all() const {
+      if (several) {
+        return *several;
+      }
+      return only ? std::vector<std::shared_ptr<Channel>>{only} : std::vector<std::shared_ptr<Channel>>{};
+    }
   };
   std::unordered_map<std::string, TopicChannels> channelsByTopic_;
   std::vector<BufferedFrame> sendBuffer_;
@@ -359,27 +367,26 @@ class Socket : public std::enable_shared_from_this<Socket> {
   const std::string vsn_;
 };
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&> F>
 std::string Socket::delegateOnOpen(const std::shared_ptr<Owner>& owner,
-                                   std::type_identity_t<std::function<void(Owner&)>> callback) {
+                                   F callback) {
   Delegated<void, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return append(&StateChangeCallbacks::open, std::move(delegated));
 }
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&> F>
 std::string Socket::delegateOnClose(const std::shared_ptr<Owner>& owner,
-                                    std::type_identity_t<std::function<void(Owner&)>> callback) {
+                                    F callback) {
   Delegated<void, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return append(&StateChangeCallbacks::close, std::move(delegated));
 }
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&, const TransportError&, const std::optional<HttpResponse>&> F>
 std::string Socket::delegateOnError(
     const std::shared_ptr<Owner>& owner,
-    std::type_identity_t<std::function<void(Owner&, const TransportError&, const std::optional<HttpResponse>&)>>
-        callback) {
+    F callback) {
   Delegated<ErrorArguments, void> delegated;
   delegated.delegate(owner, [callback = std::move(callback)](Owner& self,
                                                              const ErrorArguments& arguments) {
@@ -388,9 +395,9 @@ std::string Socket::delegateOnError(
   return append(&StateChangeCallbacks::error, std::move(delegated));
 }
 
-template <class Owner>
+template <class Owner, std::invocable<Owner&, const Message&> F>
 std::string Socket::delegateOnMessage(const std::shared_ptr<Owner>& owner,
-                                      std::type_identity_t<std::function<void(Owner&, const Message&)>> callback) {
+                                      F callback) {
   Delegated<Message, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return append(&StateChangeCallbacks::message, std::move(delegated));

@@ -32,7 +32,10 @@ class SynchronizedGroups {
 
   void append(const std::string& key, Element element) {
     std::unique_lock lock(mutex_);
-    auto& entry = entries_[key];
+    if (!entries_) {
+      entries_ = std::make_unique<Entries>();
+    }
+    auto& entry = (*entries_)[key];
     entry.elements.push_back(std::move(element));
     entry.snapshot.reset();
   }
@@ -42,15 +45,21 @@ class SynchronizedGroups {
   template <class Predicate>
   void removeAll(const std::string& key, Predicate where) {
     std::unique_lock lock(mutex_);
-    auto found = entries_.find(key);
-    if (found == entries_.end()) {
+    if (!entries_) {
+      return;
+    }
+    auto found = entries_->find(key);
+    if (found == entries_->end()) {
       return;
     }
     if (std::erase_if(found->second.elements, where) == 0) {
       return;
     }
     if (found->second.elements.empty()) {
-      entries_.erase(found);
+      entries_->erase(found);
+      if (entries_->empty()) {
+        entries_.reset();
+      }
     } else {
       found->second.snapshot.reset();
     }
@@ -60,8 +69,11 @@ class SynchronizedGroups {
   [[nodiscard]] Snapshot group(const std::string& key) const {
     {
       std::shared_lock lock(mutex_);
-      auto found = entries_.find(key);
-      if (found == entries_.end()) {
+      if (!entries_) {
+        return empty();
+      }
+      auto found = entries_->find(key);
+      if (found == entries_->end()) {
         return empty();
       }
       if (found->second.snapshot) {
@@ -69,8 +81,11 @@ class SynchronizedGroups {
       }
     }
     std::unique_lock lock(mutex_);
-    auto found = entries_.find(key);
-    if (found == entries_.end()) {
+    if (!entries_) {
+      return empty();
+    }
+    auto found = entries_->find(key);
+    if (found == entries_->end()) {
       return empty();
     }
     if (!found->second.snapshot) {
@@ -83,7 +98,10 @@ class SynchronizedGroups {
   [[nodiscard]] std::size_t size() const {
     std::shared_lock lock(mutex_);
     std::size_t count = 0;
-    for (const auto& [key, entry] : entries_) {
+    if (!entries_) {
+      return 0;
+    }
+    for (const auto& [key, entry] : *entries_) {
       count += entry.elements.size();
     }
     return count;
@@ -100,8 +118,11 @@ class SynchronizedGroups {
     return none;
   }
 
+  using Entries = std::unordered_map<std::string, Entry>;
+
   mutable std::shared_mutex mutex_;
-  mutable std::unordered_map<std::string, Entry> entries_;
+  // Made at the first element: many owners never file one.
+  std::unique_ptr<Entries> entries_;
 };
 
 }  // namespace vantor::realtime
