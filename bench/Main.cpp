@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "Summary.hpp"
 
@@ -21,10 +22,20 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   std::fflush(stdout);
 
+  // VANTOR_BENCH_ONLY=e2e|scaling|wire runs one part (with
+  // --benchmark_filter=none to skip the suites).
+  const char* only = std::getenv("VANTOR_BENCH_ONLY");
+  auto runs = [only](const char* part) { return only == nullptr || std::strcmp(only, part) == 0; };
   vantor::bench::Summary summary;
-  vantor::bench::runEndToEnd(summary);
-  vantor::bench::runScaling(summary);
-  vantor::bench::runWireSize();
+  if (runs("e2e")) {
+    vantor::bench::runEndToEnd(summary);
+  }
+  if (runs("scaling")) {
+    vantor::bench::runScaling(summary);
+  }
+  if (runs("wire")) {
+    vantor::bench::runWireSize();
+  }
   std::printf("\n");
   for (const auto& [name, value] : summary) {
     std::printf("%s=%.3f\n", name.c_str(), value);

@@ -1,7 +1,6 @@
 #include "vantor/realtime/Channel.hpp"
 
 #include <bit>
-#include <charconv>
 #include <limits>
 #include <string_view>
 
@@ -16,25 +15,6 @@ namespace vantor::realtime {
 
 namespace {
 bool isConnected(const std::shared_ptr<Socket>& socket) { return socket && socket->isConnected(); }
-
-// The number in a reply event ("chan_reply_" and a reference as the socket
-// writes it); none for any other event, which is then filed by its name.
-std::optional<std::uint64_t> replyNumber(std::string_view event) {
-  constexpr std::string_view prefix = "chan_reply_";
-  if (!event.starts_with(prefix)) {
-    return std::nullopt;
-  }
-  const auto digits = event.substr(prefix.size());
-  if (digits.empty() || (digits.size() > 1 && digits.front() == '0')) {
-    return std::nullopt;
-  }
-  std::uint64_t number = 0;
-  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-  if (error != std::errc{} || end != digits.data() + digits.size()) {
-    return std::nullopt;
-  }
-  return number;
-}
 }  // namespace
 
 std::shared_ptr<Channel> Channel::make(std::string topic, Payload params,
@@ -63,17 +43,20 @@ Channel::~Channel() = default;
 void Channel::wire() {
   auto self = shared_from_this();
   if (auto socket = socket_.lock()) {
-    stateChangeRefs_.reserve(2);
-    stateChangeRefs_.push_back(socket->delegateOnError<Channel>(
+    const auto onError = socket->delegateOnError<Channel>(
         self, [](Channel& channel, const TransportError&, const std::optional<HttpResponse>&) {
           channel.resetRejoinTimer();
-        }));
-    stateChangeRefs_.push_back(socket->delegateOnOpen<Channel>(self, [](Channel& channel) {
+        });
+    const auto onOpen = socket->delegateOnOpen<Channel>(self, [](Channel& channel) {
       channel.resetRejoinTimer();
       if (channel.state_ == ChannelState::errored) {
         channel.rejoin();
       }
-    }));
+    });
+    // The socket's references are decimal numbers; kept as such they take no
+    // allocation of their own.
+    stateChangeRefs_ = {std::stoull(onError), std::stoull(onOpen)};
+    hasStateChangeRefs_ = true;
   }
   // The join push's "ok", "error" and "timeout" hooks are joinReplied(), and
   // the bindings with references 0 to 2 are runOwnBinding().
@@ -264,12 +247,7 @@ int Channel::bind(std::string event, Delegated<Message, void> callback) {
       platform::fatalError("Channel binding references overflowed");
     }
     const int ref = bindingRef_++;
-    if (const auto number = replyNumber(event)) {
-      replyBindings_.append(*number, ref, std::move(callback));
-    } else {
-      auto key = event;
-      syncBindingsDel_.append(key, Binding{std::move(event), ref, std::move(callback)});
-    }
+    syncBindingsDel_.append(Binding{std::move(event), ref, std::move(callback)});
     return ref;
   });
 }
@@ -305,11 +283,7 @@ void Channel::off(const std::string& event, std::optional<int> ref) {
   if (const auto own = ownBindingOf(event); own && (!ref || *ref == own->second)) {
     ownBindings_.fetch_and(static_cast<std::uint8_t>(~own->first));
   }
-  if (const auto number = replyNumber(event)) {
-    replyBindings_.remove(*number, ref);
-    return;
-  }
-  syncBindingsDel_.removeAll(event, [&](const Binding& binding) { return !ref || binding.ref == *ref; });
+  syncBindingsDel_.remove(event, ref);
 }
 
 void Channel::onMessage(std::function<Message(const Message&)> callback) {
@@ -362,8 +336,8 @@ void Channel::dispatch(const std::string& event, std::shared_ptr<const Payload> 
   }
   // Called on a snapshot, outside the binding list's lock: bindings may add
   // or remove bindings, which affects the next message, not this one.
-  if (const auto number = replyNumber(event)) {
-    for (const auto& callback : replyBindings_.group(*number)) {
+  if (const auto number = ChannelBindings::replyNumber(event)) {
+    for (const auto& callback : syncBindingsDel_.replyGroup(*number)) {
       detail::guarded(socket.get(), "channel binding", [&] { callback.call(message); });
     }
     return;
@@ -417,11 +391,18 @@ std::vector<std::shared_ptr<Push>> Channel::pushBuffer() const {
   return onLoop([&] { return pushBuffer_; });
 }
 std::vector<std::string> Channel::stateChangeRefs() const {
-  return onLoop([&] { return stateChangeRefs_; });
+  return onLoop([&] {
+    std::vector<std::string> refs;
+    if (hasStateChangeRefs_) {
+      for (const auto ref : stateChangeRefs_) {
+        refs.push_back(std::to_string(ref));
+      }
+    }
+    return refs;
+  });
 }
 std::size_t Channel::bindingCount() const {
-  return syncBindingsDel_.size() + replyBindings_.size() +
-         static_cast<std::size_t>(std::popcount(ownBindings_.load()));
+  return syncBindingsDel_.size() + static_cast<std::size_t>(std::popcount(ownBindings_.load()));
 }
 std::optional<std::string> Channel::joinRef() const {
   return onLoop([&] { return joinPush_ ? joinPush_->ref() : std::nullopt; });

@@ -47,7 +47,7 @@ void Push::send() {
     if (!socket) {
       return;
     }
-    socket->push(channel->topic(), event_, payload_, ref_, channel->joinRef());
+    socket->push(channel->topic(), event_, payload_, refText(), channel->joinRef());
   });
 }
 
@@ -122,8 +122,9 @@ void Push::startTimeout() {
     // A push buffered while its channel was joining took a reference then;
     // its binding for that reference goes before it takes a new one.
     removeReplyBinding();
-    ref_ = socket->makeRef();
-    channel->delegateOn<Push>(Channel::replyEventName(*ref_), shared_from_this(),
+    // References are the decimal text of the socket's counter.
+    ref_ = std::stoull(socket->makeRef());
+    channel->delegateOn<Push>(Channel::replyEventName(std::to_string(*ref_)), shared_from_this(),
                               [](Push& push, const Message& message) { push.replied(message); });
     timeoutKey_ = detail::PushTimeouts::main().arm(TimerQueue::milliseconds(timeout_), shared_from_this());
   });
@@ -186,9 +187,13 @@ void Push::trigger(const std::string& status, Payload payload) {
     }
     payload["status"] = status;
     if (auto channel = channel_.lock()) {
-      channel->trigger(Channel::replyEventName(*ref_), std::move(payload), "", std::nullopt);
+      channel->trigger(Channel::replyEventName(std::to_string(*ref_)), std::move(payload), "", std::nullopt);
     }
   });
+}
+
+std::optional<std::string> Push::refText() const {
+  return ref_ ? std::optional<std::string>(std::to_string(*ref_)) : std::nullopt;
 }
 
 void Push::removeReplyBinding() {
@@ -196,7 +201,7 @@ void Push::removeReplyBinding() {
     return;
   }
   if (auto channel = channel_.lock()) {
-    channel->off(Channel::replyEventName(*ref_));
+    channel->off(Channel::replyEventName(std::to_string(*ref_)));
   }
 }
 
@@ -239,14 +244,14 @@ bool Push::sent() const {
   return onLoop([&] { return sent_; });
 }
 std::optional<std::string> Push::ref() const {
-  return onLoop([&] { return ref_; });
+  return onLoop([&] { return refText(); });
 }
 std::optional<std::string> Push::refEvent() const {
   return onLoop([&]() -> std::optional<std::string> {
     if (!ref_) {
       return std::nullopt;
     }
-    return Channel::replyEventName(*ref_);
+    return Channel::replyEventName(std::to_string(*ref_));
   });
 }
 

@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "vantor/realtime/ChannelBindings.hpp"
 #include "vantor/realtime/SynchronizedArray.hpp"
-#include "vantor/realtime/SynchronizedGroups.hpp"
 
 namespace vantor::realtime {
 namespace {
@@ -108,54 +111,116 @@ TEST(SynchronizedArray, EachThreadSeesItsOwnWritesWhileOthersWrite) {
   EXPECT_EQ(misses, 0);
 }
 
-TEST(SynchronizedGroups, EachKeyKeepsItsOrderAndASnapshotNeverChanges) {
-  SynchronizedGroups<int> groups;
-  for (int i = 0; i < 10; ++i) {
-    groups.append(i % 2 == 0 ? "even" : "odd", i);
-  }
-  const auto even = groups.group("even");
-  EXPECT_EQ(*even, (std::vector<int>{0, 2, 4, 6, 8}));
-  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{1, 3, 5, 7, 9}));
-  EXPECT_TRUE(groups.group("none")->empty());
-
-  groups.removeAll("even", [](int value) { return value % 4 == 0; });
-  groups.append("even", 10);
-  EXPECT_EQ(*groups.group("even"), (std::vector<int>{2, 6, 10}));
-  EXPECT_EQ(*even, (std::vector<int>{0, 2, 4, 6, 8})) << "earlier snapshots are unaffected";
-  groups.removeAll("odd", [](int value) { return value == 2; });
-  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{1, 3, 5, 7, 9})) << "only the named key changes";
-
-  groups.removeAll("odd", [](int) { return true; });
-  EXPECT_TRUE(groups.group("odd")->empty());
-  groups.append("odd", 11);
-  EXPECT_EQ(*groups.group("odd"), (std::vector<int>{11}));
+Binding numbered(std::string event, int ref, std::vector<int>* calls = nullptr) {
+  Delegated<Message, void> callback;
+  callback.manuallyDelegate([calls, ref](const Message&) {
+    if (calls != nullptr) {
+      calls->push_back(ref);
+    }
+  });
+  return Binding{std::move(event), ref, std::move(callback)};
 }
 
-TEST(SynchronizedGroups, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {
-  SynchronizedGroups<std::pair<int, int>> groups;
+std::vector<int> refsOf(const ChannelBindings::Snapshot& bindings) {
+  std::vector<int> refs;
+  for (const auto& binding : *bindings) {
+    refs.push_back(binding.ref);
+  }
+  return refs;
+}
+
+std::vector<int> callsOf(const ChannelBindings::ReplySnapshot& callbacks,
+                         std::vector<int>& calls) {
+  calls.clear();
+  const Message message("", std::nullopt, "t", "e", Payload{});
+  for (const auto& callback : callbacks) {
+    callback.call(message);
+  }
+  return calls;
+}
+
+TEST(ChannelBindings, EachEventKeepsItsOrderAndASnapshotNeverChanges) {
+  ChannelBindings bindings;
+  for (int i = 0; i < 10; ++i) {
+    bindings.append(numbered(i % 2 == 0 ? "even" : "odd", i));
+  }
+  const auto even = bindings.group("even");
+  EXPECT_EQ(refsOf(even), (std::vector<int>{0, 2, 4, 6, 8}));
+  EXPECT_EQ(refsOf(bindings.group("odd")), (std::vector<int>{1, 3, 5, 7, 9}));
+  EXPECT_TRUE(bindings.group("none")->empty());
+
+  bindings.remove("even", 4);
+  bindings.append(numbered("even", 10));
+  EXPECT_EQ(refsOf(bindings.group("even")), (std::vector<int>{0, 2, 6, 8, 10}));
+  EXPECT_EQ(refsOf(even), (std::vector<int>{0, 2, 4, 6, 8})) << "earlier snapshots are unaffected";
+  bindings.remove("odd", 2);
+  EXPECT_EQ(refsOf(bindings.group("odd")), (std::vector<int>{1, 3, 5, 7, 9})) << "only the named event changes";
+  bindings.remove("odd", std::nullopt);
+  EXPECT_TRUE(bindings.group("odd")->empty());
+  EXPECT_EQ(bindings.size(), 5U);
+}
+
+TEST(ChannelBindings, ReplyEventsAreFiledByTheirNumberInOrder) {
+  ChannelBindings bindings;
+  std::vector<int> calls;
+  bindings.append(numbered("chan_reply_7", 1, &calls));
+  bindings.append(numbered("chan_reply_07", 2, &calls));  // not the reference 7
+  bindings.append(numbered("chan_reply_7", 3, &calls));
+  bindings.append(numbered("chan_reply_18446744073709551615", 4, &calls));
+  bindings.append(numbered("chan_reply_18446744073709551616", 5, &calls));  // too large: a name
+  EXPECT_EQ(ChannelBindings::replyNumber("chan_reply_7"), 7U);
+  EXPECT_EQ(ChannelBindings::replyNumber("chan_reply_07"), std::nullopt);
+  EXPECT_EQ(ChannelBindings::replyNumber("chan_reply_"), std::nullopt);
+  EXPECT_EQ(ChannelBindings::replyNumber("chan_reply_-1"), std::nullopt);
+  EXPECT_EQ(ChannelBindings::replyNumber("chan_reply_+1"), std::nullopt);
+
+  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{1, 3}));
+  EXPECT_EQ(callsOf(bindings.replyGroup(18446744073709551615U), calls), (std::vector<int>{4}));
+  EXPECT_EQ(refsOf(bindings.group("chan_reply_07")), (std::vector<int>{2}));
+  EXPECT_EQ(refsOf(bindings.group("chan_reply_18446744073709551616")), (std::vector<int>{5}));
+  EXPECT_EQ(bindings.size(), 5U);
+
+  bindings.remove("chan_reply_7", 1);  // the first goes, the second takes its place
+  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3}));
+  bindings.append(numbered("chan_reply_7", 6, &calls));
+  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3, 6}));
+  bindings.remove("chan_reply_7", std::nullopt);
+  EXPECT_TRUE(bindings.replyGroup(7).empty());
+  EXPECT_EQ(bindings.size(), 3U);
+}
+
+TEST(ChannelBindings, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {
+  ChannelBindings bindings;
   std::atomic<int> misses{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       const std::string own = "thread" + std::to_string(t);
       for (int i = 0; i < 300; ++i) {
-        groups.append(own, {t, i});
-        groups.append("shared", {t, i});
-        const auto mine = groups.group(own);
-        if (mine->empty() || mine->back() != std::pair{t, i}) {
+        const int ref = t * 1000 + i;
+        const auto reply = static_cast<std::uint64_t>(ref);
+        bindings.append(numbered(own, ref));
+        bindings.append(numbered("shared", ref));
+        bindings.append(numbered("chan_reply_" + std::to_string(reply), ref));
+        const auto mine = bindings.group(own);
+        if (mine->empty() || mine->back().ref != ref) {
           ++misses;
         }
         int seen = 0;
-        const auto shared = groups.group("shared");  // held: the loop reads through it
-        for (const auto& entry : *shared) {
-          seen += entry == std::pair{t, i} ? 1 : 0;
+        const auto shared = bindings.group("shared");  // held: the loop reads through it
+        for (const auto& binding : *shared) {
+          seen += binding.ref == ref ? 1 : 0;
         }
-        if (seen != 1) {
+        if (seen != 1 || bindings.replyGroup(reply).size() != 1) {
+          ++misses;
+        }
+        bindings.remove("chan_reply_" + std::to_string(reply), std::nullopt);
+        if (!bindings.replyGroup(reply).empty()) {
           ++misses;
         }
         if (i % 3 == 0) {
-          groups.removeAll(own, [&](const auto& entry) { return entry.second < i; });
-          groups.removeAll("shared", [&](const auto& entry) { return entry.first == t && entry.second < i; });
+          bindings.remove(own, ref - 1);
+          bindings.remove("shared", ref - 1);
         }
       }
     });
@@ -165,8 +230,8 @@ TEST(SynchronizedGroups, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {
   }
   EXPECT_EQ(misses, 0);
   for (int t = 0; t < 4; ++t) {
-    const auto mine = groups.group("thread" + std::to_string(t));
-    EXPECT_TRUE(std::is_sorted(mine->begin(), mine->end())) << "appends keep their order";
+    const auto mine = refsOf(bindings.group("thread" + std::to_string(t)));
+    EXPECT_TRUE(std::is_sorted(mine.begin(), mine.end())) << "appends keep their order";
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <concepts>
 #include <cstdint>
@@ -13,12 +14,11 @@
 
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Binding.hpp"
+#include "vantor/realtime/ChannelBindings.hpp"
 #include "vantor/realtime/ChannelState.hpp"
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Message.hpp"
 #include "vantor/realtime/Payload.hpp"
-#include "vantor/realtime/SynchronizedGroups.hpp"
-#include "vantor/realtime/SynchronizedReplyBindings.hpp"
 
 namespace vantor::realtime {
 
@@ -169,26 +169,28 @@ class Channel : public std::enable_shared_from_this<Channel> {
     return platform::EventLoop::main().sync(std::forward<F>(work));
   }
 
-  // Everything below, but the bindings, lives on the main loop.
+  // Everything below, but the bindings, lives on the main loop. The small
+  // fields sit together, so that a channel carries no padding between them.
   const std::string topic_;
   Payload params_;
   std::weak_ptr<Socket> socket_;
   ChannelState state_ = ChannelState::closed;
   std::atomic<std::uint8_t> ownBindings_{ownClose | ownError | ownReply};
-  // Bindings by event, each event's in the order they were added: a reply
-  // reaches its push without walking the bindings of other events. Reply
-  // events ("chan_reply_" and a reference) are filed by their number.
-  SynchronizedGroups<Binding> syncBindingsDel_;
-  SynchronizedReplyBindings replyBindings_;
-  int bindingRef_ = 3;
-  double timeout_;
   std::atomic<bool> joinedOnce_{false};  // also read by push() off the loop
   bool joinSent_ = false;                // a later join counts as a rejoin
+  bool hasStateChangeRefs_ = false;      // none without a socket
+  int bindingRef_ = 3;
+  double timeout_;
+  // Bindings by event: a reply reaches its push without walking the
+  // bindings of other events.
+  ChannelBindings syncBindingsDel_;
   std::shared_ptr<Push> joinPush_;
   std::vector<std::shared_ptr<Push>> pushBuffer_;
   // Made when a rejoin is first scheduled: most channels never need one.
   std::shared_ptr<TimeoutTimer> rejoinTimer_;
-  std::vector<std::string> stateChangeRefs_;
+  // The references of the socket's error and open callbacks made for this
+  // channel.
+  std::array<std::uint64_t, 2> stateChangeRefs_{};
   using MessageHook = std::function<Message(const Message&)>;
   std::shared_ptr<const MessageHook> onMessage_;  // none: messages pass unchanged
 };

@@ -99,6 +99,7 @@ class Push : public std::enable_shared_from_this<Push> {
   Push(const std::shared_ptr<Channel>& channel, std::string event, Payload payload,
        double timeout);
 
+  [[nodiscard]] std::optional<std::string> refText() const;
   void removeReplyBinding();
   // `socket` (may be null) logs what a throwing hook threw.
   void matchReceive(const std::string& status, const Message& message, Socket* socket);
@@ -110,7 +111,6 @@ class Push : public std::enable_shared_from_this<Push> {
   Payload payload_;
   double timeout_;
   std::unique_ptr<const Message> receivedMessage_;  // only once replied: most pushes wait
-  std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   // The time-out armed for the current reference (see detail::PushTimeouts).
   std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
   // Hooks by status, in the order the statuses were first used: a push
@@ -122,8 +122,11 @@ class Push : public std::enable_shared_from_this<Push> {
     std::vector<std::pair<int, Hook>> hooks;
   };
   std::unique_ptr<OutcomeHooks> outcomeHooks_;
+  // The reference as a number: its text and the reply event are made from
+  // it when needed.
+  std::optional<std::uint64_t> ref_;
+  std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   bool sent_ = false;
-  std::optional<std::string> ref_;  // the reply event is made from it when needed
 };
 
 template <class Owner, std::invocable<Owner&, const Message&> F>
