@@ -93,7 +93,7 @@ std::shared_ptr<Push> Push::receive(const std::string& status, Delegated<Message
 void Push::reset() {
   onLoop([&] {
     removeReplyBinding();
-    ref_.reset();
+    hasRef_ = false;
     receivedMessage_.reset();
     hasReply_ = false;
     sent_ = false;
@@ -102,11 +102,11 @@ void Push::reset() {
 
 void Push::cancelTimeout() {
   onLoop([&] {
-    if (timeoutKey_) {
+    if (timeoutArmed_) {
       // Withdrawing releases the time-out's hold on this push.
       auto self = shared_from_this();
-      detail::PushTimeouts::main().withdraw(*timeoutKey_);
-      timeoutKey_.reset();
+      detail::PushTimeouts::main().withdraw(timeoutKey_);
+      timeoutArmed_ = false;
     }
   });
 }
@@ -124,9 +124,11 @@ void Push::startTimeout() {
     removeReplyBinding();
     // References are the decimal text of the socket's counter.
     ref_ = std::stoull(socket->makeRef());
-    channel->delegateOn<Push>(Channel::replyEventName(std::to_string(*ref_)), shared_from_this(),
+    hasRef_ = true;
+    channel->delegateOn<Push>(Channel::replyEventName(std::to_string(ref_)), shared_from_this(),
                               [](Push& push, const Message& message) { push.replied(message); });
     timeoutKey_ = detail::PushTimeouts::main().arm(TimerQueue::milliseconds(timeout_), shared_from_this());
+    timeoutArmed_ = true;
   });
 }
 
@@ -182,26 +184,26 @@ bool Push::hasReceived(const std::string& status) const {
 
 void Push::trigger(const std::string& status, Payload payload) {
   onLoop([&] {
-    if (!ref_) {
+    if (!hasRef_) {
       return;
     }
     payload["status"] = status;
     if (auto channel = channel_.lock()) {
-      channel->trigger(Channel::replyEventName(std::to_string(*ref_)), std::move(payload), "", std::nullopt);
+      channel->trigger(Channel::replyEventName(std::to_string(ref_)), std::move(payload), "", std::nullopt);
     }
   });
 }
 
 std::optional<std::string> Push::refText() const {
-  return ref_ ? std::optional<std::string>(std::to_string(*ref_)) : std::nullopt;
+  return hasRef_ ? std::optional<std::string>(std::to_string(ref_)) : std::nullopt;
 }
 
 void Push::removeReplyBinding() {
-  if (!ref_) {
+  if (!hasRef_) {
     return;
   }
   if (auto channel = channel_.lock()) {
-    channel->off(Channel::replyEventName(std::to_string(*ref_)));
+    channel->off(Channel::replyEventName(std::to_string(ref_)));
   }
 }
 
@@ -248,10 +250,10 @@ std::optional<std::string> Push::ref() const {
 }
 std::optional<std::string> Push::refEvent() const {
   return onLoop([&]() -> std::optional<std::string> {
-    if (!ref_) {
+    if (!hasRef_) {
       return std::nullopt;
     }
-    return Channel::replyEventName(std::to_string(*ref_));
+    return Channel::replyEventName(std::to_string(ref_));
   });
 }
 

@@ -90,7 +90,7 @@ class DelegatedBase {
   template <class Owner, class F>
   struct Weak {
     std::weak_ptr<Owner> owner;
-    mutable F callback;
+    [[no_unique_address]] mutable F callback;  // most are captureless
     Stored operator()(Args... args) const {
       auto strongOwner = owner.lock();
       if (!strongOwner) {
@@ -103,13 +103,13 @@ class DelegatedBase {
   template <class Owner, class F>
   struct Strong {
     std::shared_ptr<Owner> owner;
-    mutable F callback;
+    [[no_unique_address]] mutable F callback;
     Stored operator()(Args... args) const { return invoke(callback, *owner, args...); }
   };
 
   template <class F>
   struct Plain {
-    mutable F callback;
+    [[no_unique_address]] mutable F callback;
     Stored operator()(Args... args) const { return invoke(callback, args...); }
   };
 

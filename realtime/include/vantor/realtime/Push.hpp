@@ -111,8 +111,9 @@ class Push : public std::enable_shared_from_this<Push> {
   Payload payload_;
   double timeout_;
   std::unique_ptr<const Message> receivedMessage_;  // only once replied: most pushes wait
-  // The time-out armed for the current reference (see detail::PushTimeouts).
-  std::optional<std::pair<std::chrono::steady_clock::time_point, std::uint64_t>> timeoutKey_;
+  // The time-out armed for the current reference (see detail::PushTimeouts),
+  // when `timeoutArmed_`.
+  std::pair<std::chrono::steady_clock::time_point, std::uint64_t> timeoutKey_{};
   // Hooks by status, in the order the statuses were first used: a push
   // has a few at most, so a list beats a map in size and speed.
   std::vector<std::pair<std::string, std::vector<Delegated<Message, void>>>> receiveHooks_;
@@ -122,11 +123,13 @@ class Push : public std::enable_shared_from_this<Push> {
     std::vector<std::pair<int, Hook>> hooks;
   };
   std::unique_ptr<OutcomeHooks> outcomeHooks_;
-  // The reference as a number: its text and the reply event are made from
-  // it when needed.
-  std::optional<std::uint64_t> ref_;
+  // The reference as a number, when `hasRef_`: its text and the reply
+  // event are made from it when needed.
+  std::uint64_t ref_ = 0;
   std::atomic<bool> hasReply_{false};  // receivedMessage_ is set; read off the loop
   bool sent_ = false;
+  bool hasRef_ = false;
+  bool timeoutArmed_ = false;
 };
 
 template <class Owner, std::invocable<Owner&, const Message&> F>

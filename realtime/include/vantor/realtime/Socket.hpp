@@ -387,11 +387,16 @@ template <class Owner, std::invocable<Owner&, const TransportError&, const std::
 std::string Socket::delegateOnError(
     const std::shared_ptr<Owner>& owner,
     F callback) {
+  // Spreads the pair into the callback's two arguments; a named type, so
+  // that a captureless callback takes no room in the stored closure.
+  struct Spread {
+    [[no_unique_address]] F callback;
+    void operator()(Owner& self, const ErrorArguments& arguments) {
+      std::invoke(callback, self, arguments.first, arguments.second);
+    }
+  };
   Delegated<ErrorArguments, void> delegated;
-  delegated.delegate(owner, [callback = std::move(callback)](Owner& self,
-                                                             const ErrorArguments& arguments) {
-    callback(self, arguments.first, arguments.second);
-  });
+  delegated.delegate(owner, Spread{std::move(callback)});
   return append(&StateChangeCallbacks::error, std::move(delegated));
 }
 
