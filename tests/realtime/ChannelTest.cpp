@@ -279,6 +279,39 @@ TEST_F(ChannelWithFakeTransport, BindingsAreNumberedFromThreeAndRemovedByEventOr
   EXPECT_EQ(later, 1);
 }
 
+TEST_F(ChannelWithFakeTransport, TheChannelsOwnHandlingRunsFirstAndGoesWithItsReference) {
+  socket->setRejoinAfter([](int) { return 60.0; });  // rejoins are made by hand here
+  auto transport = open();
+  auto channel = socket->channel("room:1");
+  std::vector<std::string> seen;
+  channel->join()->receive("ok", [&](const Message&) {
+    seen.push_back("join ok, " + std::string(channel->isJoined() ? "joined" : "not joined"));
+  });
+  channel->onError([&](const Message&) {
+    seen.push_back("error, " + std::string(channel->isErrored() ? "errored" : "not errored"));
+  });
+  joinOk(transport, channel);
+  channel->trigger("phx_error", {});
+  EXPECT_THAT(seen, ElementsAre("join ok, joined", "error, errored"));
+  EXPECT_EQ(channel->bindingCount(), 4U) << "three of its own and the application's";
+
+  // The channel's own "phx_error" handling is the binding with reference 1.
+  channel->rejoin();
+  joinOk(transport, channel);
+  channel->off("phx_error", 1);
+  channel->trigger("phx_error", {});
+  EXPECT_TRUE(channel->isJoined());
+  EXPECT_EQ(channel->bindingCount(), 3U);
+
+  // Without it, replies reach no push: "phx_reply" goes with reference 2.
+  channel->off("phx_reply", 2);
+  int answered = 0;
+  channel->push("echo", {})->receive("ok", [&](const Message&) { ++answered; });
+  reply(transport, lastFrame(transport, "echo"), "ok");
+  EXPECT_EQ(answered, 0);
+  socket->disconnect();
+}
+
 TEST(ChannelDeathTest, JoiningTwiceOrPushingBeforeJoiningStopsTheProcess) {
   FakeTransports transports;
   auto socket = Socket::make("ws://h/socket", transports.factory());
