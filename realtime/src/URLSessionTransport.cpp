@@ -185,8 +185,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   }
 
  private:
-  using PlainStream = websocket::stream<beast::tcp_stream>;
-  using SecureStream = websocket::stream<beast::ssl_stream<beast::tcp_stream>>;
+  // The session runs on the main loop's context only, so its streams carry
+  // that context's executor rather than a type-erased one.
+  using PlainStream = websocket::stream<platform::LoopTcpStream>;
+  using SecureStream = websocket::stream<beast::ssl_stream<platform::LoopTcpStream>>;
 
   template <class F>
   void withStream(F&& action) {
