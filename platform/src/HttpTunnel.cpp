@@ -23,9 +23,10 @@ constexpr std::size_t headerLimit = 16 * 1024;
 // at what has arrived, then takes only the bytes up to the blank line that
 // ends the header. What follows belongs to the tunnelled connection (a
 // server that speaks first, or a TLS record already on its way).
-class Tunnel : public std::enable_shared_from_this<Tunnel> {
+template <class Stream>
+class Tunnel : public std::enable_shared_from_this<Tunnel<Stream>> {
  public:
-  Tunnel(boost::beast::tcp_stream& stream, TunnelCompletion completion)
+  Tunnel(Stream& stream, TunnelCompletion completion)
       : stream_(stream), completion_(std::move(completion)) {}
 
   void start(const HttpProxy& proxy, const NetworkTarget& target) {
@@ -37,7 +38,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     }
     request_ += "\r\n";
     asio::async_write(
-        stream_.socket(), asio::buffer(request_), [self = shared_from_this()](error_code error, std::size_t) {
+        stream_.socket(), asio::buffer(request_), [self = this->shared_from_this()](error_code error, std::size_t) {
           if (error) {
             return self->finish(error, "could not send CONNECT to the proxy: " + error.message());
           }
@@ -50,7 +51,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     peeked_.resize(headerLimit + 1 - header_.size());
     stream_.socket().async_receive(
         asio::buffer(peeked_), asio::socket_base::message_peek,
-        [self = shared_from_this()](error_code error, std::size_t size) { self->onPeeked(error, size); });
+        [self = this->shared_from_this()](error_code error, std::size_t size) { self->onPeeked(error, size); });
   }
 
   void onPeeked(error_code error, std::size_t size) {
@@ -72,7 +73,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     peeked_.resize(take);
     asio::async_read(
         stream_.socket(), asio::buffer(peeked_),
-        [self = shared_from_this(), complete = end != std::string::npos](error_code error, std::size_t) {
+        [self = this->shared_from_this(), complete = end != std::string::npos](error_code error, std::size_t) {
           if (error) {
             return self->finish(error, "the proxy did not answer CONNECT: " + error.message());
           }
@@ -106,7 +107,7 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
     }
   }
 
-  boost::beast::tcp_stream& stream_;
+  Stream& stream_;
   TunnelCompletion completion_;
   std::string request_;
   std::string header_;
@@ -117,7 +118,12 @@ class Tunnel : public std::enable_shared_from_this<Tunnel> {
 
 void openHttpTunnel(boost::beast::tcp_stream& stream, const HttpProxy& proxy, const NetworkTarget& target,
                     TunnelCompletion completion) {
-  std::make_shared<Tunnel>(stream, std::move(completion))->start(proxy, target);
+  std::make_shared<Tunnel<boost::beast::tcp_stream>>(stream, std::move(completion))->start(proxy, target);
+}
+
+void openHttpTunnel(LoopTcpStream& stream, const HttpProxy& proxy, const NetworkTarget& target,
+                    TunnelCompletion completion) {
+  std::make_shared<Tunnel<LoopTcpStream>>(stream, std::move(completion))->start(proxy, target);
 }
 
 }  // namespace vantor::platform

@@ -47,7 +47,7 @@ void Push::send() {
     if (!socket) {
       return;
     }
-    socket->push(channel->topic(), event_, payload_, refText(), channel->joinRef());
+    socket->pushFrame(channel->topic(), event_, payload_, refText(), channel->joinRef());
   });
 }
 
@@ -218,8 +218,13 @@ void Push::matchReceive(const std::string& status, const Message& message, Socke
   if (found == receiveHooks_.end()) {
     return;
   }
-  auto hooks = found->second;  // a hook may add hooks
-  for (const auto& hook : hooks) {
+  // A hook may add hooks, which this reply does not run. Hooks and statuses
+  // are only ever appended, so the first `count` hooks of the status stay
+  // where they are; each is held while it runs.
+  const auto statusIndex = static_cast<std::size_t>(found - receiveHooks_.begin());
+  const auto count = found->second.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto hook = receiveHooks_[statusIndex].second[i];
     detail::guarded(socket, "push hook", [&] { hook.call(message); });
   }
 }

@@ -6,6 +6,7 @@
 #include <boost/url/rfc/unreserved_chars.hpp>
 #include <charconv>
 
+#include "Encoding.hpp"
 #include "Guarded.hpp"
 #include "MetricCounters.hpp"
 #include "Text.hpp"
@@ -325,33 +326,62 @@ bool Socket::isConnected() const { return connectionState() == PhoenixTransportR
 void Socket::push(std::string topic, std::string event, Payload payload,
                   std::optional<std::string> ref, std::optional<std::string> joinRef) {
   onLoop([&] {
+    if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+      sendFrame(topic, event, payload, ref, joinRef);
+      return;
+    }
     // Encoded only when it is finally sent, so a later encoder applies.
     auto send = [this, topic = std::move(topic), event = std::move(event),
                  payload = std::move(payload), ref, joinRef] {
-      json::array frame{joinRef ? json::value(*joinRef) : json::value(nullptr),
-                        ref ? json::value(*ref) : json::value(nullptr), json::value(topic),
-                        json::value(event), json::value(payload)};
-      std::string data;
-      if (!detail::guarded(this, "encoder", [&] { data = encode_(frame); })) {
-        return;  // logged; the frame cannot be sent
-      }
-      if (logger_) {
-        logItems("push", "Sending " + (detail::isValidUtf8(data) ? data : std::string()));
-      }
-      if (connection_) {
-        if (counters_->on()) {
-          detail::MetricCounters::add(counters_->framesOut);
-          detail::MetricCounters::add(counters_->bytesOut, data.size());
-        }
-        connection_->send(std::move(data));
-      }
+      sendFrame(topic, event, payload, ref, joinRef);
     };
-    if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
-      send();
-    } else {
-      sendBuffer_.push_back({std::move(ref), std::move(send)});
-    }
+    sendBuffer_.push_back({std::move(ref), std::move(send)});
   });
+}
+
+void Socket::pushFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                       const std::optional<std::string>& ref,
+                       const std::optional<std::string>& joinRef) {
+  onLoop([&] {
+    if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+      sendFrame(topic, event, payload, ref, joinRef);
+      return;
+    }
+    sendBuffer_.push_back({ref, [this, topic, event, payload, ref, joinRef] {
+                             sendFrame(topic, event, payload, ref, joinRef);
+                           }});
+  });
+}
+
+void Socket::sendFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                       const std::optional<std::string>& ref,
+                       const std::optional<std::string>& joinRef) {
+  std::string data;
+  if (!detail::guarded(this, "encoder", [&] {
+        // The default encoder's text is written straight from the parts;
+        // any other encoder is given the frame array.
+        using Function = std::string (*)(const json::value&);
+        if (const auto* function = encode_.target<Function>(); function && *function == &Defaults::encode) {
+          data = detail::encodeFrame(joinRef, ref, topic, event, payload);
+          return;
+        }
+        json::array frame{joinRef ? json::value(*joinRef) : json::value(nullptr),
+                          ref ? json::value(*ref) : json::value(nullptr), json::value(topic),
+                          json::value(event), json::value(payload)};
+        data = encode_(frame);
+      })) {
+    return;  // logged; the frame cannot be sent
+  }
+  if (logger_) {
+    logItems("push", "Sending " + (detail::isValidUtf8(data) ? data : std::string()));
+  }
+  if (connection_) {
+    if (counters_->on()) {
+      detail::MetricCounters::add(counters_->framesOut);
+      detail::MetricCounters::add(counters_->bytesOut, data.size());
+    }
+    connection_->send(std::move(data));
+  }
 }
 
 std::string Socket::makeRef() {

@@ -57,6 +57,8 @@ bool isWebSocketError(const error_code& error) {
 constexpr int noStatusReceived = 1005;
 // The code to report when our close got no answer in time.
 constexpr int abnormalClosure = 1006;
+// The largest frame text kept allocated between frames.
+constexpr std::size_t keptFrameCapacity = 64 * 1024;
 
 }  // namespace
 
@@ -183,8 +185,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   }
 
  private:
-  using PlainStream = websocket::stream<beast::tcp_stream>;
-  using SecureStream = websocket::stream<beast::ssl_stream<beast::tcp_stream>>;
+  // The session runs on the main loop's context only, so its streams carry
+  // that context's executor rather than a type-erased one.
+  using PlainStream = websocket::stream<platform::LoopTcpStream>;
+  using SecureStream = websocket::stream<beast::ssl_stream<platform::LoopTcpStream>>;
 
   template <class F>
   void withStream(F&& action) {
@@ -394,17 +398,23 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     bool text = false;
     withStream([&](auto& ws) { text = ws.got_text(); });
     if (text) {
-      auto message = beast::buffers_to_string(buffer_.data());
+      // Copied into a string kept from frame to frame, so that its storage
+      // is reused; the flat buffer is contiguous.
+      const auto data = buffer_.data();
+      received_.assign(static_cast<const char*>(data.data()), data.size());
       buffer_.consume(buffer_.size());
       if (auto transport = transport_.lock()) {
         // Whatever the delegate does, the next frame must still be read.
         try {
-          transport->received(message);
+          transport->received(received_);
         } catch (const std::exception& e) {
           detail::writeLineToStandardOutput(std::string("Error when delivering a message: ") + e.what());
         } catch (...) {
           detail::writeLineToStandardOutput("Error when delivering a message");
         }
+      }
+      if (received_.capacity() > keptFrameCapacity) {
+        std::string().swap(received_);  // one large frame does not pin its size
       }
     } else {
       buffer_.consume(buffer_.size());
@@ -498,6 +508,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   websocket::response_type response_;
   websocket::close_reason closeReason_;
   beast::flat_buffer buffer_;
+  std::string received_;  // the last text frame read
   std::deque<std::string> outbox_;
   bool open_ = false;
   bool tunnelOpen_ = false;
@@ -552,7 +563,7 @@ void URLSessionTransport::connect() {
   }
   // Posted even on the loop thread, so that no report reaches the delegate
   // from inside connect().
-  EventLoop::main().post([session, previous, url = url_] {
+  queue([session, previous, url = url_] {
     if (previous) {
       previous->detach();
     }
@@ -568,8 +579,7 @@ void URLSessionTransport::disconnect(int code, std::optional<std::string> reason
     session = session_;
   }
   if (session) {
-    EventLoop::main().post(
-        [session, code, reason = std::move(reason)]() mutable { session->close(code, std::move(reason)); });
+    queue([session, code, reason = std::move(reason)]() mutable { session->close(code, std::move(reason)); });
   }
 }
 
@@ -587,16 +597,42 @@ void URLSessionTransport::send(std::string data) {
     std::lock_guard lock(mutex_);
     session = session_;
   }
-  if (session) {
-    EventLoop::main().post([session, data = std::move(data)]() mutable {
-      session->write(std::move(data));
-    });
+  if (!session) {
+    return;
   }
+  // On the loop, with none of this transport's work still queued, writing at
+  // once is what the queued write would do next: it skips the hop. Frames
+  // sent while the open is being reported still go out after the report, so
+  // that the server answers only once the delegate has finished with it.
+  if (EventLoop::main().isCurrentThread() && !reportingOpen_ &&
+      queued_.load(std::memory_order_acquire) == 0) {
+    session->write(std::move(data));
+    return;
+  }
+  queue([session, data = std::move(data)]() mutable { session->write(std::move(data)); });
+}
+
+template <class F>
+void URLSessionTransport::queue(F&& work) {
+  queued_.fetch_add(1, std::memory_order_acq_rel);
+  EventLoop::main().post([transport = weak_from_this(), work = std::forward<F>(work)]() mutable {
+    work();
+    if (auto self = transport.lock()) {
+      self->queued_.fetch_sub(1, std::memory_order_acq_rel);
+    }
+  });
 }
 
 void URLSessionTransport::opened() {
   readyState_ = PhoenixTransportReadyState::open;
   if (auto delegate = this->delegate()) {
+    struct Reporting {
+      bool& flag;
+      explicit Reporting(bool& reporting) : flag(reporting) { flag = true; }
+      ~Reporting() { flag = false; }
+      Reporting(const Reporting&) = delete;
+      Reporting& operator=(const Reporting&) = delete;
+    } reporting(reportingOpen_);
     delegate->onOpen();
   }
 }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
+#include <cstdint>
 #include <limits>
 #include <map>
 #include <thread>
@@ -192,6 +193,36 @@ TEST_F(SocketWithFakeTransport, BuffersPushesUntilOpenAndFlushesThemBeforeTheOpe
   EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, Connected to ws://h/socket"));
   socket->connect();
   EXPECT_EQ(transports.count(), 1U) << "connect does nothing while connected";
+}
+
+TEST_F(SocketWithFakeTransport, FramesReadExactlyAsTheDefaultEncoderWritesTheFrameArray) {
+  struct Frame {
+    std::string topic;
+    std::string event;
+    Payload payload;
+    std::optional<std::string> ref;
+    std::optional<std::string> joinRef;
+  };
+  const std::vector<Frame> frames{
+      {"room:1", "echo", {{"body", "hello"}, {"i", 42}}, "7", "1"},
+      {"t", "e", {}, std::nullopt, std::nullopt},
+      {"t", "e", {{"n", nullptr}, {"yes", true}, {"no", false}, {"low", INT64_MIN}, {"high", UINT64_MAX}},
+       "r", std::nullopt},
+      {"t", "e", {{"d", 0.1}, {"big", 1e300}, {"neg", -2.5}}, "r", "j"},
+      {"t", "e", {{"nested", {{"a", {1, "two", nullptr}}}}, {"list", boost::json::array{}}}, "r", "j"},
+      {"t\"q\"", "tab\tline\n", {{"k\\ey", "v\u0001"}, {"\u00e9t\u00e9", "\U0001F600 /"}}, "r\"", "j\\"},
+  };
+  auto transport = connectAndOpen();
+  std::vector<std::string> expected;
+  for (const auto& frame : frames) {
+    socket->push(frame.topic, frame.event, frame.payload, frame.ref, frame.joinRef);
+    expected.push_back(Defaults::encode(boost::json::array{
+        frame.joinRef ? boost::json::value(*frame.joinRef) : boost::json::value(nullptr),
+        frame.ref ? boost::json::value(*frame.ref) : boost::json::value(nullptr),
+        boost::json::value(frame.topic), boost::json::value(frame.event),
+        boost::json::value(frame.payload)}));
+  }
+  EXPECT_EQ(transport->sent(), expected);
 }
 
 TEST_F(SocketWithFakeTransport, AnUnexpectedCloseReconnectsOnTheBackOff) {

@@ -5,6 +5,7 @@
 
 #include <boost/json/parse.hpp>
 #include <boost/url/parse.hpp>
+#include <mutex>
 
 #include "support/RecordingDelegate.hpp"
 #include "vantor/platform/EventLoop.hpp"
@@ -95,6 +96,30 @@ TEST_F(TransportAgainstServer, OpensSendsAFrameAndDeliversTextFramesInOrder) {
     EXPECT_EQ(messages.at(i + 1), R"([null,")" + std::to_string(i) + R"(","t","e",{}])");
   }
   EXPECT_THAT(server.handshakeTargets(), ElementsAre("/socket/websocket?vsn=2.0.0"));
+}
+
+// Sends made on the loop thread must keep their place behind the transport's
+// work still queued there: nothing may follow a close frame.
+TEST(TransportOnTheLoop, AFrameSentAfterADisconnectDoesNotOvertakeTheClose) {
+  std::mutex mutex;
+  std::vector<std::string> received;
+  WebSocketTestServer::Hooks hooks;
+  hooks.onText = [&](WebSocketTestServer::ConnectionId, const std::string& text) {
+    std::lock_guard lock(mutex);
+    received.push_back(text);
+  };
+  WebSocketTestServer server(WebSocketTestServer::Options{.echo = false, .hooks = std::move(hooks)});
+  Connection connection(transportFor(server.url()));
+  connection.transport->connect();
+  ASSERT_TRUE(connection.delegate->waitFor("open"));
+  platform::EventLoop::main().sync([&] {
+    connection.transport->send(R"(["before"])");
+    connection.transport->disconnect(1000, std::nullopt);
+    connection.transport->send(R"(["after"])");
+  });
+  ASSERT_TRUE(connection.delegate->waitFor("close"));
+  std::lock_guard lock(mutex);
+  EXPECT_THAT(received, ElementsAre(R"(["before"])"));
 }
 
 TEST_F(TransportAgainstServer, DropsBinaryFramesWithALineAndKeepsGoing) {

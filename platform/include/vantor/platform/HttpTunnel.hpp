@@ -1,5 +1,6 @@
 #pragma once
 
+#include <boost/asio/io_context.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <functional>
 #include <string>
@@ -8,6 +9,12 @@
 #include "vantor/platform/NetworkTarget.hpp"
 
 namespace vantor::platform {
+
+/// A TCP stream whose operations carry an io_context's own executor instead
+/// of a type-erased one, which makes each operation cheaper; for streams that
+/// only ever run on one io_context.
+using LoopTcpStream =
+    boost::beast::basic_stream<boost::asio::ip::tcp, boost::asio::io_context::executor_type>;
 
 /// How a tunnel opening ended: no error when the tunnel is open, otherwise
 /// the error and a description for people (with the proxy's status, if any).
@@ -23,6 +30,8 @@ using TunnelCompletion = std::function<void(boost::system::error_code error, std
 /// caller bounds it, for example by closing the socket at its deadline.
 /// `completion` runs once; `stream` must outlive the operation.
 void openHttpTunnel(boost::beast::tcp_stream& stream, const HttpProxy& proxy, const NetworkTarget& target,
+                    TunnelCompletion completion);
+void openHttpTunnel(LoopTcpStream& stream, const HttpProxy& proxy, const NetworkTarget& target,
                     TunnelCompletion completion);
 
 }  // namespace vantor::platform

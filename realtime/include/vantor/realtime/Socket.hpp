@@ -245,6 +245,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void push(std::string topic, std::string event, Payload payload,
             std::optional<std::string> ref = std::nullopt,
             std::optional<std::string> joinRef = std::nullopt);
+  /// As `push`, for parts the caller keeps: a frame that goes out at once
+  /// is encoded straight from them, and only a buffered frame copies them.
+  void pushFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                 const std::optional<std::string>& ref, const std::optional<std::string>& joinRef);
 
   /// The next reference: the decimal text of a 64-bit counter shared by
   /// message and callback references. The first is "1"; after the largest
@@ -308,6 +312,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   template <class List, class... Arguments>
   void callAll(List& list, std::string_view what, const Arguments&... arguments);
 
+  /// Encodes the frame and hands it to the connection, if there is one.
+  void sendFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                 const std::optional<std::string>& ref, const std::optional<std::string>& joinRef);
   void teardown(CloseCode code, const std::function<void()>& callback);
   void flushSendBuffer();
   void resetHeartbeat();

@@ -76,6 +76,10 @@ class URLSessionTransport : public PhoenixTransport,
 
   URLSessionTransport(boost::urls::url url, URLSessionConfiguration configuration);
 
+  // Posts `work` to the main loop, counted in `queued_` until it has run.
+  template <class F>
+  void queue(F&& work);
+
   // Session reports, on the main loop.
   void opened();
   void received(const std::string& text);
@@ -90,6 +94,10 @@ class URLSessionTransport : public PhoenixTransport,
   std::shared_ptr<PhoenixTransportDelegate> delegate_;  // guarded by mutex_
   std::shared_ptr<Session> session_;                    // guarded by mutex_
   std::vector<std::string> subprotocols_;               // guarded by mutex_
+  // Work of this transport posted to the loop and not yet run: a send on the
+  // loop writes at once only when there is none, so that it cannot overtake.
+  std::atomic<int> queued_{0};
+  bool reportingOpen_ = false;  // on the loop: the delegate's onOpen is running
 };
 
 }  // namespace vantor::realtime

@@ -1,0 +1,206 @@
+// A fixed number of push/reply round trips, for counting instructions per
+// round trip with `valgrind --tool=callgrind`, which wall-clock runs on a
+// busy machine cannot give reliably.
+//
+//   vantor-e2e-count serve                 # an echo server; prints its port
+//   vantor-e2e-count <bare|loop|host> PORT [ROUND_TRIPS] [WINDOW]
+//
+// Under callgrind, statistics are zeroed after the connection and a warm-up,
+// and dumped as "measured" after the counted round trips, so the dump's
+// instruction total divided by ROUND_TRIPS is the client's cost per round
+// trip. Run the server outside valgrind so its work is not counted.
+#include <valgrind/callgrind.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <semaphore>
+#include <string>
+#include <thread>
+
+#include "EchoServer.hpp"
+#include "vantor/platform/EventLoop.hpp"
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Push.hpp"
+#include "vantor/realtime/Socket.hpp"
+
+namespace {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace json = boost::json;
+using tcp = asio::ip::tcp;
+using vantor::realtime::Message;
+using vantor::realtime::Payload;
+
+constexpr std::int64_t warmUp = 500;
+
+void startMeasuring() { CALLGRIND_ZERO_STATS; }
+void stopMeasuring() { CALLGRIND_DUMP_STATS_AT("measured"); }
+
+void bare(std::uint16_t port, std::int64_t count, int window) {
+  asio::io_context context;
+  beast::websocket::stream<tcp::socket> ws(context);
+  ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+  ws.next_layer().set_option(tcp::no_delay(true));
+  ws.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
+  ws.text(true);
+  std::int64_t ref = 0;
+  beast::flat_buffer buffer;
+  auto send = [&] {
+    ++ref;
+    json::array frame{"1", std::to_string(ref), "room:bench", "echo",
+                      json::object{{"body", "hello"}, {"i", ref}}};
+    ws.write(asio::buffer(json::serialize(frame)));
+  };
+  auto run = [&](std::int64_t total) {
+    std::int64_t sent = 0;
+    int outstanding = 0;
+    for (; outstanding < window && sent < total; ++outstanding, ++sent) {
+      send();
+    }
+    while (outstanding > 0) {
+      ws.read(buffer);
+      auto reply = json::parse(
+          std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
+      buffer.consume(buffer.size());
+      const auto& frame = reply.as_array();
+      if (frame.at(3).as_string() != "phx_reply" ||
+          frame.at(4).as_object().at("status").as_string() != "ok") {
+        std::fprintf(stderr, "unexpected reply\n");
+      }
+      --outstanding;
+      if (sent < total) {
+        send();
+        ++sent;
+        ++outstanding;
+      }
+    }
+  };
+  run(warmUp);
+  startMeasuring();
+  run(count);
+  stopMeasuring();
+  ws.close(beast::websocket::close_code::normal);
+}
+
+struct Client {
+  std::shared_ptr<vantor::realtime::Socket> socket;
+  std::shared_ptr<vantor::realtime::Channel> channel;
+
+  explicit Client(std::uint16_t port) {
+    socket = vantor::realtime::Socket::make("ws://127.0.0.1:" + std::to_string(port) + "/socket");
+    channel = socket->channel("room:bench");
+    auto joined = std::make_shared<std::promise<void>>();
+    auto whenJoined = joined->get_future();
+    channel->join()->receive("ok", [joined](const Message&) { joined->set_value(); });
+    socket->connect();
+    whenJoined.wait();
+  }
+  ~Client() { socket->disconnect(); }
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+};
+
+Payload payloadFor(std::int64_t i) { return Payload{{"body", "hello"}, {"i", i}}; }
+
+void onTheLoop(std::uint16_t port, std::int64_t count, int window) {
+  Client client(port);
+  auto run = [&](std::int64_t total) {
+    std::int64_t sent = 0;
+    std::int64_t done = 0;
+    std::promise<void> finished;
+    std::function<void()> pushOne = [&] {
+      ++sent;
+      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+        ++done;
+        if (reply.payload().empty()) {
+          std::fprintf(stderr, "unexpected reply\n");
+        }
+        if (sent < total) {
+          pushOne();
+        } else if (done == sent) {
+          finished.set_value();
+        }
+      });
+    };
+    vantor::platform::EventLoop::main().sync([&] {
+      for (int i = 0; i < window && sent < total; ++i) {
+        pushOne();
+      }
+    });
+    finished.get_future().wait();
+  };
+  run(warmUp);
+  startMeasuring();
+  run(count);
+  stopMeasuring();
+}
+
+void fromAnApplicationThread(std::uint16_t port, std::int64_t count, int window) {
+  Client client(port);
+  auto run = [&](std::int64_t total) {
+    std::counting_semaphore<1024> permits(window);
+    for (std::int64_t sent = 1; sent <= total; ++sent) {
+      permits.acquire();
+      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+        if (reply.payload().empty()) {
+          std::fprintf(stderr, "unexpected reply\n");
+        }
+        permits.release();
+      });
+    }
+    for (int i = 0; i < window; ++i) {
+      permits.acquire();
+    }
+  };
+  run(warmUp);
+  startMeasuring();
+  run(count);
+  stopMeasuring();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"}) {
+    ::unsetenv(name);
+  }
+  if (argc >= 2 && std::strcmp(argv[1], "serve") == 0) {
+    vantor::bench::EchoServer server;
+    std::printf("%u\n", static_cast<unsigned>(server.port()));
+    std::fflush(stdout);
+    for (;;) {
+      std::this_thread::sleep_for(std::chrono::hours(1));
+    }
+  }
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: %s serve | <bare|loop|host> PORT [ROUND_TRIPS] [WINDOW]\n", argv[0]);
+    return 2;
+  }
+  const std::string mode = argv[1];
+  const auto port = static_cast<std::uint16_t>(std::atoi(argv[2]));
+  const std::int64_t count = argc > 3 ? std::atoll(argv[3]) : 20000;
+  const int window = argc > 4 ? std::atoi(argv[4]) : 64;
+  if (mode == "bare") {
+    bare(port, count, window);
+  } else if (mode == "loop") {
+    onTheLoop(port, count, window);
+  } else if (mode == "host") {
+    fromAnApplicationThread(port, count, window);
+  } else {
+    std::fprintf(stderr, "unknown mode %s\n", mode.c_str());
+    return 2;
+  }
+  std::printf("%s: %lld round trips\n", mode.c_str(), static_cast<long long>(count));
+  return 0;
+}
