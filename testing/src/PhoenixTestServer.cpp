@@ -209,6 +209,7 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.idleTimeout = options_.idleTimeout;
   wsOptions.idleCloseCode = 1002;
   wsOptions.permessageDeflate = options_.compress;
+  wsOptions.recordConnections = options_.recordConnections;
   wsOptions.hooks.chooseSubprotocol = [this](const std::string& offered) {
     return chooseSubprotocol(offered);
   };
@@ -275,11 +276,15 @@ void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string&
   }
   channels_[connection];
   trace(connection, "", "connected: " + target);
+  const bool keep = options_.recordConnections;
   records_.update([&](Records& r) {
-    r.params.push_back(std::move(params));
-    r.authTokens.push_back(std::exchange(pendingAuthToken_, std::nullopt));
+    if (keep) {
+      r.params.push_back(std::move(params));
+      r.authTokens.push_back(std::exchange(pendingAuthToken_, std::nullopt));
+    }
     ++r.open;
   });
+  pendingAuthToken_.reset();
 }
 
 void PhoenixTestServer::Impl::received(ConnectionId connection, const std::string& text) {

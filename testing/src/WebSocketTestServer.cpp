@@ -111,6 +111,7 @@ class ServerCore {
   std::optional<std::chrono::milliseconds> idleTimeout_;
   std::uint16_t idleCloseCode_ = 1002;
   bool permessageDeflate_ = false;
+  bool recordConnections_ = true;
   Hooks hooks_;
   std::atomic<bool> stopped_{false};
 
@@ -413,6 +414,7 @@ ServerCore::ServerCore(Options options)
       idleTimeout_(options.idleTimeout),
       idleCloseCode_(options.idleCloseCode),
       permessageDeflate_(options.permessageDeflate),
+      recordConnections_(options.recordConnections),
       hooks_(std::move(options.hooks)),
       acceptor_(io_),
       work_(asio::make_work_guard(io_)) {
@@ -481,6 +483,9 @@ void ServerCore::accept() {
 }
 
 void ServerCore::recordTarget(const std::string& target) {
+  if (!recordConnections_) {
+    return;
+  }
   records_.update([&](Records& r) { r.targets.push_back(target); });
 }
 
@@ -524,6 +529,9 @@ void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
 }
 
 void ServerCore::closeFrameReceived(ConnectionId id, const websocket::close_reason& reason) {
+  if (!recordConnections_) {
+    return;
+  }
   records_.update([&](Records& r) {
     r.closeFrames.push_back({id, static_cast<std::uint16_t>(reason.code),
                              std::string(reason.reason.data(), reason.reason.size())});

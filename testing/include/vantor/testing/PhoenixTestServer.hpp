@@ -112,6 +112,11 @@ class PhoenixTestServer {
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(60);
     /// Take up permessage-deflate compression when a client offers it.
     bool compress = false;
+    /// Keep each connection's parameters, auth token, handshake target and
+    /// close frames (`connectParams()`, `authTokens()`, ...). Long runs turn
+    /// it off so that the server's memory stays flat; frames are still
+    /// recorded until taken.
+    bool recordConnections = true;
     /// Picks the subprotocol named in the 101 response from those a client
     /// offered. By default "phoenix" when offered, none otherwise; tests
     /// replace it to answer wrongly.

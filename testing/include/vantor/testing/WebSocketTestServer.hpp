@@ -95,6 +95,9 @@ class WebSocketTestServer {
     std::uint16_t idleCloseCode = 1002;
     /// Take up permessage-deflate compression when a client offers it.
     bool permessageDeflate = false;
+    /// Keep each connection's handshake target and the close frames it
+    /// sent. Long runs turn it off so that the server's memory stays flat.
+    bool recordConnections = true;
     Hooks hooks = {};
   };
 
