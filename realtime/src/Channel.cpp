@@ -67,7 +67,8 @@ void Channel::joinReplied(const std::string& status) {
   if (status == "ok") {
     state_ = ChannelState::joined;
     resetRejoinTimer();
-    for (const auto& push : std::exchange(pushBuffer_, {})) {
+    auto buffered = extras_ ? std::exchange(extras_->pushBuffer, {}) : decltype(Extras::pushBuffer){};
+    for (const auto& push : buffered) {
       push->send();
     }
   } else if (status == "error") {
@@ -121,27 +122,35 @@ void Channel::runOwnBinding(OwnBinding binding, const Message& message) {
   }
 }
 
+Channel::Extras& Channel::extras() {
+  if (!extras_) {
+    extras_ = std::make_unique<Extras>();
+  }
+  return *extras_;
+}
+
 void Channel::resetRejoinTimer() {
-  if (rejoinTimer_) {
-    rejoinTimer_->reset();
+  if (extras_ && extras_->rejoinTimer) {
+    extras_->rejoinTimer->reset();
   }
 }
 
 void Channel::scheduleRejoin() {
-  if (!rejoinTimer_) {
+  auto& rejoinTimer = extras().rejoinTimer;
+  if (!rejoinTimer) {
     auto self = shared_from_this();
-    rejoinTimer_ = TimeoutTimer::make();
-    rejoinTimer_->callback.delegate(self, [](Channel& channel) {
+    rejoinTimer = TimeoutTimer::make();
+    rejoinTimer->callback.delegate(self, [](Channel& channel) {
       if (isConnected(channel.socket_.lock())) {
         channel.rejoin();
       }
     });
-    rejoinTimer_->timerCalculation.delegate(self, [](Channel& channel, const int& tries) {
+    rejoinTimer->timerCalculation.delegate(self, [](Channel& channel, const int& tries) {
       auto socket = channel.socket_.lock();
       return socket ? socket->rejoinAfter(tries) : 5.0;
     });
   }
-  rejoinTimer_->scheduleTimeout();
+  rejoinTimer->scheduleTimeout();
 }
 
 std::shared_ptr<Push> Channel::join(std::optional<double> timeout) {
@@ -235,7 +244,7 @@ std::shared_ptr<Push> Channel::push(const std::string& event, Payload payload, d
       push->send();
     } else {
       push->startTimeout();
-      self->pushBuffer_.push_back(push);
+      self->extras().pushBuffer.push_back(push);
     }
   });
   return push;
@@ -243,13 +252,17 @@ std::shared_ptr<Push> Channel::push(const std::string& event, Payload payload, d
 
 int Channel::bind(std::string event, Delegated<Message, void> callback) {
   return onLoop([&] {
-    if (bindingRef_ == std::numeric_limits<int>::max()) {
-      platform::fatalError("Channel binding references overflowed");
-    }
-    const int ref = bindingRef_++;
+    const int ref = nextBindingRef();
     syncBindingsDel_.append(Binding{std::move(event), ref, std::move(callback)});
     return ref;
   });
+}
+
+int Channel::nextBindingRef() {
+  if (bindingRef_ == std::numeric_limits<int>::max()) {
+    platform::fatalError("Channel binding references overflowed");
+  }
+  return bindingRef_++;
 }
 
 int Channel::on(const std::string& event, Callback callback) {
@@ -286,9 +299,17 @@ void Channel::off(const std::string& event, std::optional<int> ref) {
   syncBindingsDel_.remove(event, ref);
 }
 
+void Channel::bindReply(std::uint64_t number, Delegated<Message, void> callback) {
+  syncBindingsDel_.appendReply(number, nextBindingRef(), std::move(callback));
+}
+
+void Channel::unbindReply(std::uint64_t number) { syncBindingsDel_.removeReply(number, std::nullopt); }
+
 void Channel::onMessage(std::function<Message(const Message&)> callback) {
   onLoop([&] {
-    onMessage_ = callback ? std::make_shared<const MessageHook>(std::move(callback)) : nullptr;
+    if (callback || extras_) {
+      extras().onMessage = callback ? std::make_shared<const MessageHook>(std::move(callback)) : nullptr;
+    }
   });
 }
 
@@ -331,7 +352,7 @@ void Channel::dispatch(const std::string& event, std::shared_ptr<const Payload> 
   auto socket = socket_.lock();
   // Held for the call: the hook may replace itself. A hook that throws
   // leaves the message as it was.
-  if (const auto hook = onMessage_) {
+  if (const auto hook = extras_ ? extras_->onMessage : nullptr) {
     detail::guarded(socket.get(), "channel message hook", [&] { message = (*hook)(message); });
   }
   // Called on a snapshot, outside the binding list's lock: bindings may add
@@ -388,7 +409,7 @@ std::shared_ptr<Push> Channel::joinPush() const {
   return onLoop([&] { return joinPush_; });
 }
 std::vector<std::shared_ptr<Push>> Channel::pushBuffer() const {
-  return onLoop([&] { return pushBuffer_; });
+  return onLoop([&] { return extras_ ? extras_->pushBuffer : decltype(Extras::pushBuffer){}; });
 }
 std::vector<std::string> Channel::stateChangeRefs() const {
   return onLoop([&] {

@@ -21,29 +21,41 @@ std::optional<std::uint64_t> ChannelBindings::replyNumber(std::string_view event
   return number;
 }
 
+ChannelBindings::Indexes& ChannelBindings::indexes() {
+  if (!indexes_) {
+    indexes_ = std::make_unique<Indexes>();
+  }
+  return *indexes_;
+}
+
+void ChannelBindings::releaseIfEmpty() {
+  if (indexes_ && indexes_->named.empty() && indexes_->replies.empty()) {
+    // Most channels wait for no reply most of the time.
+    indexes_.reset();
+  }
+}
+
 void ChannelBindings::append(Binding binding) {
-  const auto number = replyNumber(binding.event);
-  std::unique_lock lock(mutex_);
-  if (number) {
-    if (!replies_) {
-      replies_ = std::make_unique<ReplyIndex>();
-    }
-    auto [entry, added] = replies_->try_emplace(*number, binding.ref, std::move(binding.callback));
-    if (!added) {
-      auto& more = entry->second.more;
-      if (!more) {
-        more = std::make_unique<std::vector<std::pair<int, Callback>>>();
-      }
-      more->emplace_back(binding.ref, std::move(binding.callback));
-    }
+  if (const auto number = replyNumber(binding.event)) {
+    appendReply(*number, binding.ref, std::move(binding.callback));
     return;
   }
-  if (!named_) {
-    named_ = std::make_unique<NamedIndex>();
-  }
-  auto& entry = (*named_)[binding.event];
+  std::lock_guard lock(mutex_);
+  auto& entry = indexes().named[binding.event];
   entry.bindings.push_back(std::move(binding));
   entry.snapshot.reset();
+}
+
+void ChannelBindings::appendReply(std::uint64_t number, int ref, Callback callback) {
+  std::lock_guard lock(mutex_);
+  auto [entry, added] = indexes().replies.try_emplace(number, ref, std::move(callback));
+  if (!added) {
+    auto& more = entry->second.more;
+    if (!more) {
+      more = std::make_unique<std::vector<std::pair<int, Callback>>>();
+    }
+    more->emplace_back(ref, std::move(callback));
+  }
 }
 
 void ChannelBindings::remove(const std::string& event, std::optional<int> ref) {
@@ -51,12 +63,13 @@ void ChannelBindings::remove(const std::string& event, std::optional<int> ref) {
     removeReply(*number, ref);
     return;
   }
-  std::unique_lock lock(mutex_);
-  if (!named_) {
+  std::lock_guard lock(mutex_);
+  if (!indexes_) {
     return;
   }
-  auto found = named_->find(event);
-  if (found == named_->end()) {
+  auto& named = indexes_->named;
+  auto found = named.find(event);
+  if (found == named.end()) {
     return;
   }
   auto& bindings = found->second.bindings;
@@ -67,19 +80,18 @@ void ChannelBindings::remove(const std::string& event, std::optional<int> ref) {
     found->second.snapshot.reset();
     return;
   }
-  named_->erase(found);
-  if (named_->empty()) {
-    named_.reset();
-  }
+  named.erase(found);
+  releaseIfEmpty();
 }
 
 void ChannelBindings::removeReply(std::uint64_t number, std::optional<int> ref) {
-  std::unique_lock lock(mutex_);
-  if (!replies_) {
+  std::lock_guard lock(mutex_);
+  if (!indexes_) {
     return;
   }
-  auto found = replies_->find(number);
-  if (found == replies_->end()) {
+  auto& replies = indexes_->replies;
+  auto found = replies.find(number);
+  if (found == replies.end()) {
     return;
   }
   auto& entry = found->second;
@@ -96,34 +108,18 @@ void ChannelBindings::removeReply(std::uint64_t number, std::optional<int> ref) 
       return;
     }
   }
-  replies_->erase(found);
-  if (replies_->empty()) {
-    // Most channels wait for no reply most of the time.
-    replies_.reset();
-  }
+  replies.erase(found);
+  releaseIfEmpty();
 }
 
 ChannelBindings::Snapshot ChannelBindings::group(const std::string& event) const {
   static const Snapshot none = std::make_shared<const std::vector<Binding>>();
-  {
-    std::shared_lock lock(mutex_);
-    if (!named_) {
-      return none;
-    }
-    auto found = named_->find(event);
-    if (found == named_->end()) {
-      return none;
-    }
-    if (found->second.snapshot) {
-      return found->second.snapshot;
-    }
-  }
-  std::unique_lock lock(mutex_);
-  if (!named_) {
+  std::lock_guard lock(mutex_);
+  if (!indexes_) {
     return none;
   }
-  auto found = named_->find(event);
-  if (found == named_->end()) {
+  auto found = indexes_->named.find(event);
+  if (found == indexes_->named.end()) {
     return none;
   }
   if (!found->second.snapshot) {
@@ -134,12 +130,12 @@ ChannelBindings::Snapshot ChannelBindings::group(const std::string& event) const
 
 ChannelBindings::ReplySnapshot ChannelBindings::replyGroup(std::uint64_t number) const {
   ReplySnapshot callbacks;
-  std::shared_lock lock(mutex_);
-  if (!replies_) {
+  std::lock_guard lock(mutex_);
+  if (!indexes_) {
     return callbacks;
   }
-  auto found = replies_->find(number);
-  if (found == replies_->end()) {
+  auto found = indexes_->replies.find(number);
+  if (found == indexes_->replies.end()) {
     return callbacks;
   }
   callbacks.push_back(found->second.callback);
@@ -152,15 +148,13 @@ ChannelBindings::ReplySnapshot ChannelBindings::replyGroup(std::uint64_t number)
 }
 
 std::size_t ChannelBindings::size() const {
-  std::shared_lock lock(mutex_);
+  std::lock_guard lock(mutex_);
   std::size_t count = 0;
-  if (named_) {
-    for (const auto& [event, entry] : *named_) {
+  if (indexes_) {
+    for (const auto& [event, entry] : indexes_->named) {
       count += entry.bindings.size();
     }
-  }
-  if (replies_) {
-    for (const auto& [number, entry] : *replies_) {
+    for (const auto& [number, entry] : indexes_->replies) {
       count += 1 + (entry.more ? entry.more->size() : 0);
     }
   }

@@ -125,8 +125,9 @@ void Push::startTimeout() {
     // References are the decimal text of the socket's counter.
     ref_ = std::stoull(socket->makeRef());
     hasRef_ = true;
-    channel->delegateOn<Push>(Channel::replyEventName(std::to_string(ref_)), shared_from_this(),
-                              [](Push& push, const Message& message) { push.replied(message); });
+    Delegated<Message, void> replied;
+    replied.delegate(shared_from_this(), [](Push& push, const Message& message) { push.replied(message); });
+    channel->bindReply(ref_, std::move(replied));
     timeoutKey_ = detail::PushTimeouts::main().arm(TimerQueue::milliseconds(timeout_), shared_from_this());
     timeoutArmed_ = true;
   });
@@ -203,7 +204,7 @@ void Push::removeReplyBinding() {
     return;
   }
   if (auto channel = channel_.lock()) {
-    channel->off(Channel::replyEventName(std::to_string(ref_)));
+    channel->unbindReply(ref_);
   }
 }
 

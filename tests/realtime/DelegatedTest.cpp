@@ -183,10 +183,27 @@ TEST(ChannelBindings, ReplyEventsAreFiledByTheirNumberInOrder) {
   bindings.remove("chan_reply_7", 1);  // the first goes, the second takes its place
   EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3}));
   bindings.append(numbered("chan_reply_7", 6, &calls));
-  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3, 6}));
+  // A push files its reply binding by number: the same event, in order.
+  bindings.appendReply(7, 7, numbered("", 7, &calls).callback);
+  bindings.append(numbered("chan_reply_7", 8, &calls));
+  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3, 6, 7, 8}));
+  bindings.removeReply(7, 6);
+  EXPECT_EQ(callsOf(bindings.replyGroup(7), calls), (std::vector<int>{3, 7, 8}));
   bindings.remove("chan_reply_7", std::nullopt);
   EXPECT_TRUE(bindings.replyGroup(7).empty());
   EXPECT_EQ(bindings.size(), 3U);
+
+  // Emptying the names leaves the replies, and the other way round.
+  bindings.remove("chan_reply_07", std::nullopt);
+  bindings.remove("chan_reply_18446744073709551616", std::nullopt);
+  EXPECT_EQ(callsOf(bindings.replyGroup(18446744073709551615U), calls), (std::vector<int>{4}));
+  bindings.append(numbered("named", 9));
+  bindings.removeReply(18446744073709551615U, std::nullopt);
+  EXPECT_EQ(refsOf(bindings.group("named")), (std::vector<int>{9}));
+  bindings.remove("named", 9);
+  EXPECT_EQ(bindings.size(), 0U);
+  bindings.appendReply(1, 10, numbered("", 10, &calls).callback);
+  EXPECT_EQ(callsOf(bindings.replyGroup(1), calls), (std::vector<int>{10}));
 }
 
 TEST(ChannelBindings, EachThreadSeesItsOwnWritesWhileOthersWriteAndRead) {

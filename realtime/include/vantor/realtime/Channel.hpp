@@ -156,6 +156,10 @@ class Channel : public std::enable_shared_from_this<Channel> {
                 std::optional<std::string> joinRef);
   void log(const std::string& line) const;
   int bind(std::string event, Delegated<Message, void> callback);
+  int nextBindingRef();
+  // A push's binding of its reply event, by the reference's number.
+  void bindReply(std::uint64_t number, Delegated<Message, void> callback);
+  void unbindReply(std::uint64_t number);
   // The channel's own binding of `event` and its reference, if it has one.
   static std::optional<std::pair<OwnBinding, int>> ownBindingOf(std::string_view event);
   void runOwnBinding(OwnBinding binding, const Message& message);
@@ -185,14 +189,19 @@ class Channel : public std::enable_shared_from_this<Channel> {
   // bindings of other events.
   ChannelBindings syncBindingsDel_;
   std::shared_ptr<Push> joinPush_;
-  std::vector<std::shared_ptr<Push>> pushBuffer_;
-  // Made when a rejoin is first scheduled: most channels never need one.
-  std::shared_ptr<TimeoutTimer> rejoinTimer_;
   // The references of the socket's error and open callbacks made for this
   // channel.
   std::array<std::uint64_t, 2> stateChangeRefs_{};
   using MessageHook = std::function<Message(const Message&)>;
-  std::shared_ptr<const MessageHook> onMessage_;  // none: messages pass unchanged
+  // What many channels never need, made at its first use: a joined channel
+  // that never errored carries none of it.
+  struct Extras {
+    std::vector<std::shared_ptr<Push>> pushBuffer;
+    std::shared_ptr<TimeoutTimer> rejoinTimer;
+    std::shared_ptr<const MessageHook> onMessage;  // none: messages pass unchanged
+  };
+  std::unique_ptr<Extras> extras_;
+  Extras& extras();
 };
 
 template <class Owner, std::invocable<Owner&, const Message&> F>

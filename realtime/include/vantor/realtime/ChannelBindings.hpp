@@ -6,7 +6,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -18,16 +17,16 @@
 namespace vantor::realtime {
 
 /// A channel's bindings by event, each event's in the order they were
-/// added, under one reader-writer lock.
+/// added, under one lock.
 ///
 /// Reply events ("chan_reply_" followed by a reference as the socket writes
 /// it, without leading zeros) are filed by the reference's number: every
 /// waiting push has one, so such an entry is one small block holding its
 /// first binding, and finding it does not depend on how many wait. Other
 /// events are filed by name, and a reader gets an event's bindings as an
-/// immutable snapshot made once per change of that event. Both indexes are
-/// made at their first binding and given back once empty, so a channel with
-/// no binding of its own and no push waiting holds none.
+/// immutable snapshot made once per change of that event. The indexes are
+/// made at the first binding and given back once both are empty, so a
+/// channel with no binding of its own and no push waiting holds none.
 ///
 /// Writes are applied in the order they are made, and a thread always sees
 /// its own earlier writes. The lock is held only for the change or the copy,
@@ -47,6 +46,10 @@ class ChannelBindings {
   void append(Binding binding);
   /// Removes the bindings of `event`, or only the one with `ref`.
   void remove(const std::string& event, std::optional<int> ref);
+  /// As `append` and `remove` for the reply event with `number`, without
+  /// its name.
+  void appendReply(std::uint64_t number, int ref, Callback callback);
+  void removeReply(std::uint64_t number, std::optional<int> ref);
 
   /// The bindings of an event that is not a reply event, in order; never null.
   [[nodiscard]] Snapshot group(const std::string& event) const;
@@ -68,14 +71,20 @@ class ChannelBindings {
     // Further bindings of the same reply event: rare, so kept out of line.
     std::unique_ptr<std::vector<std::pair<int, Callback>>> more;
   };
-  using NamedIndex = std::unordered_map<std::string, Named>;
-  using ReplyIndex = std::unordered_map<std::uint64_t, Reply>;
+  // Empty maps allocate nothing, so one block holds both.
+  struct Indexes {
+    std::unordered_map<std::string, Named> named;
+    std::unordered_map<std::uint64_t, Reply> replies;
+  };
 
-  void removeReply(std::uint64_t number, std::optional<int> ref);
+  Indexes& indexes();
+  // Gives the indexes back once both are empty; with the lock held.
+  void releaseIfEmpty();
 
-  mutable std::shared_mutex mutex_;
-  std::unique_ptr<NamedIndex> named_;
-  std::unique_ptr<ReplyIndex> replies_;
+  // A plain mutex: the loop thread is nearly the only reader, and it is
+  // held only to copy or change a list.
+  mutable std::mutex mutex_;
+  std::unique_ptr<Indexes> indexes_;
 };
 
 }  // namespace vantor::realtime
