@@ -11,12 +11,6 @@
 // trip. Run the server outside valgrind so its work is not counted.
 #include <valgrind/callgrind.h>
 
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include "Clients.hpp"
 #include "EchoServer.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -35,12 +30,7 @@
 
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace json = boost::json;
-using tcp = asio::ip::tcp;
 using vantor::realtime::Message;
-using vantor::realtime::Payload;
 
 constexpr std::int64_t warmUp = 500;
 
@@ -48,70 +38,19 @@ void startMeasuring() { CALLGRIND_ZERO_STATS; }
 void stopMeasuring() { CALLGRIND_DUMP_STATS_AT("measured"); }
 
 void bare(std::uint16_t port, std::int64_t count, int window) {
-  asio::io_context context;
-  beast::websocket::stream<tcp::socket> ws(context);
-  ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
-  ws.next_layer().set_option(tcp::no_delay(true));
-  ws.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
-  ws.text(true);
-  std::int64_t ref = 0;
-  beast::flat_buffer buffer;
-  auto send = [&] {
-    ++ref;
-    json::array frame{"1", std::to_string(ref), "room:bench", "echo",
-                      json::object{{"body", "hello"}, {"i", ref}}};
-    ws.write(asio::buffer(json::serialize(frame)));
-  };
+  vantor::bench::BareClient client(port);
   auto run = [&](std::int64_t total) {
     std::int64_t sent = 0;
-    int outstanding = 0;
-    for (; outstanding < window && sent < total; ++outstanding, ++sent) {
-      send();
-    }
-    while (outstanding > 0) {
-      ws.read(buffer);
-      auto reply = json::parse(
-          std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
-      buffer.consume(buffer.size());
-      const auto& frame = reply.as_array();
-      if (frame.at(3).as_string() != "phx_reply" ||
-          frame.at(4).as_object().at("status").as_string() != "ok") {
-        std::fprintf(stderr, "unexpected reply\n");
-      }
-      --outstanding;
-      if (sent < total) {
-        send();
-        ++sent;
-        ++outstanding;
-      }
-    }
+    client.run(window, [&] { return sent++ < total; });
   };
   run(warmUp);
   startMeasuring();
   run(count);
   stopMeasuring();
-  ws.close(beast::websocket::close_code::normal);
 }
 
-struct Client {
-  std::shared_ptr<vantor::realtime::Socket> socket;
-  std::shared_ptr<vantor::realtime::Channel> channel;
-
-  explicit Client(std::uint16_t port) {
-    socket = vantor::realtime::Socket::make("ws://127.0.0.1:" + std::to_string(port) + "/socket");
-    channel = socket->channel("room:bench");
-    auto joined = std::make_shared<std::promise<void>>();
-    auto whenJoined = joined->get_future();
-    channel->join()->receive("ok", [joined](const Message&) { joined->set_value(); });
-    socket->connect();
-    whenJoined.wait();
-  }
-  ~Client() { socket->disconnect(); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
-};
-
-Payload payloadFor(std::int64_t i) { return Payload{{"body", "hello"}, {"i", i}}; }
+using Client = vantor::bench::LibraryClient;
+using vantor::bench::echoPayload;
 
 void onTheLoop(std::uint16_t port, std::int64_t count, int window) {
   Client client(port);
@@ -121,7 +60,7 @@ void onTheLoop(std::uint16_t port, std::int64_t count, int window) {
     std::promise<void> finished;
     std::function<void()> pushOne = [&] {
       ++sent;
-      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+      client.channel->push("echo", echoPayload(sent))->receive("ok", [&](const Message& reply) {
         ++done;
         if (reply.payload().empty()) {
           std::fprintf(stderr, "unexpected reply\n");
@@ -152,7 +91,7 @@ void fromAnApplicationThread(std::uint16_t port, std::int64_t count, int window)
     std::counting_semaphore<1024> permits(window);
     for (std::int64_t sent = 1; sent <= total; ++sent) {
       permits.acquire();
-      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+      client.channel->push("echo", echoPayload(sent))->receive("ok", [&](const Message& reply) {
         if (reply.payload().empty()) {
           std::fprintf(stderr, "unexpected reply\n");
         }

@@ -1,12 +1,6 @@
 // Push/reply round trips over a loopback WebSocket: the server and the
 // clients sit on different cores, and every client does the same work per
 // message: encode a frame, send it, read the reply and parse it.
-#include <boost/asio/connect.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/websocket.hpp>
-#include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +11,7 @@
 #include <semaphore>
 #include <string>
 
+#include "Clients.hpp"
 #include "EchoServer.hpp"
 #include "Summary.hpp"
 #include "vantor/platform/EventLoop.hpp"
@@ -28,13 +23,8 @@ namespace vantor::bench {
 
 namespace {
 
-namespace asio = boost::asio;
-namespace beast = boost::beast;
-namespace json = boost::json;
-using tcp = asio::ip::tcp;
 using Clock = std::chrono::steady_clock;
 using realtime::Message;
-using realtime::Payload;
 
 constexpr auto warmUp = std::chrono::milliseconds(200);
 constexpr auto measured = std::chrono::milliseconds(1500);
@@ -78,72 +68,21 @@ Run measure(const EchoServer& server, Phase&& phase) {
 }
 
 Run bare(EchoServer& server, int window) {
-  asio::io_context context;
-  beast::websocket::stream<tcp::socket> ws(context);
-  ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), server.port()));
-  ws.next_layer().set_option(tcp::no_delay(true));
-  ws.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
-  ws.text(true);
+  BareClient client(server.port());
   pinThreads(server.threadId());
-  std::int64_t ref = 0;
-  beast::flat_buffer buffer;
-  auto send = [&] {
-    ++ref;
-    json::array frame{"1", std::to_string(ref), "room:bench", "echo",
-                      json::object{{"body", "hello"}, {"i", ref}}};
-    ws.write(asio::buffer(json::serialize(frame)));
-  };
-  auto phase = [&](Clock::time_point deadline) {
-    std::int64_t done = 0;
-    int outstanding = 0;
-    for (; outstanding < window; ++outstanding) {
-      send();
-    }
-    while (outstanding > 0) {
-      ws.read(buffer);
-      auto reply = json::parse(
-          std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
-      buffer.consume(buffer.size());
-      const auto& frame = reply.as_array();
-      if (frame.at(3).as_string() != "phx_reply" ||
-          frame.at(4).as_object().at("status").as_string() != "ok") {
-        std::fprintf(stderr, "unexpected reply\n");
-      }
-      ++done;
-      --outstanding;
-      if (Clock::now() < deadline) {
-        send();
-        ++outstanding;
-      }
-    }
-    return done;
-  };
-  auto run = measure(server, phase);
-  ws.close(beast::websocket::close_code::normal);
-  return run;
+  return measure(server, [&](Clock::time_point deadline) {
+    return client.run(window, [&] { return Clock::now() < deadline; });
+  });
 }
 
-struct Client {
-  std::shared_ptr<realtime::Socket> socket;
-  std::shared_ptr<realtime::Channel> channel;
-
-  explicit Client(const EchoServer& server, bool collectMetrics = false) {
-    socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(server.port()) + "/socket");
-    socket->setCollectsMetrics(collectMetrics);
-    channel = socket->channel("room:bench");
-    auto joined = std::make_shared<std::promise<void>>();
-    auto whenJoined = joined->get_future();
-    channel->join()->receive("ok", [joined](const Message&) { joined->set_value(); });
-    socket->connect();
-    whenJoined.wait();
+// Ours, its threads pinned away from the server.
+struct Client : LibraryClient {
+  explicit Client(const EchoServer& server, bool collectMetrics = false)
+      : LibraryClient(server.port(), collectMetrics) {
     pinThreads(server.threadId());
   }
-  ~Client() { socket->disconnect(); }
-  Client(const Client&) = delete;
-  Client& operator=(const Client&) = delete;
 };
 
-Payload payloadFor(std::int64_t i) { return Payload{{"body", "hello"}, {"i", i}}; }
 
 // Pushes from the loop thread: each reply's hook makes the next push.
 Run oursOnTheLoop(EchoServer& server, int window, bool collectMetrics = false) {
@@ -154,7 +93,7 @@ Run oursOnTheLoop(EchoServer& server, int window, bool collectMetrics = false) {
     std::promise<void> finished;
     std::function<void()> pushOne = [&] {
       ++sent;
-      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+      client.channel->push("echo", echoPayload(sent))->receive("ok", [&](const Message& reply) {
         ++done;
         if (reply.payload().empty()) {
           std::fprintf(stderr, "unexpected reply\n");
@@ -187,7 +126,7 @@ Run oursFromAnApplicationThread(EchoServer& server, int window) {
     while (Clock::now() < deadline) {
       permits.acquire();
       ++sent;
-      client.channel->push("echo", payloadFor(sent))->receive("ok", [&](const Message& reply) {
+      client.channel->push("echo", echoPayload(sent))->receive("ok", [&](const Message& reply) {
         if (reply.payload().empty()) {
           std::fprintf(stderr, "unexpected reply\n");
         }

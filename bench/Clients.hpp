@@ -1,0 +1,73 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <cstdint>
+#include <memory>
+
+#include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Payload.hpp"
+#include "vantor/realtime/Socket.hpp"
+
+namespace vantor::bench {
+
+/// The payload of the n-th echo push, the same for every client.
+realtime::Payload echoPayload(std::int64_t n);
+
+/// The client that ours is measured against: plain Beast and Boost.JSON,
+/// synchronous calls on the calling thread, no framework code in between.
+/// Each round trip encodes [join_ref, ref, topic, "echo", payload], sends it,
+/// reads the reply and parses it.
+class BareClient {
+ public:
+  explicit BareClient(std::uint16_t port);
+  ~BareClient();
+  BareClient(const BareClient&) = delete;
+  BareClient& operator=(const BareClient&) = delete;
+
+  /// Keeps up to `window` round trips outstanding, starting a new one while
+  /// `more()` is true, until every started one is answered; returns how many
+  /// were answered.
+  template <class More>
+  std::int64_t run(int window, More&& more) {
+    std::int64_t done = 0;
+    int outstanding = 0;
+    for (; outstanding < window && more(); ++outstanding) {
+      send();
+    }
+    while (outstanding > 0) {
+      receive();
+      ++done;
+      --outstanding;
+      if (more()) {
+        send();
+        ++outstanding;
+      }
+    }
+    return done;
+  }
+
+ private:
+  void send();
+  void receive();
+
+  boost::asio::io_context context_;
+  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws_{context_};
+  boost::beast::flat_buffer buffer_;
+  std::int64_t ref_ = 0;
+};
+
+/// A socket with one joined channel on "room:bench".
+struct LibraryClient {
+  explicit LibraryClient(std::uint16_t port, bool collectMetrics = false);
+  ~LibraryClient();
+  LibraryClient(const LibraryClient&) = delete;
+  LibraryClient& operator=(const LibraryClient&) = delete;
+
+  std::shared_ptr<realtime::Socket> socket;
+  std::shared_ptr<realtime::Channel> channel;
+};
+
+}  // namespace vantor::bench
