@@ -67,9 +67,10 @@ void Channel::joinReplied(const std::string& status) {
   if (status == "ok") {
     state_ = ChannelState::joined;
     resetRejoinTimer();
-    auto buffered = extras_ ? std::exchange(extras_->pushBuffer, {}) : decltype(Extras::pushBuffer){};
-    for (const auto& push : buffered) {
-      push->send();
+    if (extras_) {
+      for (const auto& push : std::exchange(extras_->pushBuffer, {})) {
+        push->send();
+      }
     }
   } else if (status == "error") {
     state_ = ChannelState::errored;

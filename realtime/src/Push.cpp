@@ -122,8 +122,7 @@ void Push::startTimeout() {
     // A push buffered while its channel was joining took a reference then;
     // its binding for that reference goes before it takes a new one.
     removeReplyBinding();
-    // References are the decimal text of the socket's counter.
-    ref_ = std::stoull(socket->makeRef());
+    ref_ = socket->makeRefNumber();
     hasRef_ = true;
     Delegated<Message, void> replied;
     replied.delegate(shared_from_this(), [](Push& push, const Message& message) { push.replied(message); });

@@ -384,10 +384,11 @@ void Socket::sendFrame(const std::string& topic, const std::string& event, const
   }
 }
 
-std::string Socket::makeRef() {
+std::string Socket::makeRef() { return std::to_string(makeRefNumber()); }
+
+std::uint64_t Socket::makeRefNumber() {
   return onLoop([&] {
-    ++ref_;  // wraps from the largest value to 0 by design
-    return std::to_string(ref_);
+    return ++ref_;  // wraps from the largest value to 0 by design
   });
 }
 

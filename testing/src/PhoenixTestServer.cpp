@@ -276,15 +276,15 @@ void PhoenixTestServer::Impl::opened(ConnectionId connection, const std::string&
   }
   channels_[connection];
   trace(connection, "", "connected: " + target);
+  auto authToken = std::exchange(pendingAuthToken_, std::nullopt);
   const bool keep = options_.recordConnections;
   records_.update([&](Records& r) {
     if (keep) {
       r.params.push_back(std::move(params));
-      r.authTokens.push_back(std::exchange(pendingAuthToken_, std::nullopt));
+      r.authTokens.push_back(std::move(authToken));
     }
     ++r.open;
   });
-  pendingAuthToken_.reset();
 }
 
 void PhoenixTestServer::Impl::received(ConnectionId connection, const std::string& text) {

@@ -360,7 +360,6 @@ class Soak {
     long residentKiB = 0;
     long heapKiB = 0;
     long fds = 0;
-    Clock::time_point at;
   };
 
   bool runCycle(Fault fault) {
@@ -435,7 +434,7 @@ class Soak {
   // gone on every side, so that only what the client keeps is counted.
   void sample(Sample& into) {
     waitUntil([&] { return server_.openConnections() == 1 && proxy_.openConnections() == 1; }, 5s);
-    into = {residentKiB(), heapInUseKiB(), openFileDescriptors(), Clock::now()};
+    into = {residentKiB(), heapInUseKiB(), openFileDescriptors()};
   }
 
   bool report(bool settled) {

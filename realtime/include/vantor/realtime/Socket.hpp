@@ -254,6 +254,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// message and callback references. The first is "1"; after the largest
   /// value the counter wraps to "0".
   std::string makeRef();
+  /// As `makeRef`, as the number itself: pushes keep their reference as a
+  /// number, so they take it without the text.
+  std::uint64_t makeRefNumber();
 
   /// Unregisters every channel whose join reference equals `channel`'s,
   /// and the socket callbacks that `channel` registered.
