@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <deque>
 
+#include "CoalescingStream.hpp"
 #include "Text.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -170,6 +171,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     if (!closing_) {
       closing_ = true;
       withStream([&](auto& ws) {
+        coalescing(ws).setMoreComing(false);
         ws.async_close(websocket::close_code::going_away, [self = shared_from_this()](error_code) {
           self->deadline_.cancel();
         });
@@ -187,8 +189,14 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
  private:
   // The session runs on the main loop's context only, so its streams carry
   // that context's executor rather than a type-erased one.
-  using PlainStream = websocket::stream<platform::LoopTcpStream>;
-  using SecureStream = websocket::stream<beast::ssl_stream<platform::LoopTcpStream>>;
+  // Writes are gathered below TLS, so that the frames written while one
+  // read's frames are handled leave in one system call.
+  using Coalescing = detail::CoalescingStream<platform::LoopTcpStream>;
+  using PlainStream = websocket::stream<Coalescing>;
+  using SecureStream = websocket::stream<beast::ssl_stream<Coalescing>>;
+
+  static Coalescing& coalescing(PlainStream& ws) { return ws.next_layer(); }
+  static Coalescing& coalescing(SecureStream& ws) { return ws.next_layer().next_layer(); }
 
   template <class F>
   void withStream(F&& action) {
@@ -428,6 +436,8 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   void writeNext() {
     writing_ = true;
     withStream([&](auto& ws) {
+      // The frames queued behind this one go out with it.
+      coalescing(ws).setMoreComing(outbox_.size() > 1);
       ws.async_write(asio::buffer(outbox_.front()),
                      [self = shared_from_this()](error_code error, std::size_t) {
                        self->onWritten(error);
@@ -437,6 +447,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   void onWritten(error_code error) {
     writing_ = false;
+    withStream([](auto& ws) { coalescing(ws).setMoreComing(false); });
     if (error) {
       outbox_.clear();  // the read side reports the broken connection
       return;
@@ -454,6 +465,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   void startClose() {
     withStream([&](auto& ws) {
+      coalescing(ws).setMoreComing(false);
       ws.async_close(closeReason_,
                      [self = shared_from_this()](error_code error) { self->onClosed(error); });
     });

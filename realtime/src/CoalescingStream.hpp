@@ -1,0 +1,177 @@
+#pragma once
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/role.hpp>
+#include <boost/beast/websocket/teardown.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vantor::realtime::detail {
+
+/// A stream layer that gathers small writes into one system call.
+///
+/// A write is copied and reported done at once. The bytes go out when the
+/// reader next waits on the socket; when the reader is already waiting, once
+/// the writer above says no more is coming (`setMoreComing(false)`) and the
+/// handlers queued before that have run; and at the latest with a write
+/// made a millisecond after them. So the replies made while the frames of
+/// one read are handled, or pushes queued from another thread, leave in one
+/// `send`, and an idle connection still writes without delay. The held bytes
+/// are written before the connection is torn down.
+///
+/// Runs on one thread, the one that runs its next layer's executor.
+template <class NextLayer>
+class CoalescingStream {
+ public:
+  using next_layer_type = NextLayer;
+  // TLS over this layer reaches the socket through these.
+  using lowest_layer_type = typename NextLayer::socket_type;
+  using executor_type = typename NextLayer::executor_type;
+
+  template <class... Args>
+  explicit CoalescingStream(Args&&... args) : next_(std::forward<Args>(args)...) {}
+
+  // Pending operations refer to this object, which therefore stays put.
+  CoalescingStream(const CoalescingStream&) = delete;
+  CoalescingStream& operator=(const CoalescingStream&) = delete;
+
+  ~CoalescingStream() { state_->alive = false; }
+
+  executor_type get_executor() noexcept { return next_.get_executor(); }
+  NextLayer& next_layer() noexcept { return next_; }
+  const NextLayer& next_layer() const noexcept { return next_; }
+  lowest_layer_type& lowest_layer() noexcept { return next_.socket(); }
+  const lowest_layer_type& lowest_layer() const noexcept { return next_.socket(); }
+
+  /// Whether the writer above has further writes queued right behind this
+  /// one; while it has, a waiting reader does not make the bytes go out.
+  void setMoreComing(bool more) noexcept { moreComing_ = more; }
+
+  template <class MutableBuffers, class Handler>
+  void async_read_some(const MutableBuffers& buffers, Handler&& handler) {
+    flush();
+    state_->readWaiting = true;
+    next_.async_read_some(buffers, [state = state_, handler = std::forward<Handler>(handler)](
+                                       boost::system::error_code error, std::size_t size) mutable {
+      state->readWaiting = false;
+      handler(error, size);
+    });
+  }
+
+  template <class ConstBuffers, class Handler>
+  void async_write_some(const ConstBuffers& buffers, Handler&& handler) {
+    auto& state = *state_;
+    std::size_t size = 0;
+    if (!state.error) {
+      if (state.pending.empty()) {
+        state.heldSince = std::chrono::steady_clock::now();
+      }
+      for (auto it = boost::asio::buffer_sequence_begin(buffers); it != boost::asio::buffer_sequence_end(buffers);
+           ++it) {
+        const boost::asio::const_buffer buffer(*it);
+        state.pending.append(static_cast<const char*>(buffer.data()), buffer.size());
+        size += buffer.size();
+      }
+    }
+    boost::asio::post(get_executor(), boost::beast::bind_front_handler(std::forward<Handler>(handler),
+                                                                        state.error, size));
+    if (std::chrono::steady_clock::now() - state.heldSince > maximumHold) {
+      flush();
+    } else if (state.readWaiting && !moreComing_) {
+      // Posted rather than written now: writes queued on the loop behind
+      // this one join it.
+      flushSoon();
+    }
+  }
+
+  /// Writes the held bytes now, then runs `done` with the first write error
+  /// (or none) once nothing is held or being written.
+  void flushThen(std::function<void(boost::system::error_code)> done) {
+    flush();
+    if (!state_->writingNow) {
+      done(state_->error);
+      return;
+    }
+    state_->whenFlushed.push_back(std::move(done));
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds maximumHold{1};
+
+  struct State {
+    std::string pending;  // bytes reported written, not yet handed to the socket
+    std::string writing;  // bytes being written
+    std::chrono::steady_clock::time_point heldSince;
+    boost::system::error_code error;
+    std::vector<std::function<void(boost::system::error_code)>> whenFlushed;
+    bool readWaiting = false;
+    bool writingNow = false;
+    bool flushPosted = false;
+    bool alive = true;
+  };
+
+  void flushSoon() {
+    if (state_->flushPosted) {
+      return;
+    }
+    state_->flushPosted = true;
+    boost::asio::post(get_executor(), [this, state = state_] {
+      state->flushPosted = false;
+      if (state->alive) {
+        flush();
+      }
+    });
+  }
+
+  void flush() {
+    auto& state = *state_;
+    if (state.writingNow || state.pending.empty() || state.error) {
+      return;
+    }
+    state.writingNow = true;
+    state.writing.swap(state.pending);
+    state.pending.clear();
+    boost::asio::async_write(next_, boost::asio::buffer(state.writing),
+                             [this, state = state_](boost::system::error_code error, std::size_t) {
+                               state->writingNow = false;
+                               state->writing.clear();
+                               if (error && !state->error) {
+                                 state->error = error;
+                               }
+                               if (!state->alive) {
+                                 return;
+                               }
+                               if (!state->pending.empty() && !state->error) {
+                                 flush();
+                                 return;
+                               }
+                               auto waiting = std::move(state->whenFlushed);
+                               for (auto& done : waiting) {
+                                 done(state->error);
+                               }
+                             });
+  }
+
+  NextLayer next_;
+  std::shared_ptr<State> state_ = std::make_shared<State>();
+  bool moreComing_ = false;
+};
+
+/// Closing a WebSocket connection writes the held bytes first.
+template <class NextLayer, class Handler>
+void async_teardown(boost::beast::role_type role, CoalescingStream<NextLayer>& stream, Handler&& handler) {
+  auto shared = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
+  stream.flushThen([&stream, role, shared](boost::system::error_code) {
+    using boost::beast::websocket::async_teardown;
+    async_teardown(role, stream.next_layer(), std::move(*shared));
+  });
+}
+
+}  // namespace vantor::realtime::detail
