@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <deque>
 
-#include "CoalescingStream.hpp"
 #include "Text.hpp"
+#include "vantor/platform/CoalescingStream.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/platform/HttpTunnel.hpp"
@@ -191,7 +191,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   // that context's executor rather than a type-erased one.
   // Writes are gathered below TLS, so that the frames written while one
   // read's frames are handled leave in one system call.
-  using Coalescing = detail::CoalescingStream<platform::LoopTcpStream>;
+  using Coalescing = platform::CoalescingStream<platform::LoopTcpStream>;
   using PlainStream = websocket::stream<Coalescing>;
   using SecureStream = websocket::stream<beast::ssl_stream<Coalescing>>;
 

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace vantor::realtime::detail {
+namespace vantor::platform {
 
 /// A stream layer that gathers small writes into one system call.
 ///
@@ -174,4 +174,4 @@ void async_teardown(boost::beast::role_type role, CoalescingStream<NextLayer>& s
   });
 }
 
-}  // namespace vantor::realtime::detail
+}  // namespace vantor::platform

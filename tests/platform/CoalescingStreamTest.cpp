@@ -1,0 +1,140 @@
+// When gathered writes reach the socket, against a plain TCP peer on loopback.
+#include "vantor/platform/CoalescingStream.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "vantor/platform/HttpTunnel.hpp"
+
+namespace vantor::platform {
+namespace {
+
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+using boost::system::error_code;
+using namespace std::chrono_literals;
+
+class CoalescingStreamTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tcp::acceptor acceptor(context, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
+    stream.next_layer().connect(acceptor.local_endpoint());
+    acceptor.accept(peer);
+  }
+
+  // Writes `text` and runs the loop until the write has been reported.
+  error_code write(const std::string& text) {
+    std::optional<error_code> result;
+    stream.async_write_some(asio::buffer(text), [&](error_code error, std::size_t size) {
+      result = error;
+      if (!error) {
+        EXPECT_EQ(size, text.size());
+      }
+    });
+    while (!result) {
+      context.run_one();
+    }
+    context.restart();
+    return *result;
+  }
+
+  // What the peer has received after the loop has done all it can and the
+  // bytes have had a moment to arrive.
+  std::string received() {
+    context.poll();
+    context.restart();
+    std::this_thread::sleep_for(20ms);
+    std::string text(peer.available(), '\0');
+    asio::read(peer, asio::buffer(text));
+    return text;
+  }
+
+  void startReading() {
+    stream.async_read_some(asio::buffer(readBuffer), [this](error_code error, std::size_t size) {
+      readError = error;
+      readSize = size;
+    });
+  }
+
+  asio::io_context context;
+  CoalescingStream<LoopTcpStream> stream{context};
+  tcp::socket peer{context};
+  std::array<char, 64> readBuffer{};
+  std::optional<error_code> readError;
+  std::size_t readSize = 0;
+};
+
+TEST_F(CoalescingStreamTest, WritesWaitForTheReaderOrTheLastOfABurst) {
+  // Nobody reads yet: frames handled from one read are still being answered.
+  EXPECT_FALSE(write("one,"));
+  EXPECT_FALSE(write("two,"));
+  EXPECT_EQ(received(), "");
+  // The reader goes back to the socket: what was held leaves, in order.
+  startReading();
+  EXPECT_EQ(received(), "one,two,");
+
+  // With the reader waiting, a write goes out by itself...
+  EXPECT_FALSE(write("three,"));
+  EXPECT_EQ(received(), "three,");
+  // ...unless more are queued behind it: then the last one takes them along.
+  stream.setMoreComing(true);
+  EXPECT_FALSE(write("four,"));
+  EXPECT_EQ(received(), "");
+  stream.setMoreComing(false);
+  EXPECT_FALSE(write("five"));
+  EXPECT_EQ(received(), "four,five");
+
+  // Reading still works underneath.
+  asio::write(peer, asio::buffer(std::string("hi")));
+  while (!readError) {
+    context.run_one();
+  }
+  EXPECT_FALSE(*readError);
+  EXPECT_EQ(std::string(readBuffer.data(), readSize), "hi");
+}
+
+TEST_F(CoalescingStreamTest, TeardownSendsWhatIsHeldBeforeClosing) {
+  EXPECT_FALSE(write("close frame"));
+  bool tornDown = false;
+  async_teardown(boost::beast::role_type::client, stream, [&](error_code) { tornDown = true; });
+  // The peer gets the held bytes and, as a server does, closes; only then
+  // does the client's side finish.
+  std::string text(11, '\0');
+  const timeval wait{5, 0};  // a peer that never gets the bytes fails instead of hanging
+  setsockopt(peer.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  std::thread peerSide([&] {
+    error_code ignored;
+    asio::read(peer, asio::buffer(text), ignored);
+    peer.close();
+  });
+  const auto limit = std::chrono::steady_clock::now() + 10s;
+  while (!tornDown && std::chrono::steady_clock::now() < limit) {
+    context.run_for(10ms);
+  }
+  peerSide.join();
+  EXPECT_TRUE(tornDown);
+  EXPECT_EQ(text, "close frame");
+}
+
+TEST_F(CoalescingStreamTest, AFailedSendFailsTheWritesAfterIt) {
+  stream.lowest_layer().close();
+  EXPECT_FALSE(write("lost"));  // held, so not failed yet
+  startReading();               // sends it, which fails on the closed socket
+  context.poll();
+  context.restart();
+  EXPECT_TRUE(write("after"));
+}
+
+}  // namespace
+}  // namespace vantor::platform
