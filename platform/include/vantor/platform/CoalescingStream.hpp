@@ -149,7 +149,9 @@ class CoalescingStream {
                                  return;
                                }
                                if (!state->pending.empty() && !state->error) {
-                                 flush();
+                                 // Written meanwhile: more may join them
+                                 // from the handlers already queued.
+                                 flushSoon();
                                  return;
                                }
                                auto waiting = std::move(state->whenFlushed);
