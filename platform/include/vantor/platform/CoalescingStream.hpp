@@ -135,6 +135,24 @@ class CoalescingStream {
     if (state.writingNow || state.pending.empty() || state.error) {
       return;
     }
+    // Most sends fit in the socket's buffer at once: try without waiting
+    // first, so that only a send that must wait costs an operation.
+    auto& socket = lowest_layer();
+    boost::system::error_code error;
+    if (!socket.non_blocking()) {
+      socket.non_blocking(true, error);
+    }
+    const auto sent = error ? 0 : socket.write_some(boost::asio::buffer(state.pending), error);
+    if (error && error != boost::asio::error::would_block && error != boost::asio::error::try_again) {
+      state.error = error;
+      state.pending.clear();
+      return;
+    }
+    if (sent == state.pending.size()) {
+      state.pending.clear();
+      return;
+    }
+    state.pending.erase(0, sent);
     state.writingNow = true;
     state.writing.swap(state.pending);
     state.pending.clear();
