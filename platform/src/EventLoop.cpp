@@ -9,10 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -36,6 +39,46 @@ struct EventLoop::Impl {
   std::atomic<bool> stopped{false};
   std::atomic<bool> running{false};
   bool hostRun = false;
+
+  // Work posted from other threads, run in order by one handler: a burst of
+  // calls from an application thread costs the loop one wake-up and one
+  // handler instead of one each.
+  std::mutex inboxMutex;
+  std::vector<std::function<void()>> inbox;
+  bool drainPosted = false;
+
+  void postFromAnotherThread(std::function<void()> work) {
+    {
+      std::lock_guard lock(inboxMutex);
+      inbox.push_back(std::move(work));
+      if (drainPosted) {
+        return;
+      }
+      drainPosted = true;
+    }
+    asio::post(context, [this] { drain(); });
+  }
+
+  // Runs what was in the inbox when it starts; work that arrives meanwhile
+  // gets a handler of its own, behind the I/O that is already waiting.
+  void drain() {
+    std::vector<std::function<void()>> batch;
+    {
+      std::lock_guard lock(inboxMutex);
+      batch.swap(inbox);
+      drainPosted = false;
+    }
+    for (auto& work : batch) {
+      try {
+        work();
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "Uncaught exception on the event loop: %s\n", e.what());
+      } catch (...) {
+        std::fprintf(stderr, "Uncaught exception on the event loop\n");
+      }
+      work = nullptr;  // its captures go now, in order, as a handler's would
+    }
+  }
 
   // Runs the loop until it is stopped; a handler's exception is reported and
   // the loop carries on, so one faulty callback cannot stall the library.
@@ -119,7 +162,13 @@ bool EventLoop::isCurrentThread() const noexcept {
 
 bool EventLoop::hasStopped() const noexcept { return impl_->stopped; }
 
-void EventLoop::post(std::function<void()> work) { asio::post(impl_->context, std::move(work)); }
+void EventLoop::post(std::function<void()> work) {
+  if (isCurrentThread()) {
+    asio::post(impl_->context, std::move(work));
+  } else {
+    impl_->postFromAnotherThread(std::move(work));
+  }
+}
 
 void EventLoop::asyncAfter(std::chrono::milliseconds delay, std::shared_ptr<DispatchWorkItem> item) {
   // Clamped, so that the conversion to the clock's nanoseconds cannot
