@@ -404,7 +404,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return reportAbnormal(transportError, std::nullopt);
     }
     bool text = false;
-    withStream([&](auto& ws) { text = ws.got_text(); });
+    withStream([&](auto& ws) {
+      text = ws.got_text();
+      coalescing(ws).flushIfHeldLong();
+    });
     if (text) {
       // Copied into a string kept from frame to frame, so that its storage
       // is reused; the flat buffer is contiguous.

@@ -20,8 +20,8 @@ namespace vantor::platform {
 /// A write is copied and reported done at once. The bytes go out when the
 /// reader next waits on the socket; when the reader is already waiting, once
 /// the writer above says no more is coming (`setMoreComing(false)`) and the
-/// handlers queued before that have run; and at the latest with a write
-/// made a millisecond after them. So the replies made while the frames of
+/// handlers queued before that have run; and at the latest with a write, or
+/// a `flushIfHeldLong()`, a millisecond after them. So the replies made while the frames of
 /// one read are handled, or pushes queued from another thread, leave in one
 /// `send`, and an idle connection still writes without delay. The held bytes
 /// are written before the connection is torn down.
@@ -82,12 +82,24 @@ class CoalescingStream {
     }
     boost::asio::post(get_executor(), boost::beast::bind_front_handler(std::forward<Handler>(handler),
                                                                         state.error, size));
-    if (std::chrono::steady_clock::now() - state.heldSince > maximumHold) {
+    if (std::chrono::steady_clock::now() - state.heldSince > maximumHold_) {
       flush();
     } else if (state.readWaiting && !moreComing_) {
       // Posted rather than written now: writes queued on the loop behind
       // this one join it.
       flushSoon();
+    }
+  }
+
+  /// How long bytes may be held at most (a millisecond unless set).
+  void setMaximumHold(std::chrono::steady_clock::duration hold) noexcept { maximumHold_ = hold; }
+
+  /// Sends the held bytes if they have waited a millisecond already: the
+  /// reader calls this before handling each frame it already has, so a
+  /// long run of frames, or a slow one, does not keep earlier answers back.
+  void flushIfHeldLong() {
+    if (!state_->pending.empty() && std::chrono::steady_clock::now() - state_->heldSince > maximumHold_) {
+      flush();
     }
   }
 
@@ -103,7 +115,7 @@ class CoalescingStream {
   }
 
  private:
-  static constexpr std::chrono::milliseconds maximumHold{1};
+  std::chrono::steady_clock::duration maximumHold_ = std::chrono::milliseconds(1);
 
   struct State {
     std::string pending;  // bytes reported written, not yet handed to the socket
