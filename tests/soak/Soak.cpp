@@ -351,6 +351,10 @@ class Soak {
     std::this_thread::sleep_for(300ms);  // room for a duplicate outcome to show
     takeDeliveries();
     ledger_->judge(Clock::time_point::max());
+    // A close the run did not make (a heartbeat missed while the machine
+    // was busy) may have come after the last fault: the channels are judged
+    // once they have had the same time to recover as after a fault.
+    waitUntil([&] { return allJoined(); }, recoveryLimit);
     elapsed_ = std::chrono::duration<double>(Clock::now() - started_).count();
     return report(settled);
   }
