@@ -145,6 +145,34 @@ TEST_F(CoalescingStreamTest, TeardownSendsWhatIsHeldBeforeClosing) {
   EXPECT_EQ(text, "close frame");
 }
 
+TEST_F(CoalescingStreamTest, TeardownWaitsForASendInFlightAndWhatFollowedIt) {
+  // More than the socket takes at once, so that part is still being sent
+  // when the next write comes and the teardown starts.
+  const std::string bulk(8 << 20, 'x');
+  stream.setMaximumHold(std::chrono::nanoseconds(0));
+  EXPECT_FALSE(write(bulk));
+  stream.setMaximumHold(std::chrono::hours(1));
+  EXPECT_FALSE(write("tail"));
+  bool tornDown = false;
+  async_teardown(boost::beast::role_type::client, stream, [&](error_code) { tornDown = true; });
+  std::string text(bulk.size() + 4, '\0');
+  const timeval wait{5, 0};
+  setsockopt(peer.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+  std::thread peerSide([&] {
+    error_code ignored;
+    asio::read(peer, asio::buffer(text), ignored);
+    peer.close();
+  });
+  const auto limit = std::chrono::steady_clock::now() + 10s;
+  while (!tornDown && std::chrono::steady_clock::now() < limit) {
+    context.run_for(10ms);
+  }
+  peerSide.join();
+  EXPECT_TRUE(tornDown);
+  EXPECT_EQ(text.substr(bulk.size()), "tail");
+  EXPECT_EQ(text.find_first_not_of('x'), bulk.size());
+}
+
 TEST_F(CoalescingStreamTest, AFailedSendFailsTheWritesAfterIt) {
   stream.lowest_layer().close();
   EXPECT_FALSE(write("lost"));  // held, so not failed yet

@@ -21,10 +21,10 @@ namespace vantor::platform {
 /// reader next waits on the socket; when the reader is already waiting, once
 /// the writer above says no more is coming (`setMoreComing(false)`) and the
 /// handlers queued before that have run; and at the latest with a write, or
-/// a `flushIfHeldLong()`, a millisecond after them. So the replies made while the frames of
-/// one read are handled, or pushes queued from another thread, leave in one
-/// `send`, and an idle connection still writes without delay. The held bytes
-/// are written before the connection is torn down.
+/// a `flushIfHeldLong()`, a millisecond after them. So the replies made
+/// while the frames of one read are handled, or pushes queued from another
+/// thread, leave in one `send`, and an idle connection still writes without
+/// delay. The held bytes are written before the connection is torn down.
 ///
 /// Runs on one thread, the one that runs its next layer's executor.
 template <class NextLayer>
@@ -143,6 +143,23 @@ class CoalescingStream {
   }
 
   void flush() {
+    writeHeld();
+    settle();
+  }
+
+  // Hands the waiters of `flushThen` their result once nothing is held or
+  // being written. Posted: this may run inside another operation's start.
+  void settle() {
+    auto& state = *state_;
+    if (state.whenFlushed.empty() || state.writingNow || (!state.pending.empty() && !state.error)) {
+      return;
+    }
+    for (auto& done : std::exchange(state.whenFlushed, {})) {
+      boost::asio::post(get_executor(), [done = std::move(done), error = state.error] { done(error); });
+    }
+  }
+
+  void writeHeld() {
     auto& state = *state_;
     if (state.writingNow || state.pending.empty() || state.error) {
       return;
@@ -184,10 +201,7 @@ class CoalescingStream {
                                  flushSoon();
                                  return;
                                }
-                               auto waiting = std::move(state->whenFlushed);
-                               for (auto& done : waiting) {
-                                 done(state->error);
-                               }
+                               settle();
                              });
   }
 
