@@ -5,6 +5,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +17,9 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -47,6 +51,43 @@ struct EventLoop::Impl {
   std::vector<std::function<void()>> inbox;
   bool drainPosted = false;
 
+  // The poster wakes the loop through an eventfd of its own rather than
+  // through Asio's post, which wakes the loop while it holds the scheduler's
+  // lock: on a shared core the woken loop would pre-empt the poster and
+  // then block on that lock. The counter is read back with a read of
+  // exactly its size, which Asio tries at once when it re-arms and otherwise
+  // leaves waiting without touching the descriptor's registration. Without
+  // a working eventfd, Asio's post wakes the loop instead.
+  std::optional<asio::posix::stream_descriptor> wake;
+  std::atomic<bool> wakeWorks{false};
+  std::uint64_t wakeCount = 0;
+
+  Impl() {
+    const int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd >= 0) {
+      wake.emplace(context, fd);
+      wakeWorks = true;
+      awaitWake();
+    }
+  }
+
+  void awaitWake() {
+    wake->async_read_some(asio::buffer(&wakeCount, sizeof wakeCount),
+                          [this](const boost::system::error_code& error, std::size_t) {
+                            if (error == asio::error::operation_aborted) {
+                              return;
+                            }
+                            if (error) {
+                              // Posters see this before the inbox is next
+                              // free, so none of them waits on it in vain.
+                              wakeWorks = false;
+                            } else {
+                              awaitWake();
+                            }
+                            drain();
+                          });
+  }
+
   void postFromAnotherThread(std::function<void()> work) {
     {
       std::lock_guard lock(inboxMutex);
@@ -56,7 +97,12 @@ struct EventLoop::Impl {
       }
       drainPosted = true;
     }
-    asio::post(context, [this] { drain(); });
+    if (wakeWorks) {
+      const std::uint64_t one = 1;
+      [[maybe_unused]] const auto written = ::write(wake->native_handle(), &one, sizeof one);
+    } else {
+      asio::post(context, [this] { drain(); });
+    }
   }
 
   // Runs what was in the inbox when it starts; work that arrives meanwhile

@@ -6,6 +6,7 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "vantor/platform/DispatchWorkItem.hpp"
 
@@ -39,6 +40,43 @@ TEST(EventLoop, AsyncAfterRunsOnTheLoopUnlessCancelled) {
   EXPECT_TRUE(future.get());
   // Due earlier on the same loop, it would have run by now.
   EXPECT_FALSE(cancelledRan);
+}
+
+TEST(EventLoop, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
+  auto& loop = EventLoop::main();
+  constexpr int threads = 4;
+  constexpr int perThread = 20000;
+  // Touched only on the loop.
+  std::vector<int> next(threads, 0);
+  int outOfOrder = 0;
+  std::vector<std::thread> posters;
+  for (int t = 0; t < threads; ++t) {
+    posters.emplace_back([&, t] {
+      for (int i = 0; i < perThread; ++i) {
+        loop.post([&, t, i] {
+          outOfOrder += next[t] != i ? 1 : 0;
+          next[t] = i + 1;
+          if (i % 4999 == 0) {
+            // The loop is busy while the posters go on, and a throwing
+            // piece of work stops none after it.
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+            throw std::runtime_error("thrown on purpose");
+          }
+        });
+        if (i % 5000 == 0) {
+          // Caught up with, so the next post must wake an idle loop.
+          loop.sync([] {});
+        }
+      }
+    });
+  }
+  for (auto& poster : posters) {
+    poster.join();
+  }
+  // A lost wake-up would leave work behind for good: this would not return.
+  const auto [counts, disordered] = loop.sync([&] { return std::pair(next, outOfOrder); });
+  EXPECT_EQ(counts, std::vector<int>(threads, perThread));
+  EXPECT_EQ(disordered, 0);
 }
 
 TEST(EventLoopDeathTest, HostThreadModeMustBeChosenBeforeFirstUse) {
