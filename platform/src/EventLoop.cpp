@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -30,6 +32,14 @@ namespace asio = boost::asio;
 
 namespace {
 std::atomic<bool> mainInUse{false};
+
+// Sets the calling thread's policy: batch threads do not pre-empt the
+// running thread when they wake.
+void yieldOnWake(bool yields) {
+  const sched_param none{};
+  pthread_setschedparam(pthread_self(), yields ? SCHED_BATCH : SCHED_OTHER, &none);
+}
+
 std::atomic<bool> mainOnHostThread{false};
 // The thread that asked to run the main loop itself; it owns the loop even
 // before it calls run().
@@ -43,6 +53,7 @@ struct EventLoop::Impl {
   std::atomic<bool> stopped{false};
   std::atomic<bool> running{false};
   bool hostRun = false;
+  bool ownThread = false;  // set before the loop is shared
 
   // Work posted from other threads, run in order by one handler: a burst of
   // calls from an application thread costs the loop one wake-up and one
@@ -171,7 +182,9 @@ void EventLoop::useHostThreadForMain() {
 EventLoop::EventLoop(bool ownThread) : impl_(std::make_unique<Impl>()) {
   impl_->work.emplace(impl_->context.get_executor());
   if (ownThread) {
+    impl_->ownThread = true;
     impl_->thread = std::thread([impl = impl_.get()] {
+      yieldOnWake(true);
       impl->runLoop();
       OPENSSL_thread_stop();  // the thread's TLS state, before OpenSSL's exit clean-up
     });
@@ -250,6 +263,13 @@ void EventLoop::run() {
   impl_->runLoop();
   impl_->running = false;
   impl_->stopped = true;
+}
+
+void EventLoop::setYieldsOnWake(bool yields) {
+  if (!impl_->ownThread) {
+    return;  // run by the host: its thread is not ours to change
+  }
+  post([yields] { yieldOnWake(yields); });
 }
 
 void EventLoop::stop() {

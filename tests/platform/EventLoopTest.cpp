@@ -1,6 +1,7 @@
 #include "vantor/platform/EventLoop.hpp"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <atomic>
 #include <future>
@@ -77,6 +78,17 @@ TEST(EventLoop, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
   const auto [counts, disordered] = loop.sync([&] { return std::pair(next, outOfOrder); });
   EXPECT_EQ(counts, std::vector<int>(threads, perThread));
   EXPECT_EQ(disordered, 0);
+}
+
+TEST(EventLoop, ItsOwnThreadYieldsOnWakeUnlessTurnedOff) {
+  auto& loop = EventLoop::main();
+  EXPECT_EQ(loop.sync([] { return sched_getscheduler(0); }), SCHED_BATCH);
+  loop.setYieldsOnWake(false);
+  EXPECT_EQ(loop.sync([] { return sched_getscheduler(0); }), SCHED_OTHER);
+  loop.setYieldsOnWake(true);
+  EXPECT_EQ(loop.sync([] { return sched_getscheduler(0); }), SCHED_BATCH);
+  // The caller's own thread is left alone.
+  EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER);
 }
 
 TEST(EventLoopDeathTest, HostThreadModeMustBeChosenBeforeFirstUse) {
