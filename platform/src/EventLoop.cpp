@@ -32,6 +32,10 @@ namespace asio = boost::asio;
 
 namespace {
 std::atomic<bool> mainInUse{false};
+std::atomic<bool> mainOnHostThread{false};
+// The thread that asked to run the main loop itself; it owns the loop even
+// before it calls run().
+std::atomic<std::thread::id> mainHostThread{};
 
 // Sets the calling thread's policy: batch threads do not pre-empt the
 // running thread when they wake.
@@ -40,10 +44,20 @@ void yieldOnWake(bool yields) {
   pthread_setschedparam(pthread_self(), yields ? SCHED_BATCH : SCHED_OTHER, &none);
 }
 
-std::atomic<bool> mainOnHostThread{false};
-// The thread that asked to run the main loop itself; it owns the loop even
-// before it calls run().
-std::atomic<std::thread::id> mainHostThread{};
+// Runs `work`; an exception that escapes it is written to standard error,
+// so that one faulty callback cannot stall the library. True if none did.
+template <class F>
+bool runReportingEscapes(F&& work) {
+  try {
+    work();
+    return true;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "Uncaught exception on the event loop: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "Uncaught exception on the event loop\n");
+  }
+  return false;
+}
 }  // namespace
 
 struct EventLoop::Impl {
@@ -126,29 +140,15 @@ struct EventLoop::Impl {
       drainPosted = false;
     }
     for (auto& work : batch) {
-      try {
-        work();
-      } catch (const std::exception& e) {
-        std::fprintf(stderr, "Uncaught exception on the event loop: %s\n", e.what());
-      } catch (...) {
-        std::fprintf(stderr, "Uncaught exception on the event loop\n");
-      }
+      runReportingEscapes(work);
       work = nullptr;  // its captures go now, in order, as a handler's would
     }
   }
 
-  // Runs the loop until it is stopped; a handler's exception is reported and
-  // the loop carries on, so one faulty callback cannot stall the library.
+  // Runs the loop until it is stopped; after a handler's exception the loop
+  // carries on with the next handler.
   void runLoop() {
-    for (;;) {
-      try {
-        context.run();
-        return;
-      } catch (const std::exception& e) {
-        std::fprintf(stderr, "Uncaught exception on the event loop: %s\n", e.what());
-      } catch (...) {
-        std::fprintf(stderr, "Uncaught exception on the event loop\n");
-      }
+    while (!runReportingEscapes([this] { context.run(); })) {
     }
   }
 };

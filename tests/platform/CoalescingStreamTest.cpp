@@ -63,6 +63,29 @@ class CoalescingStreamTest : public ::testing::Test {
     return text;
   }
 
+  // Tears the stream down while the peer reads `size` bytes and then
+  // closes, as a server does; expects the teardown to finish. Returns what
+  // the peer read.
+  std::string tearDownWhilePeerReads(std::size_t size) {
+    bool tornDown = false;
+    async_teardown(boost::beast::role_type::client, stream, [&](error_code) { tornDown = true; });
+    std::string text(size, '\0');
+    const timeval wait{5, 0};  // a peer that never gets the bytes fails instead of hanging
+    setsockopt(peer.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+    std::thread peerSide([&] {
+      error_code ignored;
+      asio::read(peer, asio::buffer(text), ignored);
+      peer.close();
+    });
+    const auto limit = std::chrono::steady_clock::now() + 10s;
+    while (!tornDown && std::chrono::steady_clock::now() < limit) {
+      context.run_for(10ms);
+    }
+    peerSide.join();
+    EXPECT_TRUE(tornDown);
+    return text;
+  }
+
   void startReading() {
     stream.async_read_some(asio::buffer(readBuffer), [this](error_code error, std::size_t size) {
       readError = error;
@@ -124,25 +147,9 @@ TEST_F(CoalescingStreamTest, ABusyReaderHoldsBytesOnlySoLong) {
 
 TEST_F(CoalescingStreamTest, TeardownSendsWhatIsHeldBeforeClosing) {
   EXPECT_FALSE(write("close frame"));
-  bool tornDown = false;
-  async_teardown(boost::beast::role_type::client, stream, [&](error_code) { tornDown = true; });
   // The peer gets the held bytes and, as a server does, closes; only then
   // does the client's side finish.
-  std::string text(11, '\0');
-  const timeval wait{5, 0};  // a peer that never gets the bytes fails instead of hanging
-  setsockopt(peer.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  std::thread peerSide([&] {
-    error_code ignored;
-    asio::read(peer, asio::buffer(text), ignored);
-    peer.close();
-  });
-  const auto limit = std::chrono::steady_clock::now() + 10s;
-  while (!tornDown && std::chrono::steady_clock::now() < limit) {
-    context.run_for(10ms);
-  }
-  peerSide.join();
-  EXPECT_TRUE(tornDown);
-  EXPECT_EQ(text, "close frame");
+  EXPECT_EQ(tearDownWhilePeerReads(11), "close frame");
 }
 
 TEST_F(CoalescingStreamTest, TeardownWaitsForASendInFlightAndWhatFollowedIt) {
@@ -153,22 +160,7 @@ TEST_F(CoalescingStreamTest, TeardownWaitsForASendInFlightAndWhatFollowedIt) {
   EXPECT_FALSE(write(bulk));
   stream.setMaximumHold(std::chrono::hours(1));
   EXPECT_FALSE(write("tail"));
-  bool tornDown = false;
-  async_teardown(boost::beast::role_type::client, stream, [&](error_code) { tornDown = true; });
-  std::string text(bulk.size() + 4, '\0');
-  const timeval wait{5, 0};
-  setsockopt(peer.native_handle(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  std::thread peerSide([&] {
-    error_code ignored;
-    asio::read(peer, asio::buffer(text), ignored);
-    peer.close();
-  });
-  const auto limit = std::chrono::steady_clock::now() + 10s;
-  while (!tornDown && std::chrono::steady_clock::now() < limit) {
-    context.run_for(10ms);
-  }
-  peerSide.join();
-  EXPECT_TRUE(tornDown);
+  const auto text = tearDownWhilePeerReads(bulk.size() + 4);
   EXPECT_EQ(text.substr(bulk.size()), "tail");
   EXPECT_EQ(text.find_first_not_of('x'), bulk.size());
 }

@@ -104,14 +104,10 @@ class CoalescingStream {
   }
 
   /// Writes the held bytes now, then runs `done` with the first write error
-  /// (or none) once nothing is held or being written.
+  /// (or none) once nothing is held or being written; never within this call.
   void flushThen(std::function<void(boost::system::error_code)> done) {
-    flush();
-    if (!state_->writingNow) {
-      done(state_->error);
-      return;
-    }
     state_->whenFlushed.push_back(std::move(done));
+    flush();
   }
 
  private:
@@ -147,11 +143,12 @@ class CoalescingStream {
     settle();
   }
 
-  // Hands the waiters of `flushThen` their result once nothing is held or
-  // being written. Posted: this may run inside another operation's start.
+  // Hands the waiters of `flushThen` their result once no send is in
+  // flight: after a write attempt nothing is held then, or the send failed.
+  // Posted: this may run inside another operation's start.
   void settle() {
     auto& state = *state_;
-    if (state.whenFlushed.empty() || state.writingNow || (!state.pending.empty() && !state.error)) {
+    if (state.whenFlushed.empty() || state.writingNow) {
       return;
     }
     for (auto& done : std::exchange(state.whenFlushed, {})) {
