@@ -7,6 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <utility>
 
 #include "Transcript.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -90,12 +91,22 @@ int runInteractive(const InteractiveOptions& options) {
   if (options.verbose) {
     socket->setLogger([](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); });
   }
-  socket->onOpen([&] { out.say("socket", "connected to " + std::string(socket->endPointUrl().buffer())); });
+  // The socket reports a close for each failed attempt as well (its tear-down
+  // before the attempt, then the attempt's own); say it once per lost connection.
+  bool connected = false;
+  socket->onOpen([&] {
+    connected = true;
+    out.say("socket", "connected to " + std::string(socket->endPointUrl().buffer()));
+  });
   socket->onError([&](const TransportError& error, const std::optional<HttpResponse>& response) {
     out.say("socket", "error: " + error.description +
                           (response ? " (HTTP " + std::to_string(response->statusCode) + ")" : ""));
   });
-  socket->onClose([&] { out.say("socket", "closed; reconnecting unless you quit"); });
+  socket->onClose([&] {
+    if (std::exchange(connected, false)) {
+      out.say("socket", "closed; reconnecting unless you quit");
+    }
+  });
   socket->onMessage([&](const Message& message) {
     if (message.topic() == options.topic && message.event() != "phx_reply" &&
         message.event() != "presence_state" && message.event() != "presence_diff") {
