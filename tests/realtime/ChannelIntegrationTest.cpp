@@ -14,6 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::eventually;
 using testing::LogRecorder;
+using testing::Notes;
 using testing::socketFor;
 using testing::waitUntilConnected;
 using vantor::testing::PhoenixTestServer;
@@ -77,33 +78,17 @@ TEST_F(ChannelAgainstServer, ALateReplyReachesNobodyAndAResendIsAnsweredUnderIts
   auto channel = socket->channel("room:1");
   channel->join();
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  std::mutex mutex;
-  std::vector<std::string> seen;
-  auto note = [&](std::string what) {
-    return [&, what](const Message&) {
-      std::lock_guard lock(mutex);
-      seen.push_back(what);
-    };
-  };
+  Notes seen;
   auto slow = channel->push("delayed", {{"delay_ms", 200}}, 0.02);
-  slow->receive("ok", note("ok"))->receive("timeout", note("timeout"));
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(mutex);
-    return !seen.empty();
-  }));
+  slow->receive("ok", seen.adder("ok"))->receive("timeout", seen.adder("timeout"));
+  ASSERT_TRUE(eventually([&] { return seen.size() == 1; }));
   std::this_thread::sleep_for(300ms);  // the late reply arrives and reaches nobody
-  {
-    std::lock_guard lock(mutex);
-    EXPECT_THAT(seen, ElementsAre("timeout"));
-  }
+  EXPECT_THAT(seen.all(), ElementsAre("timeout"));
   auto firstRef = slow->ref();
   slow->resend(5.0);
   EXPECT_NE(slow->ref(), firstRef);
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(mutex);
-    return seen.size() == 2;
-  }));
-  EXPECT_EQ(seen.back(), "ok");
+  ASSERT_TRUE(eventually([&] { return seen.size() == 2; }));
+  EXPECT_THAT(seen.all(), ElementsAre("timeout", "ok"));
 }
 
 TEST_F(ChannelAgainstServer, OnlyACloseUnderTheCurrentJoinClosesAndUnregistersTheChannel) {
@@ -138,28 +123,21 @@ TEST_F(ChannelAgainstServer, AForbiddenJoinReportsTheReasonAndKeepsRetrying) {
   server.forbidTopic("room:secret", "no entry");
   socket->setRejoinAfter([](int) { return 0.02; });
   auto channel = socket->channel("room:secret");
-  std::mutex mutex;
-  std::vector<std::string> reasons;
+  Notes reasons;
   channel->join()->receive("error", [&](const Message& reply) {
-    std::lock_guard lock(mutex);
-    reasons.emplace_back(reply.payload().at("reason").as_string());
+    reasons.add(std::string(reply.payload().at("reason").as_string()));
   });
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(mutex);
-    return reasons.size() >= 2;
-  }));
-  EXPECT_EQ(reasons[0], "no entry");
+  ASSERT_TRUE(eventually([&] { return reasons.size() >= 2; }));
+  EXPECT_EQ(reasons.all()[0], "no entry");
   server.allowTopic("room:secret");
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
 }
 
 TEST_F(ChannelAgainstServer, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) {
   auto channel = socket->channel("room:1");
-  std::mutex mutex;
-  std::vector<std::string> reasons;
+  Notes reasons;
   channel->onClose([&](const Message& message) {
-    std::lock_guard lock(mutex);
-    reasons.emplace_back(message.payload().at("reason").as_string());
+    reasons.add(std::string(message.payload().at("reason").as_string()));
   });
   channel->join();
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
@@ -169,10 +147,7 @@ TEST_F(ChannelAgainstServer, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) 
   channel->leave();
   EXPECT_EQ(channel->state(), ChannelState::closed);
   EXPECT_TRUE(socket->channels().empty());
-  {
-    std::lock_guard lock(mutex);
-    EXPECT_THAT(reasons, ElementsAre("leave"));
-  }
+  EXPECT_THAT(reasons.all(), ElementsAre("leave"));
   socket->connect();
   ASSERT_TRUE(waitUntilConnected(socket));
   std::this_thread::sleep_for(50ms);

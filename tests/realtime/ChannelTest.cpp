@@ -3,8 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <mutex>
-
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
@@ -122,30 +120,18 @@ TEST_F(ChannelWithFakeTransport, TimeOutsFireByDeadlineWhateverTheOrderThePushes
   channel->join();
   joinOk(transport, channel);
 
-  std::mutex mutex;
-  std::vector<std::string> timedOut;
-  auto note = [&](const std::string& name) {
-    return [&, name](const Message&) {
-      std::lock_guard lock(mutex);
-      timedOut.push_back(name);
-    };
-  };
-  channel->push("a", {}, 0.6)->receive("timeout", note("a"));
-  channel->push("b", {}, 0.1)->receive("timeout", [&](const Message& message) {
-    note("b")(message);
-    channel->push("f", {}, 0.05)->receive("timeout", note("f"));
+  testing::Notes timedOut;
+  channel->push("a", {}, 0.6)->receive("timeout", timedOut.adder("a"));
+  channel->push("b", {}, 0.1)->receive("timeout", [&](const Message&) {
+    timedOut.add("b");
+    channel->push("f", {}, 0.05)->receive("timeout", timedOut.adder("f"));
   });
-  channel->push("c", {}, 0.3)->receive("timeout", note("c"));
-  channel->push("d", {}, 0.1)->receive("timeout", note("d"));
-  channel->push("e", {}, 0.3)->receive("timeout", note("e"));
+  channel->push("c", {}, 0.3)->receive("timeout", timedOut.adder("c"));
+  channel->push("d", {}, 0.1)->receive("timeout", timedOut.adder("d"));
+  channel->push("e", {}, 0.3)->receive("timeout", timedOut.adder("e"));
   reply(transport, lastFrame(transport, "c"), "ok");
-
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(mutex);
-    return timedOut.size() == 5;
-  }));
-  std::lock_guard lock(mutex);
-  EXPECT_THAT(timedOut, ElementsAre("b", "d", "f", "e", "a"));
+  ASSERT_TRUE(eventually([&] { return timedOut.size() == 5; }));
+  EXPECT_THAT(timedOut.all(), ElementsAre("b", "d", "f", "e", "a"));
 }
 
 TEST_F(ChannelWithFakeTransport, AJoinTimeOutSendsALeaveAndRetries) {

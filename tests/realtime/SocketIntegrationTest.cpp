@@ -43,24 +43,16 @@ TEST_F(SocketAgainstServer, ASilentServerIsLeftAtTheNextHeartbeatAndReconnected)
 
 TEST_F(SocketAgainstServer, DisconnectClosesOnceNeverReconnectsAndCanConnectAgain) {
   auto socket = socketFor(server, &log);
-  std::mutex mutex;
-  std::vector<std::string> order;
-  auto note = [&](std::string what) {
-    std::lock_guard lock(mutex);
-    order.push_back(std::move(what));
-  };
-  socket->onOpen([&] { note("open"); });
-  socket->onClose([&] { note("close"); });
+  testing::Notes order;
+  socket->onOpen(order.adder("open"));
+  socket->onClose(order.adder("close"));
   socket->connect();
   ASSERT_TRUE(waitUntilConnected(socket));
-  socket->disconnect(Socket::CloseCode::normal, [&] { note("callback"); });
+  socket->disconnect(Socket::CloseCode::normal, order.adder("callback"));
   ASSERT_TRUE(server.waitForOpenConnections(0, 10s));
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(server.connectParams().size(), 1U) << "no reconnect after disconnect";
-  {
-    std::lock_guard lock(mutex);
-    EXPECT_THAT(order, ElementsAre("open", "close", "callback"));
-  }
+  EXPECT_THAT(order.all(), ElementsAre("open", "close", "callback"));
   socket->connect();
   ASSERT_TRUE(waitUntilConnected(socket));
   EXPECT_EQ(server.connectParams().size(), 2U);
