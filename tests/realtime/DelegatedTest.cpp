@@ -75,40 +75,12 @@ TEST(SynchronizedArray, FilterIsASnapshotAndRemovalKeepsOrder) {
   for (int i = 0; i < 10; ++i) {
     array.append(i);
   }
-  auto even = array.filter([](int value) { return value % 2 == 0; });
-  EXPECT_EQ(even, (std::vector<int>{0, 2, 4, 6, 8}));
-
-  array.removeAll([](int value) { return value > 100; });
-  EXPECT_EQ(array.filter([](int) { return true; }).size(), 10U);
+  auto all = [](int) { return true; };
+  const auto before = array.filter(all);
   array.removeAll([](int value) { return value % 3 == 0; });
-  EXPECT_EQ(array.filter([](int) { return true; }), (std::vector<int>{1, 2, 4, 5, 7, 8}));
-  array.removeAll([](int) { return true; });
-  EXPECT_TRUE(array.filter([](int) { return true; }).empty());
-  EXPECT_EQ(even.size(), 5U) << "earlier snapshots are unaffected";
-}
-
-TEST(SynchronizedArray, EachThreadSeesItsOwnWritesWhileOthersWrite) {
-  SynchronizedArray<std::pair<int, int>> array;
-  std::atomic<int> misses{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 300; ++i) {
-        array.append({t, i});
-        auto mine = array.filter([&](const auto& entry) { return entry == std::pair{t, i}; });
-        if (mine.size() != 1) {
-          ++misses;
-        }
-        if (i % 3 == 0) {
-          array.removeAll([&](const auto& entry) { return entry.first == t && entry.second < i; });
-        }
-      }
-    });
-  }
-  for (auto& thread : threads) {
-    thread.join();
-  }
-  EXPECT_EQ(misses, 0);
+  EXPECT_EQ(array.filter(all), (std::vector<int>{1, 2, 4, 5, 7, 8}));
+  EXPECT_EQ(array.filter([](int value) { return value % 2 == 0; }), (std::vector<int>{2, 4, 8}));
+  EXPECT_EQ(before.size(), 10U) << "earlier snapshots are unaffected";
 }
 
 Binding numbered(std::string event, int ref, std::vector<int>* calls = nullptr) {
@@ -137,27 +109,6 @@ std::vector<int> callsOf(const ChannelBindings::ReplySnapshot& callbacks,
     callback.call(message);
   }
   return calls;
-}
-
-TEST(ChannelBindings, EachEventKeepsItsOrderAndASnapshotNeverChanges) {
-  ChannelBindings bindings;
-  for (int i = 0; i < 10; ++i) {
-    bindings.append(numbered(i % 2 == 0 ? "even" : "odd", i));
-  }
-  const auto even = bindings.group("even");
-  EXPECT_EQ(refsOf(even), (std::vector<int>{0, 2, 4, 6, 8}));
-  EXPECT_EQ(refsOf(bindings.group("odd")), (std::vector<int>{1, 3, 5, 7, 9}));
-  EXPECT_TRUE(bindings.group("none")->empty());
-
-  bindings.remove("even", 4);
-  bindings.append(numbered("even", 10));
-  EXPECT_EQ(refsOf(bindings.group("even")), (std::vector<int>{0, 2, 6, 8, 10}));
-  EXPECT_EQ(refsOf(even), (std::vector<int>{0, 2, 4, 6, 8})) << "earlier snapshots are unaffected";
-  bindings.remove("odd", 2);
-  EXPECT_EQ(refsOf(bindings.group("odd")), (std::vector<int>{1, 3, 5, 7, 9})) << "only the named event changes";
-  bindings.remove("odd", std::nullopt);
-  EXPECT_TRUE(bindings.group("odd")->empty());
-  EXPECT_EQ(bindings.size(), 5U);
 }
 
 TEST(ChannelBindings, ReplyEventsAreFiledByTheirNumberInOrder) {

@@ -35,23 +35,15 @@ TEST(ThreadSafety, HostThreadsUseTheClientWhileTheServerFloodsIt) {
   socket->connect();
   ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
 
-  std::atomic<bool> stop{false};
-  std::thread flood([&] {
-    for (int i = 0; !stop; ++i) {
+  // Stopped and joined when the test ends, however it ends.
+  std::jthread flood([&](const std::stop_token& stop) {
+    for (int i = 0; !stop.stop_requested(); ++i) {
       server.broadcast("room:flood", "broadcast", {{"i", i}});
       if (i % 50 == 0) {
         std::this_thread::sleep_for(1ms);
       }
     }
   });
-  struct StopFlood {
-    std::atomic<bool>& stop;
-    std::thread& flood;
-    ~StopFlood() {
-      stop = true;
-      flood.join();
-    }
-  } stopFlood{stop, flood};
 
   constexpr int pushesPerThread = 150;
   std::atomic<int> replies{0};

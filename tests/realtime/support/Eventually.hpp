@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -22,40 +23,39 @@ bool eventually(Predicate predicate, std::chrono::milliseconds limit = std::chro
   return true;
 }
 
-/// Collects a socket's log lines.
-class LogRecorder {
+/// Strings written down from any thread; read as copies.
+class Notes {
  public:
-  auto logger() {
-    return [this](const std::string& line) {
-      std::lock_guard lock(mutex_);
-      lines_.push_back(line);
-    };
-  }
-  std::vector<std::string> lines() const {
+  void add(std::string note) {
     std::lock_guard lock(mutex_);
-    return lines_;
+    notes_.push_back(std::move(note));
   }
-  bool contains(const std::string& line) const {
+  /// A callback, of any signature, that writes down `note`.
+  auto adder(std::string note) {
+    return [this, note](auto&&...) { add(note); };
+  }
+  std::vector<std::string> all() const {
     std::lock_guard lock(mutex_);
-    for (const auto& seen : lines_) {
-      if (seen == line) {
-        return true;
-      }
-    }
-    return false;
+    return notes_;
   }
-  std::size_t count(const std::string& line) const {
-    std::lock_guard lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& seen : lines_) {
-      n += seen == line ? 1 : 0;
-    }
-    return n;
+  std::size_t size() const { return all().size(); }
+  std::size_t count(const std::string& note) const {
+    auto notes = all();
+    return static_cast<std::size_t>(std::count(notes.begin(), notes.end(), note));
   }
+  bool contains(const std::string& note) const { return count(note) > 0; }
 
  private:
   mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
+  std::vector<std::string> notes_;
+};
+
+/// Collects a socket's log lines.
+class LogRecorder : public Notes {
+ public:
+  auto logger() {
+    return [this](const std::string& line) { add(line); };
+  }
 };
 
 }  // namespace vantor::realtime::testing

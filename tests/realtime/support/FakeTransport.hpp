@@ -115,14 +115,12 @@ class FakeTransport : public PhoenixTransport {
 struct FakeTransports {
   std::mutex mutex;
   std::vector<std::shared_ptr<FakeTransport>> made;
-  std::vector<std::string> urls;
 
   auto factory() {
-    return [this](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+    return [this](const boost::urls::url&) -> std::shared_ptr<PhoenixTransport> {
       auto transport = std::make_shared<FakeTransport>();
       std::lock_guard lock(mutex);
       made.push_back(transport);
-      urls.emplace_back(url.buffer());
       return transport;
     };
   }
