@@ -1,6 +1,7 @@
 // The account layer against a sign-in service that the test plays itself
-// (a loopback HTTP server): code exchange, ID token checks, numbers from the
-// network, redirects that are not the genuine one, refresh and revocation.
+// (a loopback HTTP server): the authorization URL, code exchange, ID token
+// checks, numbers from the network, redirects that are not the genuine one,
+// storage, refresh and revocation.
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
@@ -8,6 +9,7 @@
 #include <condition_variable>
 #include <future>
 #include <map>
+#include <tuple>
 
 #include <vantor/account/QMAccountConstants.hpp>
 #include <vantor/account/QMNotificationCenter.hpp>
@@ -34,13 +36,15 @@ class Credentials : public QMAccountWebServiceCredentialsProviderProtocol,
                     public QMAccountAppIdentifyingProtocol {
  public:
   std::vector<QMWebServiceClientCredentials> webServiceClientCredentials() const override {
-    return {QMWebServiceClientCredentials(clientId, "secret", redirectURI, std::nullopt,
+    return {QMWebServiceClientCredentials(clientId, "secret", redirectURI, state,
                                           QMWebServiceProvider::quelmoConnect,
                                           std::string(QMQuelmoConnectAccount::typeIdentifier),
                                           typeid(QMQuelmoConnectAccount))};
   }
   std::string appName() const override { return "Notes"; }
   std::string bundleIdentifier() const override { return "com.example.notes"; }
+
+  std::optional<std::string> state;  // the host's own, instead of a fresh one per sign-in
 };
 
 std::int64_t unixNow() {
@@ -87,8 +91,7 @@ class OAuthSignInTest : public ::testing::Test {
                                            {"authorization_endpoint", authorizationEndpoint_.value_or(base + "/authorize")},
                                            {"token_endpoint", base + "/token"},
                                            {"userinfo_endpoint", base + "/userinfo"},
-                                           {"revocation_endpoint", base + "/revoke"}}),
-              discoveryDelay_};
+                                           {"revocation_endpoint", base + "/revoke"}})};
     }
     if (path == "/token" && tokenAnswer_) {
       return tokenAnswer_(formOf(request.body));
@@ -129,6 +132,13 @@ class OAuthSignInTest : public ::testing::Test {
     configuration.requestTimeout = 5s;
     configuration.useSecretService = false;
     return configuration;
+  }
+
+  // The same store, as a freshly started application finds it.
+  std::shared_ptr<QMOAuthAccountManager> restarted() {
+    auto manager = QMOAuthAccountManager::make(discovered());
+    manager->setAppIdentifyingDelegate(&credentials_);
+    return manager;
   }
 
   void makeManager(QMOAuthServiceConfiguration configuration) {
@@ -209,7 +219,6 @@ class OAuthSignInTest : public ::testing::Test {
   int awaited_ = 0;
   std::string state_, nonce_, ignored_;
   std::optional<std::string> authorizationEndpoint_;
-  std::chrono::milliseconds discoveryDelay_{0};
   std::function<Response(const std::map<std::string, std::string>&)> tokenAnswer_;
   testing::ScratchDirectory scratch_{"vantor-oauth"};
   LoopbackHttpServer server_{[this](const Request& request) { return serve(request); }};
@@ -219,14 +228,8 @@ class OAuthSignInTest : public ::testing::Test {
   std::shared_ptr<QMQuelmoConnectAccount> account_;
 };
 
-TEST_F(OAuthSignInTest, EachIdTokenCheckRefusesWhatItGuardsAgainst) {
-  using Change = std::function<void(json::object&, json::object&)>;
-  struct Case {
-    const char* name;
-    Change change;
-    bool signsIn;
-  };
-  const std::vector<Case> cases{
+TEST_F(OAuthSignInTest, IdTokenChecksAndNumbersFromTheNetworkEndTheSignInOneWayOrTheOther) {
+  const std::vector<std::tuple<const char*, std::function<void(json::object&, json::object&)>, bool>> cases{
       {"genuine", {}, true},
       {"another issuer", [](auto& c, auto&) { c["iss"] = "http://127.0.0.1:1"; }, false},
       {"another audience", [](auto& c, auto&) { c["aud"] = "someone-else"; }, false},
@@ -244,13 +247,23 @@ TEST_F(OAuthSignInTest, EachIdTokenCheckRefusesWhatItGuardsAgainst) {
       {"another sign-in's nonce", [](auto& c, auto&) { c["nonce"] = "replayed"; }, false},
       // The userinfo endpoint would name alice: the ID token itself must.
       {"no subject", [](auto& c, auto&) { c.erase("sub"); }, false},
+      {"fractional lifetime", [](auto&, auto& r) { r["expires_in"] = 3599.5; }, true},
+      {"negative lifetime", [](auto&, auto& r) { r["expires_in"] = -5; }, false},
+      {"huge lifetime", [](auto&, auto& r) { r["expires_in"] = 1e300; }, false},
+      {"lifetime as text", [](auto&, auto& r) { r["expires_in"] = "3600"; }, false},
+      {"expiry beyond the clock", [](auto& c, auto&) { c["exp"] = std::int64_t{9'000'000'000'000'000'000}; }, false},
+      {"expiry far beyond the clock", [](auto& c, auto&) { c["exp"] = 1e300; }, false},
+      {"unsigned expiry", [](auto& c, auto&) { c["exp"] = std::uint64_t{18'000'000'000'000'000'000u}; }, false},
   };
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.name);
-    answerTokens([this, &test](const auto&) { return tokens(test.change); });
-    EXPECT_EQ(signIn(), test.signsIn);
+  for (const auto& [name, change, signsIn] : cases) {
+    SCOPED_TRACE(name);
+    answerTokens([this, &change = change](const auto&) { return tokens(change); });
+    EXPECT_EQ(signIn(), signsIn);
     if (!manager_->accounts().empty()) {
       EXPECT_EQ(account_->identifier(), "alice");
+      auto left = *account_->tokens().expiresAt - std::chrono::system_clock::now();
+      EXPECT_GT(left, 3500s);
+      EXPECT_LE(left, 3600s);
       manager_->removeAccount(account_);
     }
   }
@@ -273,34 +286,6 @@ TEST_F(OAuthSignInTest, IssuerIsCheckedWithExplicitEndpointsAndNoDiscovery) {
     EXPECT_EQ(account_->token().has_value(), signsIn);
   }
   EXPECT_EQ(requestsTo("/.well-known/openid-configuration"), 0);
-}
-
-TEST_F(OAuthSignInTest, NumbersFromTheNetworkEndTheSignInOneWayOrTheOther) {
-  struct Case {
-    const char* name;
-    std::function<void(json::object&, json::object&)> change;
-    bool signsIn;
-  };
-  const std::vector<Case> cases{
-      {"fractional lifetime", [](auto&, auto& r) { r["expires_in"] = 3599.5; }, true},
-      {"negative lifetime", [](auto&, auto& r) { r["expires_in"] = -5; }, false},
-      {"huge lifetime", [](auto&, auto& r) { r["expires_in"] = 1e300; }, false},
-      {"lifetime as text", [](auto&, auto& r) { r["expires_in"] = "3600"; }, false},
-      {"expiry beyond the clock", [](auto& c, auto&) { c["exp"] = std::int64_t{9'000'000'000'000'000'000}; }, false},
-      {"expiry far beyond the clock", [](auto& c, auto&) { c["exp"] = 1e300; }, false},
-      {"unsigned expiry", [](auto& c, auto&) { c["exp"] = std::uint64_t{18'000'000'000'000'000'000u}; }, false},
-  };
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.name);
-    answerTokens([this, &test](const auto&) { return tokens(test.change); });
-    EXPECT_EQ(signIn(), test.signsIn);
-    if (test.signsIn) {
-      auto left = *account_->tokens().expiresAt - std::chrono::system_clock::now();
-      EXPECT_GT(left, 3500s);
-      EXPECT_LE(left, 3600s);
-      manager_->removeAccount(account_);
-    }
-  }
 }
 
 TEST_F(OAuthSignInTest, OnlyTheGenuineRedirectCountsAndOnlyOnce) {
@@ -332,25 +317,31 @@ TEST_F(OAuthSignInTest, OnlyTheGenuineRedirectCountsAndOnlyOnce) {
   EXPECT_EQ(notifications(), 1);
 }
 
-TEST_F(OAuthSignInTest, DiscoveryLeavesTheEventLoopFree) {
-  {
-    std::lock_guard lock(mutex_);
-    discoveryDelay_ = 1500ms;
-  }
-  makeManager(discovered());
-  auto url = std::make_shared<std::promise<std::optional<std::string>>>();
-  auto found = url->get_future();
-  platform::EventLoop::main().sync([this, url] {
-    account_->webServiceAuthorizer()->authorizationURL(
-        [url](std::optional<std::string> page) { url->set_value(std::move(page)); });
-  });
-  ASSERT_TRUE(server_.waitForRequest("/.well-known/openid-configuration", 5s));
-  auto before = std::chrono::steady_clock::now();
-  platform::EventLoop::main().sync([] {});
-  EXPECT_LT(std::chrono::steady_clock::now() - before, 500ms) << "the loop waited for discovery";
-  EXPECT_EQ(found.wait_for(0s), std::future_status::timeout);
-  ASSERT_EQ(found.wait_for(10s), std::future_status::ready);
-  EXPECT_TRUE(found.get());
+TEST_F(OAuthSignInTest, AuthorizationURLCarriesAFreshStateAndPkcePerSignIn) {
+  auto configuration = withIssuer("https://accounts.example.test");
+  configuration.authorizationEndpoint = "https://accounts.example.test/authorize?tenant=7";
+  configuration.tokenEndpoint = "https://accounts.example.test/token";
+  configuration.deobfuscate = [](std::string_view text) { return std::string(text.rbegin(), text.rend()); };
+  makeManager(configuration);
+  auto queryOf = [this] {
+    auto url = authorizationURL().value_or("?");
+    return formOf(url.substr(url.find('?') + 1));
+  };
+  auto query = queryOf();
+  EXPECT_EQ(query["tenant"], "7") << "the endpoint's own query stays";
+  EXPECT_EQ(query["client_id"], "di-tneilc") << "de-obfuscated";
+  EXPECT_EQ(query["code_challenge_method"], "S256");
+  EXPECT_GE(query["state"].size(), 43u);
+  EXPECT_FALSE(query["nonce"].empty());
+  EXPECT_EQ(query.count("client_secret"), 0u);
+
+  auto again = queryOf();
+  EXPECT_NE(again["state"], query["state"]);
+  EXPECT_NE(again["code_challenge"], query["code_challenge"]);
+  EXPECT_NE(again["nonce"], query["nonce"]);
+
+  credentials_.state = "host-state";
+  EXPECT_EQ(queryOf()["state"], "host-state");
 }
 
 TEST_F(OAuthSignInTest, AuthorizationPageMustBeHttpsOrLoopback) {
@@ -393,10 +384,11 @@ TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
   EXPECT_EQ(account_->token(), "access-2");
   EXPECT_EQ(account_->refreshToken(), "refresh-1") << "kept when the answer has none";
   EXPECT_FALSE(account_->tokens().accessTokenExpired());
-  auto restarted = QMOAuthAccountManager::make(discovered());
-  restarted->setAppIdentifyingDelegate(&credentials_);
-  ASSERT_EQ(restarted->accounts().size(), 1u);
-  EXPECT_EQ(restarted->accounts()[0]->token(), "access-2") << "the renewed token is stored";
+  auto stored = restarted();
+  EXPECT_EQ(stored->storeFile(), scratch_.path() / "com.example.notes" / "accounts.json");
+  ASSERT_EQ(stored->accounts().size(), 1u);
+  EXPECT_EQ(stored->accounts()[0]->token(), "access-2") << "the renewed token is stored";
+  EXPECT_NE(stored->accounts()[0]->webServiceAuthorizer(), nullptr);
 
   answerTokens([](const auto&) { return Response{400, R"({"error":"invalid_grant"})"}; });
   std::promise<bool> refused;
@@ -411,10 +403,14 @@ TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
 TEST_F(OAuthSignInTest, RemovingAnAccountRevokesItsRefreshTokenWithoutWaiting) {
   answerTokens([this](const auto&) { return tokens(); });
   ASSERT_TRUE(signIn());
+  manager_->addAccount(account_);
+  EXPECT_EQ(manager_->accounts().size(), 1u) << "the same account again replaces itself";
   auto before = std::chrono::steady_clock::now();
   manager_->removeAccount(account_);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 1s) << "the service answers after 1.5 s";
   EXPECT_TRUE(manager_->accounts().empty());
+  EXPECT_TRUE(restarted()->accounts().empty());
+  EXPECT_EQ(account_->token(), std::nullopt) << "the removed account forgets its tokens";
   ASSERT_TRUE(server_.waitForRequest("/revoke", 5s));
   auto form = formOf(server_.requests().back().body);
   EXPECT_EQ(form["token"], "refresh-1");

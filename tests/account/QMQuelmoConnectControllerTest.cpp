@@ -138,14 +138,19 @@ TEST_F(QMQuelmoConnectControllerTest, LoadAndLoginIfNeededGoByTheStoredAccount) 
   EXPECT_EQ(promise.result()->value()->token(), "token-for-abc");
 }
 
-TEST_F(QMQuelmoConnectControllerTest, TheLatestLoginsHandlerIsCalledOnceOnTheLoop) {
+// A new login replaces the pending one: a replaced handler is never called,
+// a replaced promise is rejected, and only the latest gets the account.
+TEST_F(QMQuelmoConnectControllerTest, OnlyTheLatestLoginGetsTheAccountOnceOnTheLoop) {
   int first = 0;
   std::vector<Controller::LoginResult> results;
   controller().login([&first](const Controller::LoginResult&) { ++first; });
+  auto replaced = controller().login();
+  EXPECT_EQ(rejectionOf(replaced), std::nullopt) << "still pending";
   controller().login([&results](const Controller::LoginResult& result) {
     EXPECT_TRUE(EventLoop::main().isCurrentThread());
     results.push_back(result);
   });
+  EXPECT_EQ(rejectionOf(replaced), Error::notLoggedIn);
   controller().handleOAuthResponse(std::string(redirect) + "?code=abc");
   drainLoop();
   EXPECT_EQ(first, 0);
@@ -159,18 +164,15 @@ TEST_F(QMQuelmoConnectControllerTest, TheLatestLoginsHandlerIsCalledOnceOnTheLoo
   drainLoop();
   EXPECT_EQ(results.size(), 1u);
   EXPECT_EQ(willChangeCount_, 6);
-}
 
-TEST_F(QMQuelmoConnectControllerTest, AReplacedLoginPromiseIsRejectedWithNotLoggedIn) {
-  factory_->script(InMemoryAccountFactory::Outcome::signIn, "https://accounts.example.test/a");
-  auto replaced = controller().login();
-  auto latest = controller().login();
-  EXPECT_EQ(rejectionOf(replaced), Error::notLoggedIn);
-  EXPECT_EQ(latest.result(), std::nullopt);
-  controller().handleOAuthResponse(std::string(redirect) + "?code=abc");
-  drainLoop();
-  ASSERT_TRUE(latest.result() && latest.result()->isFulfilled());
-  EXPECT_EQ(latest.result()->value(), controller().account());
+  // objectWillChange is sent on the loop whichever thread calls.
+  std::atomic<int> offLoop{0};
+  boost::signals2::scoped_connection check = controller().objectWillChange().connect(
+      [&offLoop] { offLoop += EventLoop::main().isCurrentThread() ? 0 : 1; });
+  controller().load();
+  EventLoop::main().sync([] { controller().load(); });
+  EXPECT_EQ(willChangeCount_, 8);
+  EXPECT_EQ(offLoop, 0);
 }
 
 TEST_F(QMQuelmoConnectControllerTest, AnExpiredTokenIsRenewedBeforeTheAccountIsHandedOut) {
@@ -262,16 +264,6 @@ TEST_F(QMQuelmoConnectControllerTest, RedirectsGiveTheLastCodeOfTheRightService)
   drainLoop();
   EXPECT_EQ(calls, 1);
   EXPECT_TRUE(controller().isLoggedIn());
-}
-
-TEST_F(QMQuelmoConnectControllerTest, WillChangeIsSentOnTheLoopWhicheverThreadCalls) {
-  std::atomic<int> offLoop{0};
-  boost::signals2::scoped_connection check = controller().objectWillChange().connect(
-      [&offLoop] { offLoop += EventLoop::main().isCurrentThread() ? 0 : 1; });
-  controller().load();  // from the test's thread
-  EventLoop::main().sync([] { controller().load(); });
-  EXPECT_EQ(willChangeCount_, 2);
-  EXPECT_EQ(offLoop, 0);
 }
 
 }  // namespace

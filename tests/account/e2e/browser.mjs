@@ -1,8 +1,7 @@
 // Signs in through the provider's development pages in headless Chromium and
 // prints where the provider finally redirected the browser.
 //
-//   node browser.mjs --url AUTHORIZATION_URL --redirect-prefix PREFIX
-//                    [--login NAME] [--password TEXT] [--deny]
+//   node browser.mjs --url AUTHORIZATION_URL --redirect-prefix PREFIX [--login NAME] [--deny]
 //
 // Prints one line "REDIRECT <url>" and exits 0, or writes the problem to
 // standard error and exits 1. With --deny the user cancels on the consent
@@ -18,12 +17,10 @@ const { values: options } = parseArgs({
     url: { type: 'string' },
     'redirect-prefix': { type: 'string' },
     login: { type: 'string', default: 'alice' },
-    password: { type: 'string', default: 'any-password' },
     deny: { type: 'boolean', default: false },
-    timeout: { type: 'string', default: '60000' },
   },
 });
-const timeout = Number(options.timeout);
+const timeout = 60000;
 const prefix = options['redirect-prefix'];
 
 const profile = mkdtempSync(path.join(tmpdir(), 'vantor-signin-browser-'));
@@ -59,7 +56,7 @@ try {
 
   await page.goto(options.url);
   await page.fill('input[name="login"]', options.login);
-  await page.fill('input[name="password"]', options.password);
+  await page.fill('input[name="password"]', 'any-password');
   await page.click('button[type="submit"]');
   await page.waitForSelector('input[name="prompt"][value="consent"]', { state: 'attached' });
   if (options.deny) {

@@ -2,8 +2,7 @@
 // oidc-provider on plain http at 127.0.0.1, with its development login and
 // consent pages and one registered native client.
 //
-//   node provider.mjs --client-id ID --client-secret SECRET --redirect-uri URI
-//                     [--port N] [--token-status CODE]
+//   node provider.mjs --client-id ID --client-secret SECRET --redirect-uri URI [--token-status CODE]
 //
 // Prints one line "ISSUER <url>" once it listens. --token-status makes the
 // token endpoint answer every request with that HTTP status. It stops on
@@ -18,13 +17,12 @@ const { values: options } = parseArgs({
     'client-id': { type: 'string' },
     'client-secret': { type: 'string' },
     'redirect-uri': { type: 'string', multiple: true },
-    port: { type: 'string', default: '0' },
     'token-status': { type: 'string' },
   },
 });
 
 const server = http.createServer();
-await new Promise((resolve) => server.listen(Number(options.port), '127.0.0.1', resolve));
+await new Promise((resolve) => server.listen(0, '127.0.0.1', resolve));
 const issuer = `http://127.0.0.1:${server.address().port}`;
 
 const provider = new Provider(issuer, {
