@@ -1,6 +1,5 @@
 #include "vantor/testing/FaultProxy.hpp"
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -11,10 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdio>
 #include <deque>
 #include <functional>
-#include <future>
 #include <map>
 #include <thread>
 #include <utility>
@@ -66,7 +63,7 @@ class ProxyCore {
   // Declared first so that everything that refers to it goes before it.
   asio::io_context io_;
   FaultProxy::Options options_;
-  tcp::resolver::results_type target_;
+  tcp::endpoint target_;
   std::uint16_t port_ = 0;
   Faults faults_;
 
@@ -80,7 +77,6 @@ class ProxyCore {
 
  private:
   void accept();
-  void runLoop();
 
   tcp::acceptor acceptor_;
   std::uint64_t nextKey_ = 0;
@@ -104,20 +100,19 @@ class Link : public std::enable_shared_from_this<Link> {
         down_(server_, client_, false, core.io_) {}
 
   void start() {
-    asio::async_connect(server_, core_.target_,
-                        [self = shared_from_this()](error_code ec, const tcp::endpoint&) {
-                          if (self->ended_) {
-                            return;
-                          }
-                          if (ec) {
-                            return self->abort();
-                          }
-                          error_code ignored;
-                          self->server_.set_option(tcp::no_delay(true), ignored);
-                          self->connected_ = true;
-                          self->read(self->down_);
-                          self->pump(self->up_);
-                        });
+    server_.async_connect(core_.target_, [self = shared_from_this()](error_code ec) {
+      if (self->ended_) {
+        return;
+      }
+      if (ec) {
+        return self->abort();
+      }
+      error_code ignored;
+      self->server_.set_option(tcp::no_delay(true), ignored);
+      self->connected_ = true;
+      self->read(self->down_);
+      self->pump(self->up_);
+    });
     read(up_);
   }
 
@@ -293,17 +288,13 @@ class Link : public std::enable_shared_from_this<Link> {
 };
 
 ProxyCore::ProxyCore(FaultProxy::Options options)
-    : options_(std::move(options)), acceptor_(io_), work_(asio::make_work_guard(io_)) {
-  tcp::resolver resolver(io_);
-  target_ = resolver.resolve(options_.targetHost, std::to_string(options_.targetPort));
-  tcp::endpoint endpoint(asio::ip::make_address_v4("127.0.0.1"), 0);
-  acceptor_.open(endpoint.protocol());
-  acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  acceptor_.bind(endpoint);
-  acceptor_.listen();
-  port_ = acceptor_.local_endpoint().port();
+    : options_(options),
+      target_(asio::ip::make_address_v4("127.0.0.1"), options.targetPort),
+      acceptor_(io_),
+      work_(asio::make_work_guard(io_)) {
+  port_ = detail::listen(acceptor_, "127.0.0.1", 0);
   accept();
-  thread_ = std::thread([this] { runLoop(); });
+  thread_ = std::thread([this] { detail::runUntilStopped(io_, "FaultProxy"); });
 }
 
 void ProxyCore::stop() {
@@ -320,8 +311,6 @@ void ProxyCore::stop() {
   links_.clear();
   records_.update([](Records& r) { r.open = 0; });
 }
-
-void ProxyCore::runLoop() { detail::runUntilStopped(io_, "FaultProxy"); }
 
 void ProxyCore::accept() {
   acceptor_.async_accept([this](error_code ec, tcp::socket socket) {
@@ -362,14 +351,9 @@ void ProxyCore::ended(std::uint64_t key) {
 }
 
 void ProxyCore::execute(const std::function<void()>& work) {
-  if (stopped_) {
-    return;
+  if (!stopped_) {
+    detail::runOn(io_, work);
   }
-  if (io_.get_executor().running_in_this_thread()) {
-    work();
-    return;
-  }
-  detail::postAndWait(io_, work);
 }
 
 }  // namespace
@@ -388,13 +372,7 @@ void FaultProxy::stop() { impl_->stop(); }
 std::uint16_t FaultProxy::port() const { return impl_->port_; }
 
 std::string FaultProxy::url(std::string_view pathAndQuery) const {
-  std::string result = impl_->options_.tls ? "wss://localhost:" : "ws://127.0.0.1:";
-  result += std::to_string(port());
-  if (pathAndQuery.empty() || pathAndQuery.front() != '/') {
-    result += '/';
-  }
-  result += pathAndQuery;
-  return result;
+  return detail::url(impl_->options_.tls, "127.0.0.1", port(), pathAndQuery);
 }
 
 void FaultProxy::freeze() {

@@ -75,22 +75,13 @@ std::optional<std::string> presenceKey(const json::object& joinPayload) {
   if (userId->is_int64()) {
     return std::to_string(userId->as_int64());
   }
-  if (userId->is_uint64()) {
-    return std::to_string(userId->as_uint64());
-  }
   return std::nullopt;
 }
 
 std::chrono::milliseconds delayOf(const json::object& payload) {
   const auto* delay = payload.if_contains("delay_ms");
-  if (delay == nullptr || !delay->is_number()) {
-    return std::chrono::milliseconds(0);
-  }
-  boost::system::error_code ec;
-  auto ms = delay->to_number<double>(ec);
-  constexpr double kHour = 60.0 * 60 * 1000;  // keeps the conversion defined
-  return std::chrono::milliseconds(
-      ec || !(ms > 0) ? 0 : static_cast<std::int64_t>(std::min(ms, kHour)));
+  const auto* ms = delay != nullptr ? delay->if_int64() : nullptr;
+  return std::chrono::milliseconds(ms != nullptr ? std::clamp<std::int64_t>(*ms, 0, 3'600'000) : 0);
 }
 
 // Standard base64 without "=" padding, as the server reads auth tokens.
@@ -143,10 +134,9 @@ class PhoenixTestServer::Impl {
   void received(ConnectionId connection, const std::string& text);
   void closed(ConnectionId connection);
 
-  void endChannels(const std::string& topic, std::optional<ConnectionId> connection,
-                   std::string_view event);
-  void pushToMembers(const std::string& topic, std::optional<ConnectionId> connection,
-                     const std::string& event, const json::object& payload);
+  void endChannels(const std::string& topic, std::string_view event);
+  void pushToMembers(const std::string& topic, const std::string& event,
+                     const json::object& payload);
   void broadcast(const std::string& topic, std::string_view event, const json::object& payload);
   json::object presenceState(const std::string& topic) const;
 
@@ -207,7 +197,6 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.port = options_.port;
   wsOptions.echo = false;
   wsOptions.idleTimeout = options_.idleTimeout;
-  wsOptions.idleCloseCode = 1002;
   wsOptions.permessageDeflate = options_.compress;
   wsOptions.recordConnections = options_.recordConnections;
   wsOptions.hooks.chooseSubprotocol = [this](const std::string& offered) {
@@ -216,9 +205,6 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.hooks.screenHandshake = [this](const std::string& target) { return screen(target); };
   wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) { opened(c, target); };
   wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
-  wsOptions.hooks.onBinary = [this](ConnectionId c, const std::string&) {
-    trace(c, "<- ", "(binary frame, ignored)");
-  };
   wsOptions.hooks.onClosed = [this](ConnectionId c) { closed(c); };
   ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
 }
@@ -397,18 +383,11 @@ void PhoenixTestServer::Impl::join(const Frame& frame) {
     presence_[topic].push_back({phxRef, *key, meta});
     joins[*key] = json::object{{"metas", json::array{meta}}};
   }
-  auto sendState = [&] {
-    send(connection, frame.joinRef, std::nullopt, topic, "presence_state", presenceState(topic));
-  };
-  if (!options_.presenceDiffBeforeState) {
-    sendState();
-  }
+  // The own diff before the state, as real servers may deliver them.
   if (!joins.empty()) {
     sendPresenceDiff(topic, std::move(joins), {});
   }
-  if (options_.presenceDiffBeforeState) {
-    sendState();
-  }
+  send(connection, frame.joinRef, std::nullopt, topic, "presence_state", presenceState(topic));
 }
 
 void PhoenixTestServer::Impl::handleChannelEvent(const Frame& frame, const Membership& channel) {
@@ -464,25 +443,18 @@ void PhoenixTestServer::Impl::removeChannel(ConnectionId connection, const std::
   sendPresenceDiff(topic, {}, std::move(leaves));
 }
 
-void PhoenixTestServer::Impl::endChannels(const std::string& topic,
-                                          std::optional<ConnectionId> connection,
-                                          std::string_view event) {
+void PhoenixTestServer::Impl::endChannels(const std::string& topic, std::string_view event) {
   for (auto member : membersOf(topic)) {
-    if (!connection || *connection == member) {
-      auto joinRef = channels_[member][topic].joinRef;
-      send(member, joinRef, joinRef, topic, event, {});
-      removeChannel(member, topic);
-    }
+    auto joinRef = channels_[member][topic].joinRef;
+    send(member, joinRef, joinRef, topic, event, {});
+    removeChannel(member, topic);
   }
 }
 
-void PhoenixTestServer::Impl::pushToMembers(const std::string& topic,
-                                            std::optional<ConnectionId> connection,
-                                            const std::string& event, const json::object& payload) {
+void PhoenixTestServer::Impl::pushToMembers(const std::string& topic, const std::string& event,
+                                            const json::object& payload) {
   for (auto member : membersOf(topic)) {
-    if (!connection || *connection == member) {
-      send(member, channels_[member][topic].joinRef, std::nullopt, topic, event, payload);
-    }
+    send(member, channels_[member][topic].joinRef, std::nullopt, topic, event, payload);
   }
 }
 
@@ -644,14 +616,12 @@ bool PhoenixTestServer::waitForMembers(const std::string& topic, std::size_t cou
   });
 }
 
-void PhoenixTestServer::crashChannel(const std::string& topic,
-                                     std::optional<ConnectionId> connection) {
-  impl_->onServerDo([&] { impl_->endChannels(topic, connection, "phx_error"); });
+void PhoenixTestServer::crashChannel(const std::string& topic) {
+  impl_->onServerDo([&] { impl_->endChannels(topic, "phx_error"); });
 }
 
-void PhoenixTestServer::closeChannel(const std::string& topic,
-                                     std::optional<ConnectionId> connection) {
-  impl_->onServerDo([&] { impl_->endChannels(topic, connection, "phx_close"); });
+void PhoenixTestServer::closeChannel(const std::string& topic) {
+  impl_->onServerDo([&] { impl_->endChannels(topic, "phx_close"); });
 }
 
 void PhoenixTestServer::broadcast(const std::string& topic, const std::string& event,
@@ -660,8 +630,8 @@ void PhoenixTestServer::broadcast(const std::string& topic, const std::string& e
 }
 
 void PhoenixTestServer::push(const std::string& topic, const std::string& event,
-                             boost::json::object payload, std::optional<ConnectionId> connection) {
-  impl_->onServerDo([&] { impl_->pushToMembers(topic, connection, event, payload); });
+                             boost::json::object payload) {
+  impl_->onServerDo([&] { impl_->pushToMembers(topic, event, payload); });
 }
 
 void PhoenixTestServer::setHeartbeatReplies(bool answer) {
@@ -680,13 +650,7 @@ void PhoenixTestServer::closeAfterUpgrade(std::optional<std::uint16_t> code) {
 
 void PhoenixTestServer::acceptHandshakes() { impl_->ws().acceptHandshakes(); }
 
-void PhoenixTestServer::closeAndDrop(std::uint16_t code, std::optional<ConnectionId> connection) {
-  if (connection) {
-    impl_->ws().closeAndDropConnection(*connection, code);
-  } else {
-    impl_->ws().closeAndDrop(code);
-  }
-}
+void PhoenixTestServer::closeAndDrop(std::uint16_t code) { impl_->ws().closeAndDrop(code); }
 
 void PhoenixTestServer::shutDown() { impl_->ws().shutDown(1012); }
 
@@ -700,21 +664,9 @@ void PhoenixTestServer::closeWith(std::uint16_t code, std::string reason) {
   impl_->ws().closeWith(code, std::move(reason));
 }
 
-void PhoenixTestServer::sendRaw(std::string text, std::optional<ConnectionId> connection) {
-  if (connection) {
-    impl_->ws().sendTextTo(*connection, std::move(text));
-  } else {
-    impl_->ws().sendText(std::move(text));
-  }
-}
+void PhoenixTestServer::sendRaw(std::string text) { impl_->ws().sendText(std::move(text)); }
 
-void PhoenixTestServer::sendBinary(std::string bytes, std::optional<ConnectionId> connection) {
-  if (connection) {
-    impl_->ws().sendBinaryTo(*connection, std::move(bytes));
-  } else {
-    impl_->ws().sendBinary(std::move(bytes));
-  }
-}
+void PhoenixTestServer::sendBinary(std::string bytes) { impl_->ws().sendBinary(std::move(bytes)); }
 
 WebSocketTestServer& PhoenixTestServer::webSocket() { return impl_->ws(); }
 

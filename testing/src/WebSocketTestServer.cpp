@@ -17,9 +17,7 @@
 #include <array>
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
-#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -44,11 +42,9 @@ using ConnectionId = WebSocketTestServer::ConnectionId;
 // client does not hold a connection for the rest of the run.
 constexpr auto kHandshakeTimeout = std::chrono::seconds(10);
 constexpr std::size_t kMaxMessageSize = 1 << 20;
-// Frames queued to clients and not yet written, over all connections, above
-// which calls from test threads wait, for at most kBacklogWait. Keeps a
-// thread that floods the server from burying replies and heartbeat answers
-// under an ever longer queue; the bounded wait keeps a client that stopped
-// reading from stalling the test.
+// Frames queued and not yet written, over all connections, above which calls
+// from test threads wait (bounded, so a client that stopped reading cannot
+// stall the test).
 constexpr std::size_t kBacklogLimit = 256;
 constexpr auto kBacklogWait = std::chrono::seconds(2);
 
@@ -66,7 +62,6 @@ class Session;
 // so that the sessions, in this file's anonymous namespace, can name it.
 class ServerCore {
  public:
-  using Hooks = WebSocketTestServer::Hooks;
   using Options = WebSocketTestServer::Options;
   using CloseFrame = WebSocketTestServer::CloseFrame;
 
@@ -80,27 +75,21 @@ class ServerCore {
   void recordTarget(const std::string& target);
   std::optional<int> screen(const std::string& target);
   void opened(const std::shared_ptr<Session>& session, const std::string& target);
-  void textReceived(const std::shared_ptr<Session>& session, ConnectionId id, std::string text);
-  void binaryReceived(ConnectionId id, std::string bytes);
   void closeFrameReceived(ConnectionId id, const websocket::close_reason& reason);
   void finished(std::uint64_t key, std::optional<ConnectionId> id);
-
-  // Server thread only.
-  void forEachOpen(const std::function<void(Session&)>& action);
-  void withOpen(ConnectionId id, const std::function<void(Session&)>& action);
-
   void backlogChanged(std::ptrdiff_t delta);
-  // Closes the listener, `closeAndDrop(code)` on open connections, drops the rest.
-  void shutDown(std::uint16_t code);
 
-  // Any thread.
+  // Any thread: run on the server thread and wait.
   void execute(const std::function<void()>& work);
+  // On every open connection, or on `id` only.
+  void forOpen(const std::function<void(Session&)>& action);
+  void forOpen(ConnectionId id, const std::function<void(Session&)>& action);
+  void shutDown(std::uint16_t code);
 
   // Declared first so that it is destroyed after everything that refers to it.
   std::optional<ssl::context> tls_;
   asio::io_context io_;
   std::uint16_t port_ = 0;
-  std::string address_;
 
   // Server-thread state.
   bool echo_;
@@ -108,11 +97,7 @@ class ServerCore {
   bool stall_ = false;
   // Set: close each upgrade at once, with the code or (inner nullopt) a drop.
   std::optional<std::optional<std::uint16_t>> closeAfterUpgrade_;
-  std::optional<std::chrono::milliseconds> idleTimeout_;
-  std::uint16_t idleCloseCode_ = 1002;
-  bool permessageDeflate_ = false;
-  bool recordConnections_ = true;
-  Hooks hooks_;
+  Options options_;
   std::atomic<bool> stopped_{false};
 
   struct Records {
@@ -125,7 +110,6 @@ class ServerCore {
 
  private:
   void accept();
-  void runLoop();
 
   tcp::acceptor acceptor_;
   std::uint64_t nextKey_ = 0;
@@ -244,13 +228,13 @@ class StreamSession final : public Session {
     // open must find it registered, for example when a test closes it next.
     // Frames queued meanwhile wait for the upgrade to finish.
     auto closeAfterUpgrade = server_.closeAfterUpgrade_;
-    if (server_.permessageDeflate_) {
+    if (server_.options_.permessageDeflate) {
       websocket::permessage_deflate deflate;
       deflate.server_enable = true;
       ws_.set_option(deflate);
     }
-    if (server_.hooks_.chooseSubprotocol) {
-      auto answer = server_.hooks_.chooseSubprotocol(std::string(request[http::field::sec_websocket_protocol]));
+    if (const auto& choose = server_.options_.hooks.chooseSubprotocol) {
+      auto answer = choose(std::string(request[http::field::sec_websocket_protocol]));
       ws_.set_option(websocket::stream_base::decorator([answer](websocket::response_type& response) {
         if (answer) {
           response.set(http::field::sec_websocket_protocol, *answer);
@@ -289,15 +273,15 @@ class StreamSession final : public Session {
 
   // (Re)starts the idle time-out; every frame that arrives calls it.
   void armIdleTimer() {
-    if (!server_.idleTimeout_ || finished_) {
+    if (!server_.options_.idleTimeout || finished_) {
       return;
     }
-    idle_.expires_after(*server_.idleTimeout_);
+    idle_.expires_after(*server_.options_.idleTimeout);
     idle_.async_wait([self = self(), generation = ++idleGeneration_](beast::error_code ec) {
       if (ec || generation != self->idleGeneration_ || self->finished_) {
         return;
       }
-      self->enqueue({Outgoing::Kind::closeAndDrop, {}, self->server_.idleCloseCode_});
+      self->enqueue({Outgoing::Kind::closeAndDrop, {}, 1002});
     });
   }
 
@@ -325,10 +309,13 @@ class StreamSession final : public Session {
       auto data = beast::buffers_to_string(self->readBuffer_.data());
       self->readBuffer_.consume(self->readBuffer_.size());
       self->armIdleTimer();
-      if (self->ws_.got_text()) {
-        self->server_.textReceived(self, *self->id, std::move(data));
-      } else {
-        self->server_.binaryReceived(*self->id, std::move(data));
+      if (self->ws_.got_text()) {  // binary frames are ignored
+        if (self->server_.echo_) {
+          self->enqueue({Outgoing::Kind::text, data});
+        }
+        if (const auto& onText = self->server_.options_.hooks.onText) {
+          onText(*self->id, data);
+        }
       }
       self->readNext();
     });
@@ -410,30 +397,17 @@ using PlainSession = StreamSession<beast::tcp_stream>;
 using TlsSession = StreamSession<ssl::stream<beast::tcp_stream>>;
 
 ServerCore::ServerCore(Options options)
-    : echo_(options.echo),
-      idleTimeout_(options.idleTimeout),
-      idleCloseCode_(options.idleCloseCode),
-      permessageDeflate_(options.permessageDeflate),
-      recordConnections_(options.recordConnections),
-      hooks_(std::move(options.hooks)),
-      acceptor_(io_),
-      work_(asio::make_work_guard(io_)) {
-  if (options.tls) {
+    : echo_(options.echo), options_(std::move(options)), acceptor_(io_), work_(asio::make_work_guard(io_)) {
+  if (options_.tls) {
     tls_.emplace(ssl::context::tls_server);
     tls_->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                       ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1);
-    tls_->use_certificate_chain(asio::buffer(options.tls->serverCertificatePem));
-    tls_->use_private_key(asio::buffer(options.tls->serverPrivateKeyPem), ssl::context::pem);
+    tls_->use_certificate_chain(asio::buffer(options_.tls->serverCertificatePem));
+    tls_->use_private_key(asio::buffer(options_.tls->serverPrivateKeyPem), ssl::context::pem);
   }
-  address_ = options.address;
-  tcp::endpoint endpoint(asio::ip::make_address_v4(address_), options.port);
-  acceptor_.open(endpoint.protocol());
-  acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  acceptor_.bind(endpoint);
-  acceptor_.listen();
-  port_ = acceptor_.local_endpoint().port();
+  port_ = detail::listen(acceptor_, options_.address, options_.port);
   accept();
-  thread_ = std::thread([this] { runLoop(); });
+  thread_ = std::thread([this] { detail::runUntilStopped(io_, "WebSocketTestServer"); });
 }
 
 void ServerCore::stop() {
@@ -456,8 +430,6 @@ void ServerCore::stop() {
   sessions_.clear();
   records_.update([](Records& r) { r.open = 0; });
 }
-
-void ServerCore::runLoop() { detail::runUntilStopped(io_, "WebSocketTestServer"); }
 
 void ServerCore::accept() {
   acceptor_.async_accept([this](beast::error_code ec, tcp::socket socket) {
@@ -483,7 +455,7 @@ void ServerCore::accept() {
 }
 
 void ServerCore::recordTarget(const std::string& target) {
-  if (!recordConnections_) {
+  if (!options_.recordConnections) {
     return;
   }
   records_.update([&](Records& r) { r.targets.push_back(target); });
@@ -493,8 +465,8 @@ std::optional<int> ServerCore::screen(const std::string& target) {
   if (refusal_) {
     return refusal_;
   }
-  if (hooks_.screenHandshake) {
-    return hooks_.screenHandshake(target);
+  if (options_.hooks.screenHandshake) {
+    return options_.hooks.screenHandshake(target);
   }
   return std::nullopt;
 }
@@ -507,29 +479,13 @@ void ServerCore::opened(const std::shared_ptr<Session>& session, const std::stri
     ++r.connections;
     ++r.open;
   });
-  if (hooks_.onOpen) {
-    hooks_.onOpen(id, target);
-  }
-}
-
-void ServerCore::textReceived(const std::shared_ptr<Session>& session, ConnectionId id,
-                              std::string text) {
-  if (echo_) {
-    session->enqueue({Outgoing::Kind::text, text});
-  }
-  if (hooks_.onText) {
-    hooks_.onText(id, text);
-  }
-}
-
-void ServerCore::binaryReceived(ConnectionId id, std::string bytes) {
-  if (hooks_.onBinary) {
-    hooks_.onBinary(id, bytes);
+  if (options_.hooks.onOpen) {
+    options_.hooks.onOpen(id, target);
   }
 }
 
 void ServerCore::closeFrameReceived(ConnectionId id, const websocket::close_reason& reason) {
-  if (!recordConnections_) {
+  if (!options_.recordConnections) {
     return;
   }
   records_.update([&](Records& r) {
@@ -546,47 +502,53 @@ void ServerCore::finished(std::uint64_t key, std::optional<ConnectionId> id) {
   open_.erase(*id);
   // Hook first, so that a test waiting for the count to drop also sees what
   // the hook did.
-  if (hooks_.onClosed) {
-    hooks_.onClosed(*id);
+  if (options_.hooks.onClosed) {
+    options_.hooks.onClosed(*id);
   }
   records_.update([](Records& r) { --r.open; });
 }
 
-void ServerCore::forEachOpen(const std::function<void(Session&)>& action) {
-  // Copy first: an action may end a connection and so change the map.
-  std::vector<std::shared_ptr<Session>> sessions;
-  for (auto& [id, weak] : open_) {
-    if (auto session = weak.lock()) {
-      sessions.push_back(std::move(session));
+void ServerCore::forOpen(const std::function<void(Session&)>& action) {
+  execute([&] {
+    // Copy first: an action may end a connection and so change the map.
+    std::vector<std::shared_ptr<Session>> sessions;
+    for (auto& [id, weak] : open_) {
+      if (auto session = weak.lock()) {
+        sessions.push_back(std::move(session));
+      }
     }
-  }
-  for (auto& session : sessions) {
-    action(*session);
-  }
-}
-
-void ServerCore::withOpen(ConnectionId id, const std::function<void(Session&)>& action) {
-  if (auto it = open_.find(id); it != open_.end()) {
-    if (auto session = it->second.lock()) {
+    for (auto& session : sessions) {
       action(*session);
     }
-  }
+  });
+}
+
+void ServerCore::forOpen(ConnectionId id, const std::function<void(Session&)>& action) {
+  execute([&] {
+    if (auto it = open_.find(id); it != open_.end()) {
+      if (auto session = it->second.lock()) {
+        action(*session);
+      }
+    }
+  });
 }
 
 void ServerCore::shutDown(std::uint16_t code) {
-  beast::error_code ignored;
-  acceptor_.close(ignored);
-  std::vector<std::shared_ptr<Session>> sessions;
-  for (auto& [key, session] : sessions_) {
-    sessions.push_back(session);
-  }
-  for (auto& session : sessions) {
-    if (session->id) {
-      session->enqueue({Outgoing::Kind::closeAndDrop, {}, code});
-    } else {
-      session->drop();
+  execute([&] {
+    beast::error_code ignored;
+    acceptor_.close(ignored);
+    std::vector<std::shared_ptr<Session>> sessions;
+    for (auto& [key, session] : sessions_) {
+      sessions.push_back(session);
     }
-  }
+    for (auto& session : sessions) {
+      if (session->id) {
+        session->enqueue({Outgoing::Kind::closeAndDrop, {}, code});
+      } else {
+        session->drop();
+      }
+    }
+  });
 }
 
 void ServerCore::backlogChanged(std::ptrdiff_t delta) {
@@ -605,15 +567,11 @@ void ServerCore::execute(const std::function<void()>& work) {
   if (stopped_) {
     return;
   }
-  if (io_.get_executor().running_in_this_thread()) {
-    work();
-    return;
-  }
-  {
+  if (!io_.get_executor().running_in_this_thread()) {
     std::unique_lock lock(backlogMutex_);
     backlogDrained_.wait_for(lock, kBacklogWait, [&] { return backlog_ < kBacklogLimit; });
   }
-  detail::postAndWait(io_, work);
+  detail::runOn(io_, work);
 }
 
 }  // namespace
@@ -634,18 +592,8 @@ void WebSocketTestServer::stop() { impl_->stop(); }
 
 std::uint16_t WebSocketTestServer::port() const { return impl_->port_; }
 
-
 std::string WebSocketTestServer::url(std::string_view pathAndQuery) const {
-  const auto& address = impl_->address_;
-  std::string result = !impl_->tls_              ? "ws://" + address + ":"
-                       : address == "127.0.0.1" ? std::string("wss://localhost:")
-                                                : "wss://" + address + ":";
-  result += std::to_string(port());
-  if (pathAndQuery.empty() || pathAndQuery.front() != '/') {
-    result += '/';
-  }
-  result += pathAndQuery;
-  return result;
+  return detail::url(impl_->tls_.has_value(), impl_->options_.address, port(), pathAndQuery);
 }
 
 void WebSocketTestServer::setEcho(bool echo) {
@@ -691,72 +639,39 @@ std::size_t WebSocketTestServer::connectionCount() const {
 }
 
 void WebSocketTestServer::sendText(std::string text) {
-  impl_->execute([&] {
-    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::text, text}); });
-  });
+  impl_->forOpen([&](Session& s) { s.enqueue({Outgoing::Kind::text, text}); });
 }
 
 void WebSocketTestServer::sendBinary(std::string bytes) {
-  impl_->execute([&] {
-    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::binary, bytes}); });
-  });
+  impl_->forOpen([&](Session& s) { s.enqueue({Outgoing::Kind::binary, bytes}); });
 }
 
 void WebSocketTestServer::closeWith(std::uint16_t code, std::string reason) {
-  impl_->execute([&] {
-    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::close, reason, code}); });
-  });
+  impl_->forOpen([&](Session& s) { s.enqueue({Outgoing::Kind::close, reason, code}); });
 }
 
 void WebSocketTestServer::dropConnections() {
-  impl_->execute([&] { impl_->forEachOpen([](Session& s) { s.drop(); }); });
+  impl_->forOpen([](Session& s) { s.drop(); });
 }
 
 void WebSocketTestServer::closeAndDrop(std::uint16_t code) {
-  impl_->execute([&] {
-    impl_->forEachOpen([&](Session& s) { s.enqueue({Outgoing::Kind::closeAndDrop, {}, code}); });
-  });
+  impl_->forOpen([&](Session& s) { s.enqueue({Outgoing::Kind::closeAndDrop, {}, code}); });
 }
 
-void WebSocketTestServer::shutDown(std::uint16_t code) {
-  impl_->execute([&] { impl_->shutDown(code); });
-}
+void WebSocketTestServer::shutDown(std::uint16_t code) { impl_->shutDown(code); }
 
 void WebSocketTestServer::sendTextTo(ConnectionId connection, std::string text) {
-  impl_->execute([&] {
-    impl_->withOpen(connection, [&](Session& s) {
-      s.enqueue({Outgoing::Kind::text, std::move(text)});
-    });
-  });
-}
-
-void WebSocketTestServer::sendBinaryTo(ConnectionId connection, std::string bytes) {
-  impl_->execute([&] {
-    impl_->withOpen(connection, [&](Session& s) {
-      s.enqueue({Outgoing::Kind::binary, std::move(bytes)});
-    });
-  });
+  impl_->forOpen(connection, [&](Session& s) { s.enqueue({Outgoing::Kind::text, std::move(text)}); });
 }
 
 void WebSocketTestServer::dropConnection(ConnectionId connection) {
-  impl_->execute([&] { impl_->withOpen(connection, [](Session& s) { s.drop(); }); });
+  impl_->forOpen(connection, [](Session& s) { s.drop(); });
 }
 
 void WebSocketTestServer::closeConnectionWith(ConnectionId connection, std::uint16_t code,
                                               std::string reason) {
-  impl_->execute([&] {
-    impl_->withOpen(connection, [&](Session& s) {
-      s.enqueue({Outgoing::Kind::close, std::move(reason), code});
-    });
-  });
-}
-
-void WebSocketTestServer::closeAndDropConnection(ConnectionId connection, std::uint16_t code) {
-  impl_->execute([&] {
-    impl_->withOpen(connection, [&](Session& s) {
-      s.enqueue({Outgoing::Kind::closeAndDrop, {}, code});
-    });
-  });
+  impl_->forOpen(connection,
+                [&](Session& s) { s.enqueue({Outgoing::Kind::close, std::move(reason), code}); });
 }
 
 std::vector<WebSocketTestServer::CloseFrame> WebSocketTestServer::receivedCloseFrames() const {

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,43 +10,23 @@
 
 #include "vantor/testing/PhoenixTestServer.hpp"
 
-namespace {
-
-void usage() {
-  std::fprintf(stderr,
-               "usage: vantor-test-server [--port N] [--idle-timeout SECONDS] [--quiet]\n"
-               "Serves the channel protocol on 127.0.0.1 until Ctrl-C. Clients connect to the\n"
-               "printed endpoint (they append /websocket). Frames are traced to stdout unless\n"
-               "--quiet. Events: echo, fail, delayed {delay_ms}, noreply, broadcast, push_back.\n"
-               "A connection silent for --idle-timeout seconds (default 60) is closed with 1002.\n");
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
   vantor::testing::PhoenixTestServer::Options options;
   bool quiet = false;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
-      char* end = nullptr;
-      auto port = std::strtoul(argv[++i], &end, 10);
-      if (*end != '\0' || port > 65535) {
-        usage();
-        return 2;
-      }
-      options.port = static_cast<std::uint16_t>(port);
-    } else if (std::strcmp(argv[i], "--idle-timeout") == 0 && i + 1 < argc) {
-      char* end = nullptr;
-      auto seconds = std::strtoul(argv[++i], &end, 10);
-      if (*end != '\0' || seconds == 0 || seconds > 24UL * 60 * 60) {
-        usage();
-        return 2;
-      }
-      options.idleTimeout = std::chrono::seconds(seconds);
-    } else if (std::strcmp(argv[i], "--quiet") == 0) {
+    char* end = nullptr;
+    const bool portGiven = std::strcmp(argv[i], "--port") == 0 && i + 1 < argc;
+    const auto port = portGiven ? std::strtoul(argv[++i], &end, 10) : 0;
+    if (std::strcmp(argv[i], "--quiet") == 0) {
       quiet = true;
+    } else if (portGiven && *end == '\0' && port <= 65535) {
+      options.port = static_cast<std::uint16_t>(port);
     } else {
-      usage();
+      std::fprintf(stderr,
+                   "usage: vantor-test-server [--port N] [--quiet]\n"
+                   "Serves the channel protocol on 127.0.0.1 until Ctrl-C; clients connect to the\n"
+                   "printed endpoint. Events: echo, fail, delayed {delay_ms}, noreply, broadcast,\n"
+                   "push_back. Frames are traced to stdout unless --quiet.\n");
       return 2;
     }
   }

@@ -96,7 +96,7 @@ TEST(PresenceAgainstServer, ClientsAgreeThroughJoinsLeavesADropAndARejoin) {
 }
 
 TEST(PresenceAgainstServer, ADiffBeforeTheSnapshotIsAppliedAfterItWithOneSync) {
-  PhoenixTestServer server(PhoenixTestServer::Options{.presenceDiffBeforeState = true});
+  PhoenixTestServer server;  // sends the own diff before the snapshot
   User alice(server, "alice");
   ASSERT_TRUE(allSee({&alice}, Counts{{"alice", 1}}));
   EXPECT_EQ(alice.syncs, 1) << "the held diff is applied with the snapshot, one sync for both";

@@ -19,83 +19,46 @@
 namespace vantor::testing {
 
 /// A loopback server that plays the server side of the Phoenix Channels
-/// protocol (JSON serializer "2.0.0": every frame is the array
-/// [join_ref, ref, topic, event, payload], null for an absent reference),
-/// with channels and presence, for tests and demos.
+/// protocol (serializer "2.0.0": every frame is [join_ref, ref, topic, event,
+/// payload], null for an absent reference), with channels and presence.
 ///
-/// Endpoint: clients connect to `url()` ("/socket") with "/websocket" appended and the
-/// query `vsn=2.0.0&<params>`. Another path is refused with HTTP 404, a
-/// missing or other `vsn` with HTTP 400. The query parameters of each
-/// accepted connection are kept (`connectParams()`).
+/// Clients connect to `url()` + "/websocket?vsn=2.0.0&<params>"; another path
+/// gets HTTP 404, another or no `vsn` HTTP 400.
 ///
-/// What the server answers:
-/// - "heartbeat" on topic "phoenix": [null, ref, "phoenix", "phx_reply",
-///   {"status":"ok","response":{}}], unless `setHeartbeatReplies(false)`.
-/// - "phx_join": the ok reply [join_ref, ref, topic, "phx_reply",
-///   {"status":"ok","response":{}}]; for a topic marked with `forbidTopic`
-///   an "error" reply with {"reason": reason}. Joining a topic that the
-///   connection has already joined replaces the older channel: the new
-///   join's reply comes first, then [old_join_ref, old_join_ref, topic,
-///   "phx_close", {}] for the older one.
-/// - "phx_leave": the ok reply, then [join_ref, join_ref, topic, "phx_close",
-///   {}]. A leave for a topic that the connection has not joined gets an ok
-///   reply only (the client may have raced a server-side close); a leave
-///   that carries an older join ref than the current channel's is ignored.
-/// - Any other event on a topic that the connection has not joined:
-///   [null, ref, topic, "phx_reply", {"status":"error",
-///   "response":{"reason":"unmatched topic"}}].
-/// - Events on a joined channel, replies carry the channel's join ref:
-///   - "echo": ok reply whose response is the payload;
-///   - "fail": "error" reply whose response is the payload;
-///   - "delayed": ok reply with the payload after payload["delay_ms"]
-///     milliseconds (0 when absent), if the channel still exists by then;
-///   - "noreply": no reply at all;
-///   - "broadcast": [null, null, topic, "broadcast", payload] to every member
-///     of the topic on every connection, the sender included; no reply;
-///   - "push_back": [join_ref, null, topic, "pushed", payload] to the sender
-///     only; no reply;
-///   - any other event: ok reply with an empty response.
+/// Answers:
+/// - "heartbeat" on "phoenix": an ok reply, unless `setHeartbeatReplies(false)`.
+/// - "phx_join": an ok reply, or for a `forbidTopic` topic an "error" reply
+///   {"reason": reason}. Joining a joined topic replaces the older channel:
+///   the new reply first, then "phx_close" for the older join ref.
+/// - "phx_leave": an ok reply, then "phx_close". A leave of a topic not joined
+///   gets an ok reply only (it may have raced a server-side close); one with
+///   an older join ref than the current channel's is ignored.
+/// - Another event on a topic not joined: an "error" reply
+///   {"reason":"unmatched topic"} with a null join ref.
+/// - On a joined channel: "echo" replies ok with the payload, "fail" replies
+///   "error" with it, "delayed" replies ok after payload["delay_ms"] if the
+///   channel still exists, "noreply" gets nothing, "broadcast" goes to every
+///   member (sender included) without a reply, "push_back" comes back as
+///   "pushed" to the sender only; anything else gets an empty ok reply.
 ///
-/// Presence (unless `Options::presence` is false): a member whose join
-/// payload has "user_id" (a string, or an integer taken as its decimal text)
-/// is tracked under that key; one meta per join, {"phx_ref": unique string}
-/// plus the fields of the join payload's "presence_meta" object, if any. A
-/// user on two connections has two metas. Right after every successful join
-/// reply the joining member gets [join_ref, null, topic, "presence_state",
-/// state], and when a tracked member comes or goes (join, leave, channel
-/// crash or close, dropped connection) every current member of the topic
-/// gets [null, null, topic, "presence_diff", {"joins":{...},"leaves":{...}}].
-/// The joining member receives its own join diff too, before its
-/// "presence_state" (as real servers may deliver them); with
-/// `presenceDiffBeforeState = false` after it.
+/// Presence (unless `Options::presence` is false): a join whose payload has
+/// "user_id" (string or integer) is tracked under it with one meta per join,
+/// {"phx_ref": unique} plus the join's "presence_meta" fields. Each member
+/// that comes or goes (join, leave, crash, close, dropped connection) makes a
+/// "presence_diff" to every member of the topic. After each ok join reply the
+/// member gets "presence_state", preceded by its own diff when tracked.
 ///
-/// Broadcasts and presence diffs carry a null join ref; pushes to one member
-/// ("pushed", `push`, "presence_state") carry its join ref; "phx_error" and
-/// "phx_close" are [join_ref, join_ref, topic, event, {}].
+/// Broadcasts and presence diffs carry a null join ref, pushes to one member
+/// its join ref; "phx_error" and "phx_close" are [join_ref, join_ref, topic,
+/// event, {}].
 ///
-/// Closing codes, as real servers send them:
-/// - 1002 when a connection sent no frame at all for `Options::idleTimeout`
-///   (60 s by default): a close frame, then the TCP connection is dropped
-///   without waiting for the answer;
-/// - 1011 after a text frame that is not JSON or not a 5-element array of
-///   the right element types: a close handshake;
-/// - 1012 from `shutDown()`.
-/// A binary frame is ignored; the connection stays up.
+/// Closes as real servers do: 1002 (a close frame, then TCP dropped) after
+/// `Options::idleTimeout` without any frame; 1011 after a text frame that is
+/// not a well-formed frame; 1012 from `shutDown()`. Binary frames are ignored.
 ///
-/// Connections are numbered 0, 1, 2 ... in the order in which they opened,
-/// the same numbers as `Frame::connection`, the index in `connectParams()`
-/// and the ids of the raw `webSocket()` layer.
-///
-/// Threads: the server runs on the thread of its `WebSocketTestServer`. The
-/// `trace` callback runs on that thread.
-///
-/// Thread safety: every public member may be called from any thread; calls
-/// are carried onto the server thread and return once the server has acted
-/// (frames queued, sockets closed), not once the client has seen it. The
-/// destructor must not race with other calls. Making and destroying many
-/// servers in one process is fine. Calls wait briefly while clients are far
-/// behind in reading (see `WebSocketTestServer`), so a flood from a test
-/// thread does not starve replies and heartbeats.
+/// Connections are numbered as in `WebSocketTestServer`, whose thread runs
+/// this server and the `trace` callback. Every public member may be called
+/// from any thread and returns once the server has acted.
 class PhoenixTestServer {
  public:
   using ConnectionId = WebSocketTestServer::ConnectionId;
@@ -105,25 +68,17 @@ class PhoenixTestServer {
   struct Options {
     std::optional<TestCertificates> tls = std::nullopt;  ///< serve wss when set
     std::uint16_t port = 0;                              ///< 0: a free port
-    bool presence = true;                  ///< send presence_state and presence_diff
-    /// Send a joining member's own "presence_diff" before its "presence_state".
-    bool presenceDiffBeforeState = true;
-    /// A connection that sends no frame for this long is closed with 1002.
+    bool presence = true;
     std::chrono::milliseconds idleTimeout = std::chrono::seconds(60);
-    /// Take up permessage-deflate compression when a client offers it.
-    bool compress = false;
+    bool compress = false;  ///< permessage-deflate when a client offers it
     /// Keep each connection's parameters, auth token, handshake target and
-    /// close frames (`connectParams()`, `authTokens()`, ...). Long runs turn
-    /// it off so that the server's memory stays flat; frames are still
-    /// recorded until taken.
+    /// close frames; long runs turn it off (frames are kept until taken).
     bool recordConnections = true;
-    /// Picks the subprotocol named in the 101 response from those a client
-    /// offered. By default "phoenix" when offered, none otherwise; tests
-    /// replace it to answer wrongly.
+    /// Picks the subprotocol of the 101 response from those offered; by
+    /// default "phoenix" when offered, none otherwise.
     std::function<std::optional<std::string>(const std::vector<std::string>& offered)>
         subprotocolAnswer = nullptr;
-    /// Called on the server thread with one line per frame received ("<- ")
-    /// or sent ("-> "), prefixed by the connection number. For demos.
+    /// One line per frame received ("<- ") or sent ("-> "), for demos.
     std::function<void(const std::string&)> trace = nullptr;
   };
 
@@ -137,120 +92,74 @@ class PhoenixTestServer {
     boost::json::object payload;
   };
 
-  /// Starts listening on 127.0.0.1 (see `WebSocketTestServer`).
   PhoenixTestServer();
   explicit PhoenixTestServer(Options options);
-  /// Stops the server and ends every connection abruptly.
   ~PhoenixTestServer();
 
   PhoenixTestServer(const PhoenixTestServer&) = delete;
   PhoenixTestServer& operator=(const PhoenixTestServer&) = delete;
 
-  // --- Where to connect -----------------------------------------------------
-
   [[nodiscard]] std::uint16_t port() const;
-  /// The endpoint to give the client, e.g. "ws://127.0.0.1:<port>/socket" or
-  /// "wss://localhost:<port>/socket"; the client appends "/websocket".
+  /// "ws://127.0.0.1:<port>/socket" or "wss://localhost:<port>/socket".
   [[nodiscard]] std::string url() const;
-
-  // --- Connections ----------------------------------------------------------
 
   /// Waits until `count` connections have opened since the start.
   bool waitForConnections(std::size_t count, std::chrono::milliseconds timeout) const;
   /// Waits until exactly `count` connections are open.
   bool waitForOpenConnections(std::size_t count, std::chrono::milliseconds timeout) const;
   [[nodiscard]] std::size_t openConnections() const;
-  /// The query parameters of each accepted connection, "vsn" included, in
-  /// order of connection. A repeated name keeps its last value.
+  /// The query parameters of each accepted connection, "vsn" included.
   [[nodiscard]] std::vector<std::map<std::string, std::string>> connectParams() const;
-  /// The auth token of each accepted connection, in order of connection:
-  /// the offered subprotocol "base64url.bearer.phx.<token>" decoded from
-  /// base64 without padding, or nothing when none was offered (or it did
-  /// not decode).
+  /// Each accepted connection's token from the offered subprotocol
+  /// "base64url.bearer.phx.<unpadded base64>", if any and it decoded.
   [[nodiscard]] std::vector<std::optional<std::string>> authTokens() const;
-
-  // --- What clients sent ----------------------------------------------------
 
   /// The frames on `topic` with `event`; an empty `event` matches any event.
   [[nodiscard]] std::vector<Frame> receivedFrames(std::string_view topic,
                                                   std::string_view event = {}) const;
   [[nodiscard]] std::size_t countReceived(std::string_view topic,
                                           std::string_view event = {}) const;
-  /// Waits until at least `count` frames matching `topic` and `event` (as
-  /// above) have been received.
+  /// Waits until at least `count` frames matching `topic` and `event` came.
   bool waitForFrames(std::string_view topic, std::string_view event, std::size_t count,
                      std::chrono::milliseconds timeout) const;
-  /// Returns every frame recorded so far, on any topic, and forgets them:
-  /// the counts and waits above see only later frames. Keeps memory flat
-  /// in long runs.
+  /// Every frame recorded so far, which the counts and waits then forget.
   [[nodiscard]] std::vector<Frame> takeReceivedFrames();
-  /// Heartbeats received ("heartbeat" on "phoenix"), answered or not.
   [[nodiscard]] std::size_t heartbeatsReceived() const;
-
-  // --- Channels -------------------------------------------------------------
 
   /// Later joins of `topic` get an "error" reply with {"reason": reason}.
   void forbidTopic(const std::string& topic, const std::string& reason = "unauthorized");
-  /// Undoes `forbidTopic`.
   void allowTopic(const std::string& topic);
   /// Channels joined on `topic`, over all connections.
   [[nodiscard]] std::size_t memberCount(const std::string& topic) const;
-  /// Waits until exactly `count` channels are joined on `topic`.
   bool waitForMembers(const std::string& topic, std::size_t count,
                       std::chrono::milliseconds timeout) const;
-  /// Ends the channel on `topic` as a crash: [join_ref, join_ref, topic,
-  /// "phx_error", {}] to the member on `connection`, or to every member when
-  /// none is given. The members are gone afterwards (presence leaves follow).
-  void crashChannel(const std::string& topic,
-                    std::optional<ConnectionId> connection = std::nullopt);
-  /// The same with "phx_close": the server ended the channel.
-  void closeChannel(const std::string& topic,
-                    std::optional<ConnectionId> connection = std::nullopt);
+  /// Ends every channel on `topic` with "phx_error" (a crash) or "phx_close";
+  /// presence leaves follow.
+  void crashChannel(const std::string& topic);
+  void closeChannel(const std::string& topic);
   /// [null, null, topic, event, payload] to every member of `topic`.
   void broadcast(const std::string& topic, const std::string& event, boost::json::object payload);
-  /// [join_ref, null, topic, event, payload] to the member on `connection`,
-  /// or to every member of `topic`.
-  void push(const std::string& topic, const std::string& event, boost::json::object payload,
-            std::optional<ConnectionId> connection = std::nullopt);
-
-  // --- Heartbeats and presence ----------------------------------------------
-
-  /// Stop (false) or resume (true) answering heartbeats. Default true.
+  /// [join_ref, null, topic, event, payload] to every member of `topic`.
+  void push(const std::string& topic, const std::string& event, boost::json::object payload);
   void setHeartbeatReplies(bool answer);
 
-  // --- Faults on the connection ---------------------------------------------
-
-  /// Answers later upgrade requests with this HTTP status; `nullopt` undoes it.
+  /// Faults of the WebSocket layer, as there.
   void refuseHandshake(std::optional<int> httpStatus);
-  /// Handshake faults of the WebSocket layer (see `WebSocketTestServer`):
-  /// upgrade requests left unanswered, upgrades closed at once with a code
-  /// (or dropped when `nullopt`), and back to normal.
   void stallHandshakes(bool stall);
   void closeAfterUpgrade(std::optional<std::uint16_t> code);
   void acceptHandshakes();
-  /// A close frame with `code`, then the TCP connection dropped at once
-  /// without waiting for the answer (what the idle time-out does), on one or
-  /// all connections.
-  void closeAndDrop(std::uint16_t code, std::optional<ConnectionId> connection = std::nullopt);
-  /// Server shutdown: stops listening (new connections are refused, the port
-  /// is free again), sends close 1012 to every connection and drops it
-  /// without waiting for the answer. The object stays usable for reading
-  /// records; a new server may take the port to play a restart.
+  void closeAndDrop(std::uint16_t code);
+  /// A server shutdown: `WebSocketTestServer::shutDown(1012)`. A new server
+  /// may take the port to play a restart.
   void shutDown();
-  /// Shuts down and closes the TCP connections, without a close frame.
   void dropConnections();
   void dropConnection(ConnectionId connection);
-  /// Runs the close handshake with `code`.
   void closeWith(std::uint16_t code, std::string reason = {});
-  /// Sends `text` as it is, e.g. "not json" or "[1,2,3,4,5]", to one or all
-  /// connections.
-  void sendRaw(std::string text, std::optional<ConnectionId> connection = std::nullopt);
-  /// Sends a binary frame to one or all connections.
-  void sendBinary(std::string bytes, std::optional<ConnectionId> connection = std::nullopt);
+  /// `text` as it is, e.g. "not json", to every connection.
+  void sendRaw(std::string text);
+  void sendBinary(std::string bytes);
 
-  /// The WebSocket layer underneath, for anything not covered above (close
-  /// frames received, handshake targets). Turning its echo on
-  /// would confuse clients.
+  /// The WebSocket layer underneath (close frames, handshake targets).
   [[nodiscard]] WebSocketTestServer& webSocket();
 
  private:
