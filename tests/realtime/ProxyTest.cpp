@@ -120,7 +120,6 @@ TEST_P(SocketThroughProxy, ReachesTheServerThroughTheTunnelWithTlsChecksIntact) 
 INSTANTIATE_TEST_SUITE_P(
     Schemes, SocketThroughProxy,
     ::testing::Values(TunnelCase{"Ws", false, TestCertificates::Variant::valid, false, ""},
-                      TunnelCase{"Wss", true, TestCertificates::Variant::valid, false, ""},
                       TunnelCase{"WssWithProxyCredentials", true, TestCertificates::Variant::valid, true, ""},
                       TunnelCase{"WssToACertificateForAnotherHost", true,
                                  TestCertificates::Variant::otherNames, false, "certificate verify failed"}),
@@ -150,10 +149,6 @@ TEST_F(SocketWithFailingProxy, RefusedConnectIsReportedWithTheProxysStatus) {
   configuration.proxy = ProxySettings::explicitProxy(forbidsThePort.url());
   expectRetriedFailures(configuration, "proxy refused CONNECT: 403");
   EXPECT_GE(forbidsThePort.connectRequests(), 3U);
-
-  TinyProxy wantsCredentials(TinyProxy::Options{.basicAuth = "alice:s3cret"});
-  configuration.proxy = ProxySettings::explicitProxy(wantsCredentials.url(false));
-  expectRetriedFailures(configuration, "proxy refused CONNECT: 407");
 }
 
 TEST_F(SocketWithFailingProxy, AbsentOrSilentProxyFailsWithinTheHandshakeTimeout) {
