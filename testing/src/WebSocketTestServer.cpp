@@ -92,12 +92,11 @@ class ServerCore {
   std::uint16_t port_ = 0;
 
   // Server-thread state.
-  bool echo_;
   std::optional<int> refusal_;
   bool stall_ = false;
   // Set: close each upgrade at once, with the code or (inner nullopt) a drop.
   std::optional<std::optional<std::uint16_t>> closeAfterUpgrade_;
-  Options options_;
+  Options options_;  // only `echo` changes after construction (server thread)
   std::atomic<bool> stopped_{false};
 
   struct Records {
@@ -310,7 +309,7 @@ class StreamSession final : public Session {
       self->readBuffer_.consume(self->readBuffer_.size());
       self->armIdleTimer();
       if (self->ws_.got_text()) {  // binary frames are ignored
-        if (self->server_.echo_) {
+        if (self->server_.options_.echo) {
           self->enqueue({Outgoing::Kind::text, data});
         }
         if (const auto& onText = self->server_.options_.hooks.onText) {
@@ -397,7 +396,7 @@ using PlainSession = StreamSession<beast::tcp_stream>;
 using TlsSession = StreamSession<ssl::stream<beast::tcp_stream>>;
 
 ServerCore::ServerCore(Options options)
-    : echo_(options.echo), options_(std::move(options)), acceptor_(io_), work_(asio::make_work_guard(io_)) {
+    : options_(std::move(options)), acceptor_(io_), work_(asio::make_work_guard(io_)) {
   if (options_.tls) {
     tls_.emplace(ssl::context::tls_server);
     tls_->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
@@ -597,7 +596,7 @@ std::string WebSocketTestServer::url(std::string_view pathAndQuery) const {
 }
 
 void WebSocketTestServer::setEcho(bool echo) {
-  impl_->execute([&] { impl_->echo_ = echo; });
+  impl_->execute([&] { impl_->options_.echo = echo; });
 }
 
 void WebSocketTestServer::refuseHandshake(std::optional<int> httpStatus) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "vantor/testing/PhoenixTestServer.hpp"
@@ -13,14 +14,20 @@
 int main(int argc, char** argv) {
   vantor::testing::PhoenixTestServer::Options options;
   bool quiet = false;
-  for (int i = 1; i < argc; ++i) {
+  auto portOf = [](const char* text) -> std::optional<std::uint16_t> {
     char* end = nullptr;
-    const bool portGiven = std::strcmp(argv[i], "--port") == 0 && i + 1 < argc;
-    const auto port = portGiven ? std::strtoul(argv[++i], &end, 10) : 0;
+    const auto port = std::strtoul(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || port > 65535) {
+      return std::nullopt;
+    }
+    return static_cast<std::uint16_t>(port);
+  };
+  for (int i = 1; i < argc; ++i) {
+    std::optional<std::uint16_t> port;
     if (std::strcmp(argv[i], "--quiet") == 0) {
       quiet = true;
-    } else if (portGiven && *end == '\0' && port <= 65535) {
-      options.port = static_cast<std::uint16_t>(port);
+    } else if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc && (port = portOf(argv[++i]))) {
+      options.port = *port;
     } else {
       std::fprintf(stderr,
                    "usage: vantor-test-server [--port N] [--quiet]\n"
