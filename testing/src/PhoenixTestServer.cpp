@@ -7,6 +7,7 @@
 #include <boost/url/parse.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "Recorder.hpp"
@@ -186,6 +187,10 @@ class PhoenixTestServer::Impl {
   std::map<ConnectionId, std::map<std::string, Membership>> channels_;
   std::map<std::string, std::vector<Presence>> presence_;
   std::uint64_t nextPhxRef_ = 1;
+  // Set once `ws_` is assigned. The WebSocket server accepts as soon as it
+  // is made, so a client already reconnecting can reach a hook before then:
+  // hooks wait for it.
+  std::atomic<bool> wsReady_{false};
   // Last: made when everything it calls back into exists.
   std::unique_ptr<WebSocketTestServer> ws_;
 };
@@ -200,13 +205,28 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.permessageDeflate = options_.compress;
   wsOptions.recordConnections = options_.recordConnections;
   wsOptions.hooks.chooseSubprotocol = [this](const std::string& offered) {
+    wsReady_.wait(false);
     return chooseSubprotocol(offered);
   };
-  wsOptions.hooks.screenHandshake = [this](const std::string& target) { return screen(target); };
-  wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) { opened(c, target); };
-  wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) { received(c, text); };
-  wsOptions.hooks.onClosed = [this](ConnectionId c) { closed(c); };
+  wsOptions.hooks.screenHandshake = [this](const std::string& target) {
+    wsReady_.wait(false);
+    return screen(target);
+  };
+  wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) {
+    wsReady_.wait(false);
+    opened(c, target);
+  };
+  wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) {
+    wsReady_.wait(false);
+    received(c, text);
+  };
+  wsOptions.hooks.onClosed = [this](ConnectionId c) {
+    wsReady_.wait(false);
+    closed(c);
+  };
   ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
+  wsReady_ = true;
+  wsReady_.notify_all();
 }
 
 std::optional<int> PhoenixTestServer::Impl::screen(const std::string& target) const {
