@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <mutex>
-#include <thread>
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -131,7 +130,7 @@ TEST(PerMessageDeflate, ShrinksFramesBothWaysOnlyWhenBothSidesTakeItUp) {
   }
 }
 
-TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollectingAndReadFromAnyThread) {
+TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollecting) {
   PhoenixTestServer server;
   auto socket = socketFor(server);
   socket->setHeartbeatInterval(0.1);
@@ -148,15 +147,6 @@ TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollectingAndReadFromAnyThread)
   EXPECT_EQ(socket->metrics().framesOut, 0U) << "nothing is counted before collecting starts";
 
   socket->setCollectsMetrics(true);
-  std::atomic<bool> reading{true};
-  std::thread reader([&] {
-    std::uint64_t last = 0;
-    while (reading) {
-      const auto now = socket->metrics().framesIn;
-      EXPECT_GE(now, last) << "counters only grow";
-      last = now;
-    }
-  });
   std::atomic<int> outcomes{0};
   auto count = [&](const Message&) { ++outcomes; };
   for (int i = 0; i < 3; ++i) {
@@ -173,8 +163,6 @@ TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollectingAndReadFromAnyThread)
     std::lock_guard lock(mutex);
     return !roundTrips.empty();
   }));
-  reading = false;
-  reader.join();
 
   const auto metrics = socket->metrics();
   // A stalled machine may add a heartbeat time-out, and with it a reconnect

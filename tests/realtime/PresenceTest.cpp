@@ -5,6 +5,7 @@
 
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
+#include <sstream>
 
 #include "support/FakeTransport.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -16,17 +17,23 @@ namespace {
 namespace json = boost::json;
 using ::testing::ElementsAre;
 
-Presence::State stateOf(std::string_view text) {
-  auto state = Presence::stateFrom(json::parse(text).as_object());
-  EXPECT_TRUE(state) << text;
-  return state.value_or(Presence::State{});
+// "u1:1,2 u2:9": u1 is present with the refs 1 and 2, u2 with 9.
+json::object entries(std::string_view text) {
+  json::object entries;
+  std::istringstream words{std::string(text)};
+  for (std::string word; words >> word;) {
+    const auto colon = word.find(':');
+    json::array metas;
+    std::istringstream refs(word.substr(colon + 1));
+    for (std::string ref; std::getline(refs, ref, ',');) {
+      metas.push_back(json::object{{"phx_ref", ref}});
+    }
+    entries[word.substr(0, colon)] = json::object{{"metas", std::move(metas)}};
+  }
+  return entries;
 }
 
-Presence::Diff diffOf(std::string_view text) {
-  auto diff = Presence::diffFrom(json::parse(text).as_object());
-  EXPECT_TRUE(diff) << text;
-  return diff.value_or(Presence::Diff{});
-}
+Presence::State stateOf(std::string_view text) { return *Presence::stateFrom(entries(text)); }
 
 std::vector<std::string> refsOf(const Presence::Map& presence) {
   std::vector<std::string> refs;
@@ -61,60 +68,40 @@ struct Calls {
   }
 };
 
-TEST(PresenceSync, AFirstSnapshotJoinsEveryKeyAndAnIdenticalOneChangesNothing) {
-  Calls calls;
-  const auto snapshot = stateOf(R"({"u1": {"metas": [{"phx_ref": "1"}]}})");
-  auto state = Presence::syncState({}, snapshot, calls.onJoin(), calls.onLeave());
-  EXPECT_EQ(state, snapshot);
-  state = Presence::syncState(state, snapshot, calls.onJoin(), calls.onLeave());
-  EXPECT_EQ(state, snapshot);
-  EXPECT_THAT(calls.log, ElementsAre("join u1 - [1]"));
-}
-
-TEST(PresenceSync, ASnapshotWithOverlappingRefsJoinsTheNewAndLeavesTheOld) {
-  Calls calls;
-  auto state = stateOf(R"({"u1": {"metas": [{"phx_ref": "1"}, {"phx_ref": "2"}]},
-                           "u2": {"metas": [{"phx_ref": "9"}]}})");
-  state = Presence::syncState(
-      state, stateOf(R"({"u1": {"metas": [{"phx_ref": "2"}, {"phx_ref": "3"}]}})"),
-      calls.onJoin(), calls.onLeave());
-  // Joins come first; the leave sees the merged list without the old ref.
-  EXPECT_THAT(calls.log,
-              ElementsAre("join u1 [1,2] [3]", "leave u1 [2,3] [1]", "leave u2 [] [9]"));
-  EXPECT_THAT(refsOf(state.at("u1")), ElementsAre("2", "3"));
-  EXPECT_FALSE(state.contains("u2"));
-}
-
-TEST(PresenceSync, ADiffKeepsOldOccurrencesFirstAndLeavesOnlyWhatItNames) {
-  Calls calls;
-  auto state = stateOf(R"({"u1": {"metas": [{"phx_ref": "1", "device": "phone"}]}})");
-  state = Presence::syncDiff(
-      state, diffOf(R"({"joins": {"u1": {"metas": [{"phx_ref": "2", "device": "laptop"}]}},
-                        "leaves": {"ghost": {"metas": [{"phx_ref": "7"}]}}})"),
-      calls.onJoin(), calls.onLeave());
-  EXPECT_THAT(refsOf(state.at("u1")), ElementsAre("1", "2"));
-  EXPECT_EQ(state.at("u1").at("metas")[0].at("device"), "phone");
-
-  state = Presence::syncDiff(state, diffOf(R"({"leaves": {"u1": {"metas": [{"phx_ref": "1"}]}}})"),
-                             calls.onJoin(), calls.onLeave());
-  EXPECT_THAT(refsOf(state.at("u1")), ElementsAre("2"));
-  EXPECT_THAT(calls.log, ElementsAre("join u1 [1] [2]", "leave u1 [2] [1]"))
-      << "a leave of an absent key calls nothing";
-}
-
-TEST(PresenceSync, JoiningAndLeavingTheSameOccurrenceInOneDiffEndsWithItGone) {
-  Calls calls;
-  auto state = Presence::syncDiff(
-      {}, diffOf(R"({"joins": {"u1": {"metas": [{"phx_ref": "5"}]}},
-                     "leaves": {"u1": {"metas": [{"phx_ref": "5"}]}}})"),
-      calls.onJoin(), calls.onLeave());
-  EXPECT_TRUE(state.empty());
-  EXPECT_THAT(calls.log, ElementsAre("join u1 - [5]", "leave u1 [] [5]"));
+TEST(PresenceSync, JoinsComeFirstAndOldOccurrencesStayFirst) {
+  struct Case {
+    const char* before;
+    const char* snapshot;  // null: the change is the diff of `joins` and `leaves`
+    const char* joins;
+    const char* leaves;
+    std::vector<std::string> calls;
+    const char* after;
+  };
+  const std::vector<Case> cases = {
+      {"", "u1:1", "", "", {"join u1 - [1]"}, "u1:1"},
+      {"u1:1", "u1:1", "", "", {}, "u1:1"},
+      // The leave sees the merged list without the old ref.
+      {"u1:1,2 u2:9", "u1:2,3", "", "", {"join u1 [1,2] [3]", "leave u1 [2,3] [1]", "leave u2 [] [9]"},
+       "u1:2,3"},
+      // A leave of an absent key calls nothing.
+      {"u1:1", nullptr, "u1:2", "ghost:7", {"join u1 [1] [2]"}, "u1:1,2"},
+      {"u1:1,2", nullptr, "", "u1:1", {"leave u1 [2] [1]"}, "u1:2"},
+      {"", nullptr, "u1:5", "u1:5", {"join u1 - [5]", "leave u1 [] [5]"}, ""},
+  };
+  for (const auto& c : cases) {
+    Calls calls;
+    const auto state =
+        c.snapshot ? Presence::syncState(stateOf(c.before), stateOf(c.snapshot), calls.onJoin(), calls.onLeave())
+                   : Presence::syncDiff(stateOf(c.before),
+                                        *Presence::diffFrom({{"joins", entries(c.joins)}, {"leaves", entries(c.leaves)}}),
+                                        calls.onJoin(), calls.onLeave());
+    EXPECT_EQ(calls.log, c.calls) << c.before << " + " << (c.snapshot ? c.snapshot : c.joins);
+    EXPECT_EQ(state, stateOf(c.after)) << c.before << " + " << (c.snapshot ? c.snapshot : c.joins);
+  }
 }
 
 TEST(PresenceSync, ListAndFilter) {
-  const auto state = stateOf(R"({"a": {"metas": [{"phx_ref": "1"}]},
-                                 "b": {"metas": [{"phx_ref": "2"}, {"phx_ref": "3"}]}})");
+  const auto state = stateOf("a:1 b:2,3");
   auto counts = Presence::listBy(state, [](const std::string& key, const Presence::Map& presence) {
     return key + ":" + std::to_string(presence.at("metas").size());
   });
@@ -123,16 +110,16 @@ TEST(PresenceSync, ListAndFilter) {
   auto many = Presence::filter(state, [](const std::string&, const Presence::Map& presence) {
     return presence.at("metas").size() > 1;
   });
-  EXPECT_EQ(many, stateOf(R"({"b": {"metas": [{"phx_ref": "2"}, {"phx_ref": "3"}]}})"));
+  EXPECT_EQ(many, stateOf("b:2,3"));
 }
 
 TEST(PresenceSyncDeathTest, MissingMetasOrRefsStopTheProcess) {
   auto noop = [](auto&&...) {};
-  const auto current = stateOf(R"({"u1": {"metas": [{"phx_ref": "1"}]}})");
-  EXPECT_DEATH(Presence::syncState(current, stateOf(R"({"u1": {"other": []}})"), noop, noop),
+  const auto current = stateOf("u1:1");
+  const auto unchecked = [](std::string_view text) { return *Presence::stateFrom(json::parse(text).as_object()); };
+  EXPECT_DEATH(Presence::syncState(current, unchecked(R"({"u1": {"other": []}})"), noop, noop),
                "Presence data without \"metas\"");
-  EXPECT_DEATH(Presence::syncState(current, stateOf(R"({"u1": {"metas": [{"phx_ref": 2}]}})"),
-                                   noop, noop),
+  EXPECT_DEATH(Presence::syncState(current, unchecked(R"({"u1": {"metas": [{"phx_ref": 2}]}})"), noop, noop),
                "Presence meta without a string \"phx_ref\"");
 }
 

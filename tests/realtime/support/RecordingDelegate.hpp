@@ -21,8 +21,6 @@ class RecordingDelegate : public PhoenixTransportDelegate {
     std::optional<HttpResponse> response;
   };
 
-  explicit RecordingDelegate(std::weak_ptr<PhoenixTransport> transport = {})
-      : transport_(std::move(transport)) {}
   void watch(std::weak_ptr<PhoenixTransport> transport) {
     std::lock_guard lock(mutex_);
     transport_ = std::move(transport);
