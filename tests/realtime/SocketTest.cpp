@@ -172,7 +172,7 @@ TEST_F(SocketWithFakeTransport, AnUnexpectedCloseOrAFailureReconnectsOnTheBackOf
   ASSERT_TRUE(eventually([&] { return transports.count() == 2; }));
   EXPECT_TRUE(log.contains("VantorPhoenixClient: Socket reconnecting in 0.01s"));
   EXPECT_TRUE(log.contains("VantorPhoenixClient: Socket attempting to reconnect"));
-  EXPECT_EQ(transport->disconnects().at(0).code, 1000) << "the old transport is torn down";
+  EXPECT_EQ(transport->disconnectCodes().at(0), 1000) << "the old transport is torn down";
   order.clear();
   transports.last()->fail("handshake refused", HttpResponse{403, "Forbidden", {}, ""});
   EXPECT_THAT(order, ElementsAre("handshake refused:403", "close"));

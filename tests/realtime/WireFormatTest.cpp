@@ -19,16 +19,14 @@ std::optional<Message> messageOf(std::string_view text) {
 }
 
 TEST(Message, ReadsReferencesOnlyWhenTheyAreStringsAndRejectsWrongElementTypes) {
-  auto nulls = messageOf(R"([null, null, "t", "e", {}])");
-  ASSERT_TRUE(nulls);
-  EXPECT_FALSE(nulls->joinRef());
-  EXPECT_EQ(nulls->ref(), "");
-  EXPECT_EQ(nulls->topic(), "t");
-  EXPECT_EQ(nulls->event(), "e");
-  auto numbers = messageOf(R"([1, 2, "t", "e", {}])");
-  ASSERT_TRUE(numbers);
-  EXPECT_FALSE(numbers->joinRef());
-  EXPECT_EQ(numbers->ref(), "");
+  for (auto text : {R"([null, null, "t", "e", {}])", R"([1, 2, "t", "e", {}])"}) {
+    auto message = messageOf(text);
+    ASSERT_TRUE(message) << text;
+    EXPECT_FALSE(message->joinRef()) << text;
+    EXPECT_EQ(message->ref(), "") << text;
+    EXPECT_EQ(message->topic(), "t");
+    EXPECT_EQ(message->event(), "e");
+  }
   auto strings = messageOf(R"(["1", "2", "t", "e", {"a": 1}, "ignored"])");
   ASSERT_TRUE(strings);
   EXPECT_EQ(strings->joinRef(), "1");

@@ -17,11 +17,6 @@ namespace vantor::realtime::testing {
 /// delegate on the main loop, as a real transport's do.
 class FakeTransport : public PhoenixTransport {
  public:
-  struct Disconnect {
-    int code;
-    std::optional<std::string> reason;
-  };
-
   [[nodiscard]] PhoenixTransportReadyState readyState() const override {
     std::lock_guard lock(mutex_);
     return state_;
@@ -34,15 +29,11 @@ class FakeTransport : public PhoenixTransport {
     std::lock_guard lock(mutex_);
     delegate_ = std::move(delegate);
   }
-  void connect() override {
-    std::lock_guard lock(mutex_);
-    state_ = PhoenixTransportReadyState::connecting;
-    ++connects_;
-  }
-  void disconnect(int code, std::optional<std::string> reason) override {
+  void connect() override { setState(PhoenixTransportReadyState::connecting); }
+  void disconnect(int code, std::optional<std::string> /*reason*/) override {
     std::lock_guard lock(mutex_);
     state_ = PhoenixTransportReadyState::closing;
-    disconnects_.push_back({code, std::move(reason)});
+    disconnectCodes_.push_back(code);
   }
   void send(std::string data) override {
     std::lock_guard lock(mutex_);
@@ -74,11 +65,8 @@ class FakeTransport : public PhoenixTransport {
   [[nodiscard]] std::vector<std::string> sent() const {
     return recorded([this] { return sent_; });
   }
-  [[nodiscard]] std::vector<Disconnect> disconnects() const {
-    return recorded([this] { return disconnects_; });
-  }
-  [[nodiscard]] int connects() const {
-    return recorded([this] { return connects_; });
+  [[nodiscard]] std::vector<int> disconnectCodes() const {
+    return recorded([this] { return disconnectCodes_; });
   }
 
  private:
@@ -106,8 +94,7 @@ class FakeTransport : public PhoenixTransport {
   PhoenixTransportReadyState state_ = PhoenixTransportReadyState::closed;
   std::shared_ptr<PhoenixTransportDelegate> delegate_;
   std::vector<std::string> sent_;
-  std::vector<Disconnect> disconnects_;
-  int connects_ = 0;
+  std::vector<int> disconnectCodes_;
 };
 
 /// A socket factory that hands out fake transports and keeps them for the
