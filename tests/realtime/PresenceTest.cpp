@@ -78,7 +78,6 @@ TEST(PresenceSync, JoinsComeFirstAndOldOccurrencesStayFirst) {
     const char* after;
   };
   const std::vector<Case> cases = {
-      {"", "u1:1", "", "", {"join u1 - [1]"}, "u1:1"},
       {"u1:1", "u1:1", "", "", {}, "u1:1"},
       // The leave sees the merged list without the old ref.
       {"u1:1,2 u2:9", "u1:2,3", "", "", {"join u1 [1,2] [3]", "leave u1 [2,3] [1]", "leave u2 [] [9]"},
