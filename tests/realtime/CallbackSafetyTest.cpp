@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <stdexcept>
 
-#include "support/Eventually.hpp"
 #include "support/FakeTransport.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Presence.hpp"
@@ -18,29 +16,17 @@ namespace vantor::realtime {
 namespace {
 
 using testing::FakeTransport;
-using testing::FakeTransports;
-using testing::LogRecorder;
 using ::testing::ElementsAre;
 namespace json = boost::json;
 
-std::string frame(const std::optional<std::string>& joinRef, const std::optional<std::string>& ref,
-                  const std::string& topic, const std::string& event, const json::object& payload) {
-  auto text = [](const std::optional<std::string>& value) {
-    return value ? json::value(*value) : json::value(nullptr);
-  };
-  return json::serialize(
-      json::array{text(joinRef), text(ref), json::value(topic), json::value(event), payload});
-}
+using testing::frame;
 
-class Callbacks : public ::testing::Test {
+class Callbacks : public testing::SocketOnFakeTransports {
  protected:
   void SetUp() override {
-    socket = Socket::make("ws://h/socket", transports.factory());
-    socket->setLogger(log.logger());
+    SocketOnFakeTransports::SetUp();
     socket->setSkipHeartbeat(true);
-    socket->connect();
-    transport = transports.last();
-    transport->open();
+    transport = open();
     channel = socket->channel("room:1");
     channel->join();
   }
@@ -54,9 +40,6 @@ class Callbacks : public ::testing::Test {
     transport->receive(frame(std::nullopt, std::nullopt, "room:1", event, payload));
   }
 
-  FakeTransports transports;
-  LogRecorder log;
-  std::shared_ptr<Socket> socket;
   std::shared_ptr<FakeTransport> transport;
   std::shared_ptr<Channel> channel;
 };

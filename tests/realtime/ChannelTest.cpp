@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 
 #include "support/Eventually.hpp"
 #include "support/FakeTransport.hpp"
@@ -17,25 +16,16 @@ namespace {
 using testing::eventually;
 using testing::FakeTransport;
 using testing::FakeTransports;
-using testing::LogRecorder;
 using ::testing::ElementsAre;
 namespace json = boost::json;
 
-class ChannelWithFakeTransport : public ::testing::Test {
+class ChannelWithFakeTransport : public testing::SocketOnFakeTransports {
  protected:
   void SetUp() override {
-    socket = Socket::make("ws://h/socket", transports.factory());
-    socket->setLogger(log.logger());
+    SocketOnFakeTransports::SetUp();
     socket->setSkipHeartbeat(true);
     socket->setRejoinAfter([](int) { return 0.005; });
     socket->setReconnectAfter([](int) { return 0.005; });
-  }
-
-  std::shared_ptr<FakeTransport> open() {
-    socket->connect();
-    auto transport = transports.last();
-    transport->open();
-    return transport;
   }
 
   static std::vector<Message> framesSent(const std::shared_ptr<FakeTransport>& transport) {
@@ -59,9 +49,8 @@ class ChannelWithFakeTransport : public ::testing::Test {
 
   static void reply(const std::shared_ptr<FakeTransport>& transport, const Message& to,
                     const std::string& status, const json::object& response = {}) {
-    json::array frame{to.joinRef() ? json::value(*to.joinRef()) : json::value(nullptr), to.ref(),
-                      to.topic(), "phx_reply", json::object{{"status", status}, {"response", response}}};
-    transport->receive(json::serialize(frame));
+    transport->receive(testing::frame(to.joinRef(), to.ref(), to.topic(), "phx_reply",
+                                      {{"status", status}, {"response", response}}));
   }
 
   // Answers the last join with "ok".
@@ -77,9 +66,6 @@ class ChannelWithFakeTransport : public ::testing::Test {
     return channel;
   }
 
-  FakeTransports transports;
-  LogRecorder log;
-  std::shared_ptr<Socket> socket;
 };
 
 TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
@@ -107,9 +93,8 @@ TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
   // A reply without a status is kept but runs no hook.
   auto three = channel->push("three", {});
   three->receive("ok", [&](const Message&) { seen.push_back("three"); });
-  auto frame = lastFrame(transport, "three");
-  transport->receive(json::serialize(json::array{*frame.joinRef(), frame.ref(), "room:1", "phx_reply",
-                                                 json::object{{"response", json::object{}}}}));
+  auto sent = lastFrame(transport, "three");
+  transport->receive(testing::frame(sent.joinRef(), sent.ref(), "room:1", "phx_reply", {{"response", json::object{}}}));
   EXPECT_EQ(seen.size(), 3U);
   EXPECT_TRUE(three->receivedMessage());
 }
@@ -264,7 +249,7 @@ TEST_F(ChannelWithFakeTransport, ABroadcastReachesTheChannelsOfItsTopicInOrderOf
   joinOk(transport, channels[1]);
 
   auto broadcast = [&](const std::string& topic) {
-    transport->receive(json::serialize(json::array{nullptr, nullptr, topic, "news", json::object{}}));
+    transport->receive(testing::frame({}, {}, topic, "news", {}));
   };
   broadcast("room:1");
   broadcast("room:2");

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
-#include <boost/json/serialize.hpp>
 #include <sstream>
 
 #include "support/FakeTransport.hpp"
@@ -123,31 +122,27 @@ TEST(PresenceSyncDeathTest, MissingMetasOrRefsStopTheProcess) {
 }
 
 // Presence on a channel, fed through a fake transport.
-class PresenceOnChannel : public ::testing::Test {
+class PresenceOnChannel : public testing::SocketOnFakeTransports {
  protected:
   void SetUp() override {
-    socket = Socket::make("ws://h/socket", transports.factory());
+    SocketOnFakeTransports::SetUp();
     socket->setSkipHeartbeat(true);
     channel = socket->channel("room:1");
     presence = Presence::make(channel);
     presence->onJoin(calls.onJoin());
     presence->onLeave(calls.onLeave());
     presence->onSync([this] { calls.log.emplace_back("sync"); });
-    socket->connect();
-    transports.last()->open();
+    open();
     channel->join();
     joinRef = *channel->joinRef();
-    transports.last()->receive(json::serialize(json::array{
-        joinRef, joinRef, "room:1", "phx_reply", json::object{{"status", "ok"}, {"response", json::object{}}}}));
+    transports.last()->receive(
+        testing::frame(joinRef, joinRef, "room:1", "phx_reply", {{"status", "ok"}, {"response", json::object{}}}));
   }
 
   void deliver(const std::string& event, std::string_view payload) {
-    transports.last()->receive(json::serialize(
-        json::array{nullptr, nullptr, "room:1", event, json::parse(payload)}));
+    transports.last()->receive(testing::frame({}, {}, "room:1", event, json::parse(payload).as_object()));
   }
 
-  testing::FakeTransports transports;
-  std::shared_ptr<Socket> socket;
   std::shared_ptr<Channel> channel;
   std::shared_ptr<Presence> presence;
   std::string joinRef;
@@ -169,7 +164,7 @@ TEST_F(PresenceOnChannel, APayloadWithAnyPartOfTheWrongShapeIsIgnoredWhole) {
 
 TEST_F(PresenceOnChannel, AfterARejoinDiffsWaitForTheNewSnapshot) {
   deliver("presence_state", R"({"u1": {"metas": [{"phx_ref": "1"}]}})");
-  transports.last()->receive(json::serialize(json::array{joinRef, joinRef, "room:1", "phx_error", json::object{}}));
+  transports.last()->receive(testing::frame(joinRef, joinRef, "room:1", "phx_error", {}));
   channel->rejoin();
   EXPECT_TRUE(presence->isPendingSyncState()) << "a new join reference needs its own snapshot";
   deliver("presence_diff", R"({"joins": {"u2": {"metas": [{"phx_ref": "2"}]}}})");

@@ -26,9 +26,7 @@ namespace {
 using namespace std::chrono_literals;
 using platform::EventLoop;
 using testing::eventually;
-using testing::FakeTransport;
 using testing::FakeTransports;
-using testing::LogRecorder;
 using ::testing::ElementsAre;
 
 std::string urlOf(const std::string& endpoint, Payload params) {
@@ -121,24 +119,7 @@ TEST(SocketRefs, MessageAndCallbackReferencesShareOneWrappingCounter) {
   EXPECT_EQ(socket->makeRef(), "1");
 }
 
-class SocketWithFakeTransport : public ::testing::Test {
- protected:
-  void SetUp() override {
-    socket = Socket::make("ws://h/socket", transports.factory());
-    socket->setLogger(log.logger());
-  }
-
-  std::shared_ptr<FakeTransport> connectAndOpen() {
-    socket->connect();
-    auto transport = transports.last();
-    transport->open();
-    return transport;
-  }
-
-  FakeTransports transports;
-  LogRecorder log;
-  std::shared_ptr<Socket> socket;
-};
+using SocketWithFakeTransport = testing::SocketOnFakeTransports;
 
 TEST_F(SocketWithFakeTransport, BuffersPushesUntilOpenAndFlushesThemBeforeTheOpenCallbacks) {
   socket->push("t", "first", {{"a", 1}}, "r1");
@@ -151,7 +132,7 @@ TEST_F(SocketWithFakeTransport, BuffersPushesUntilOpenAndFlushesThemBeforeTheOpe
   });
   std::vector<std::string> sentAtOpen;
   socket->onOpen([&] { sentAtOpen = transports.last()->sent(); });
-  auto transport = connectAndOpen();
+  auto transport = open();
   EXPECT_THAT(sentAtOpen, ElementsAre(R"(X[null,"r1","t","first",{"a":1}])",
                                       R"(X["j1",null,"t","second",{}])"));
   EXPECT_EQ(transport->sent().size(), 2U) << "each buffered frame is sent exactly once";
@@ -167,7 +148,7 @@ TEST_F(SocketWithFakeTransport, AnUnexpectedCloseOrAFailureReconnectsOnTheBackOf
     order.push_back(error.description + ":" + std::to_string(response ? response->statusCode : 0));
   });
   socket->onClose([&] { order.push_back("close"); });
-  auto transport = connectAndOpen();
+  auto transport = open();
   transport->closeWith(1006);
   ASSERT_TRUE(eventually([&] { return transports.count() == 2; }));
   EXPECT_TRUE(log.contains("VantorPhoenixClient: Socket reconnecting in 0.01s"));
@@ -193,7 +174,7 @@ TEST_F(SocketWithFakeTransport, OffRemovesFromWhicheverListHoldsTheReference) {
   socket->onOpen([&] { ++opens; });
   auto messageRef = socket->onMessage([&](const Message&) { ++messages; });
   socket->off({messageRef, "unknown"});
-  connectAndOpen()->receive(R"([null, null, "t", "e", {}])");
+  open()->receive(R"([null, null, "t", "e", {}])");
   EXPECT_EQ(opens, 1);
   EXPECT_EQ(messages, 0);
 }

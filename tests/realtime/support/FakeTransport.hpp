@@ -1,5 +1,8 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <boost/json/serialize.hpp>
 #include <boost/url/url.hpp>
 #include <mutex>
 #include <optional>
@@ -7,8 +10,10 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/Eventually.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/PhoenixTransport.hpp"
+#include "vantor/realtime/Socket.hpp"
 
 namespace vantor::realtime::testing {
 
@@ -119,6 +124,37 @@ struct FakeTransports {
     std::lock_guard lock(mutex);
     return made.size();
   }
+};
+
+/// The text of the frame [joinRef, ref, topic, event, payload]; a missing
+/// reference is null.
+inline std::string frame(const std::optional<std::string>& joinRef, const std::optional<std::string>& ref,
+                         const std::string& topic, const std::string& event,
+                         const boost::json::object& payload) {
+  auto text = [](const std::optional<std::string>& value) {
+    return value ? boost::json::value(*value) : boost::json::value(nullptr);
+  };
+  return boost::json::serialize(boost::json::array{text(joinRef), text(ref), topic, event, payload});
+}
+
+/// A socket on fake transports that writes its log down.
+class SocketOnFakeTransports : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    socket = Socket::make("ws://h/socket", transports.factory());
+    socket->setLogger(log.logger());
+  }
+  /// Connects and opens the new transport.
+  std::shared_ptr<FakeTransport> open() {
+    socket->connect();
+    auto transport = transports.last();
+    transport->open();
+    return transport;
+  }
+
+  FakeTransports transports;
+  LogRecorder log;
+  std::shared_ptr<Socket> socket;
 };
 
 }  // namespace vantor::realtime::testing
