@@ -54,7 +54,7 @@ class ChannelWithFakeTransport : public testing::SocketOnFakeTransports {
   }
 
   // Answers the last join with "ok".
-  static void joinOk(const std::shared_ptr<FakeTransport>& transport, const std::shared_ptr<Channel>& channel) {
+  void joinOk(const std::shared_ptr<FakeTransport>& transport, const std::shared_ptr<Channel>& channel) {
     reply(transport, lastFrame(transport, "phx_join"), "ok");
     ASSERT_EQ(channel->state(), ChannelState::joined);
   }
@@ -94,7 +94,8 @@ TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
   auto three = channel->push("three", {});
   three->receive("ok", [&](const Message&) { seen.push_back("three"); });
   auto sent = lastFrame(transport, "three");
-  transport->receive(testing::frame(sent.joinRef(), sent.ref(), "room:1", "phx_reply", {{"response", json::object{}}}));
+  transport->receive(
+      testing::frame(sent.joinRef(), sent.ref(), "room:1", "phx_reply", {{"response", json::object{}}}));
   EXPECT_EQ(seen.size(), 3U);
   EXPECT_TRUE(three->receivedMessage());
 }

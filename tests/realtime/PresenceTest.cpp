@@ -87,14 +87,17 @@ TEST(PresenceSync, JoinsComeFirstAndOldOccurrencesStayFirst) {
       {"", nullptr, "u1:5", "u1:5", {"join u1 - [5]", "leave u1 [] [5]"}, ""},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.before) + " + " + (c.snapshot ? c.snapshot : c.joins));
     Calls calls;
-    const auto state =
-        c.snapshot ? Presence::syncState(stateOf(c.before), stateOf(c.snapshot), calls.onJoin(), calls.onLeave())
-                   : Presence::syncDiff(stateOf(c.before),
-                                        *Presence::diffFrom({{"joins", entries(c.joins)}, {"leaves", entries(c.leaves)}}),
-                                        calls.onJoin(), calls.onLeave());
-    EXPECT_EQ(calls.log, c.calls) << c.before << " + " << (c.snapshot ? c.snapshot : c.joins);
-    EXPECT_EQ(state, stateOf(c.after)) << c.before << " + " << (c.snapshot ? c.snapshot : c.joins);
+    Presence::State after;
+    if (c.snapshot) {
+      after = Presence::syncState(stateOf(c.before), stateOf(c.snapshot), calls.onJoin(), calls.onLeave());
+    } else {
+      const json::object diff{{"joins", entries(c.joins)}, {"leaves", entries(c.leaves)}};
+      after = Presence::syncDiff(stateOf(c.before), *Presence::diffFrom(diff), calls.onJoin(), calls.onLeave());
+    }
+    EXPECT_EQ(calls.log, c.calls);
+    EXPECT_EQ(after, stateOf(c.after));
   }
 }
 
@@ -114,7 +117,9 @@ TEST(PresenceSync, ListAndFilter) {
 TEST(PresenceSyncDeathTest, MissingMetasOrRefsStopTheProcess) {
   auto noop = [](auto&&...) {};
   const auto current = stateOf("u1:1");
-  const auto unchecked = [](std::string_view text) { return *Presence::stateFrom(json::parse(text).as_object()); };
+  auto unchecked = [](std::string_view text) {
+    return *Presence::stateFrom(json::parse(text).as_object());
+  };
   EXPECT_DEATH(Presence::syncState(current, unchecked(R"({"u1": {"other": []}})"), noop, noop),
                "Presence data without \"metas\"");
   EXPECT_DEATH(Presence::syncState(current, unchecked(R"({"u1": {"metas": [{"phx_ref": 2}]}})"), noop, noop),
@@ -135,8 +140,8 @@ class PresenceOnChannel : public testing::SocketOnFakeTransports {
     open();
     channel->join();
     joinRef = *channel->joinRef();
-    transports.last()->receive(
-        testing::frame(joinRef, joinRef, "room:1", "phx_reply", {{"status", "ok"}, {"response", json::object{}}}));
+    transports.last()->receive(testing::frame(joinRef, joinRef, "room:1", "phx_reply",
+                                              {{"status", "ok"}, {"response", json::object{}}}));
   }
 
   void deliver(const std::string& event, std::string_view payload) {
