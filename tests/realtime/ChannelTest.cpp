@@ -65,7 +65,6 @@ class ChannelWithFakeTransport : public testing::SocketOnFakeTransports {
     joinOk(transport, channel);
     return channel;
   }
-
 };
 
 TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
