@@ -80,22 +80,16 @@ class QMQuelmoConnectControllerTest : public ::testing::Test {
   boost::signals2::scoped_connection willChange_;
 };
 
+// Death tests run first, while nothing is configured yet.
 TEST(QMQuelmoConnectControllerConfigurationDeathTest, MissingConfigurationStopsInOrder) {
   EXPECT_DEATH((void)Controller::shared(),
                "ERROR: clientId must be set before instantiating QMQuelmoConnectController");
-  EXPECT_DEATH(
-      {
-        Controller::setClientId("id");
-        (void)Controller::shared();
-      },
-      "ERROR: clientSecret must be set before instantiating QMQuelmoConnectController");
-  EXPECT_DEATH(
-      {
-        Controller::setClientId("id");
-        Controller::setClientSecret("secret");
-        (void)Controller::shared();
-      },
-      "ERROR: redirectURI must be set before instantiating QMQuelmoConnectController");
+  Controller::setClientId("id");
+  EXPECT_DEATH((void)Controller::shared(),
+               "ERROR: clientSecret must be set before instantiating QMQuelmoConnectController");
+  Controller::setClientSecret("secret");
+  EXPECT_DEATH((void)Controller::shared(),
+               "ERROR: redirectURI must be set before instantiating QMQuelmoConnectController");
 }
 
 TEST_F(QMQuelmoConnectControllerTest, LoadAndLoginIfNeededGoByTheStoredAccount) {
@@ -249,6 +243,8 @@ TEST_F(QMQuelmoConnectControllerTest, RedirectsGiveTheLastCodeOfTheRightService)
   for (const auto& refused : std::vector<std::pair<std::string, Error>>{
            {base + "?code", Error::authenticationFailed},
            {base + "?#code=abc", Error::authenticationFailed},
+           // What the service sends when the user denies access.
+           {base + "?error=access_denied&state=s", Error::authenticationFailed},
            {"com.example.notes:/callback?code=abc&quelmoconnect", Error::accountMismatch},
            {"com.example.notes:/qm accounts/quelmoconnect?code=abc", Error::internal}}) {
     EXPECT_EQ(thrownBy([&refused] { controller().handleOAuthResponse(refused.first); }), refused.second)
