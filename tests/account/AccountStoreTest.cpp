@@ -1,7 +1,6 @@
 #include "AccountStore.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -23,9 +22,7 @@ class AccountStoreTest : public ::testing::Test {
     return text.str();
   }
   static unsigned mode(const fs::path& path) {
-    struct stat info {};
-    ::stat(path.c_str(), &info);
-    return info.st_mode & 0777;
+    return static_cast<unsigned>(fs::status(path).permissions() & fs::perms::all);
   }
   std::vector<fs::path> filesBeside() const {
     std::vector<fs::path> files;

@@ -170,15 +170,14 @@ TEST_F(QMQuelmoConnectControllerTest, OnlyTheLatestLoginGetsTheAccountOnceOnTheL
 }
 
 TEST_F(QMQuelmoConnectControllerTest, AnExpiredTokenIsRenewedBeforeTheAccountIsHandedOut) {
-  auto stored = std::make_shared<QMQuelmoConnectAccount>("11111111-2222-3333-4444-555555555555");
-  stored->setWebServiceAuthorizer(factory_);
+  // The factory made it, so the factory's refresh acts on it.
+  auto stored = factory_->createAccount(std::nullopt, 0, QMWebServiceProvider::quelmoConnect);
   QMAccountTokens tokens;
   tokens.accessToken = "expired";
   tokens.refreshToken = "refresh";
   tokens.expiresAt = std::chrono::system_clock::now() - std::chrono::seconds(1);
   stored->setTokens(tokens);
   manager_->addAccount(stored);
-  factory_->adopt(stored);
   testing::postAccountDidChange();  // as after a sign-in: account set, error clear
   drainLoop();
   ASSERT_EQ(controller().account(), stored);

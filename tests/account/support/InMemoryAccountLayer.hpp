@@ -83,12 +83,6 @@ class InMemoryAccountFactory : public QMAccountFactory,
     return codes_;
   }
 
-  // The account that the next refresh acts on.
-  void adopt(const std::shared_ptr<QMAccount>& account) {
-    std::lock_guard lock(mutex_);
-    last_ = account;
-  }
-
   std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid>, std::uint32_t,
                                            QMWebServiceProvider) override {
     std::lock_guard lock(mutex_);
