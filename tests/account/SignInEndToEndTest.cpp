@@ -74,10 +74,10 @@ class SignInEndToEndTest : public ::testing::Test {
     testing::configureTestApplication(provider_->issuer(), provider_->options());
   }
 
-  // Starts a sign-in and brings the provider's redirect back from the
-  // headless browser.
-  std::optional<std::string> signInInBrowser(util::QMPromise<std::shared_ptr<QMAccount>>& promise) {
-    promise = controller().login();
+  // Starts a sign-in (into promise_) and brings the provider's redirect back
+  // from the headless browser.
+  std::optional<std::string> signInInBrowser() {
+    promise_ = controller().login();
     auto url = browser().next();
     if (!url) {
       ADD_FAILURE() << "login() opened no page";
@@ -123,7 +123,7 @@ TEST_F(SignInEndToEndTest, SignsInKeepsTheAccountAcrossRestartsAndSignsOut) {
   boost::signals2::scoped_connection counting =
       controller().objectWillChange().connect([&willChange] { ++willChange; });
 
-  auto redirect = signInInBrowser(promise_);
+  auto redirect = signInInBrowser();
   ASSERT_TRUE(redirect);
   EXPECT_TRUE(Controller::isValidResponse(*redirect)) << *redirect;
   EXPECT_EQ(willChange, 0);
@@ -178,7 +178,7 @@ TEST_F(SignInEndToEndTest, LoginLeavesTheEventLoopFreeWhileDiscoveryRuns) {
 
 TEST_F(SignInEndToEndTest, ProviderGoingDownEndsSignedOut) {
   startProvider();
-  auto redirect = signInInBrowser(promise_);
+  auto redirect = signInInBrowser();
   ASSERT_TRUE(redirect);
   provider_->stop();
   controller().handleOAuthResponse(*redirect);
