@@ -83,10 +83,7 @@ class InMemoryAccountFactory : public QMAccountFactory,
     outcome_ = outcome;
     url_ = std::move(url);
   }
-  std::vector<std::string> exchangedCodes() const {
-    std::lock_guard lock(mutex_);
-    return codes_;
-  }
+  std::vector<std::string> exchangedCodes() const { return locked(codes_); }
 
   std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid>, std::uint32_t,
                                            QMWebServiceProvider) override {
@@ -104,20 +101,13 @@ class InMemoryAccountFactory : public QMAccountFactory,
     return account;
   }
 
-  void authorizationURL(URLCompletion completion) override {
-    std::unique_lock lock(mutex_);
-    auto url = url_;
-    lock.unlock();
-    completion(std::move(url));
-  }
+  void authorizationURL(URLCompletion completion) override { completion(locked(url_)); }
 
   // Renews by giving the account a token that is valid for an hour, or, when
   // scripted to fail, signs it out as the real layer does.
   void refreshTokens(RefreshCompletion completion) override {
-    std::unique_lock lock(mutex_);
-    auto account = last_.lock();
-    bool refresh = outcome_ == Outcome::signIn;
-    lock.unlock();
+    auto account = locked(last_).lock();
+    bool refresh = locked(outcome_) == Outcome::signIn;
     if (account && refresh) {
       auto tokens = account->tokens();
       tokens.accessToken = "refreshed";
@@ -148,6 +138,12 @@ class InMemoryAccountFactory : public QMAccountFactory,
   }
 
  private:
+  template <typename T>
+  T locked(const T& member) const {
+    std::lock_guard lock(mutex_);
+    return member;
+  }
+
   mutable std::mutex mutex_;
   Makes makes_ = Makes::quelmoConnectAccount;
   Outcome outcome_ = Outcome::signIn;
