@@ -18,6 +18,7 @@ using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using vantor::testing::TestCertificates;
 using vantor::testing::TinyProxy;
+using vantor::testing::WebSocketTestServer;
 
 TEST(HttpClientOverTls, TrustsOnlyAValidCertificateForTheHostFromATrustedAuthority) {
   using Variant = TestCertificates::Variant;
@@ -28,9 +29,7 @@ TEST(HttpClientOverTls, TrustsOnlyAValidCertificateForTheHostFromATrustedAuthori
                                                                  {"expired", Variant::expired, true, false}}) {
     SCOPED_TRACE(name);
     auto certificates = TestCertificates::generate(certificate);
-    vantor::testing::WebSocketTestServer::Options options;
-    options.tls = certificates;
-    vantor::testing::WebSocketTestServer server(options);
+    WebSocketTestServer server({.tls = certificates});
     HttpRequest request{"POST", "https://localhost:" + std::to_string(server.port()) + "/token", {}, "a=b"};
     HttpClientOptions client{false, {}, 5s, platform::ProxySettings::none()};
     if (trustTheCa) {
@@ -54,9 +53,7 @@ TEST(HttpClientThroughProxy, TunnelsHttpAndHttpsAndFailsOnARefusal) {
     return testing::LoopbackHttpServer::Response{200, "hello"};
   });
   auto certificates = TestCertificates::generate(TestCertificates::Variant::valid);
-  vantor::testing::WebSocketTestServer::Options tlsOptions;
-  tlsOptions.tls = certificates;
-  vantor::testing::WebSocketTestServer secure(tlsOptions);
+  WebSocketTestServer secure({.tls = certificates});
   HttpClientOptions options{
       false, {certificates.caCertificatePem}, 5s, platform::ProxySettings::explicitProxy(proxy.url())};
 
@@ -71,8 +68,7 @@ TEST(HttpClientThroughProxy, TunnelsHttpAndHttpsAndFailsOnARefusal) {
   EXPECT_EQ(outcome.status, 400) << "the WebSocket server's answer to a plain request";
   EXPECT_EQ(proxy.tunnelsOpened(), 2U) << proxy.log();
   auto otherHost = TestCertificates::generate(TestCertificates::Variant::otherNames);
-  tlsOptions.tls = otherHost;
-  vantor::testing::WebSocketTestServer impostor(tlsOptions);
+  WebSocketTestServer impostor({.tls = otherHost});
   options.additionalCertificateAuthorities = {otherHost.caCertificatePem};
   outcome = sendHttpRequestAndWait(
       {"GET", "https://localhost:" + std::to_string(impostor.port()) + "/", {}, ""}, options);

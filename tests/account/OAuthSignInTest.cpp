@@ -1,12 +1,11 @@
 // The account layer against a sign-in service that the test plays itself
-// (a loopback HTTP server): the authorization URL, code exchange, ID token
-// checks, numbers from the network, redirects that are not the genuine one,
-// storage, refresh and revocation.
+// on a loopback HTTP server.
 #include <gtest/gtest.h>
 
 #include <boost/json.hpp>
 #include <boost/url/parse.hpp>
 #include <condition_variable>
+#include <ctime>
 #include <future>
 #include <map>
 #include <tuple>
@@ -47,10 +46,7 @@ class Credentials : public QMAccountWebServiceCredentialsProviderProtocol,
   std::optional<std::string> state;  // the host's own, instead of a fresh one per sign-in
 };
 
-std::int64_t unixNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
+std::int64_t unixNow() { return std::time(nullptr); }
 
 std::string unsignedJwt(const json::object& claims) {
   using detail::base64UrlEncode;
@@ -197,13 +193,24 @@ class OAuthSignInTest : public ::testing::Test {
   }
 
   // A whole sign-in with the genuine redirect; true when it ended signed in.
+  // Failed or not, it must end with a notification.
   bool signIn() {
     makeManager(discovered());
     if (!authorizationURL()) {
       return false;
     }
     exchange(redirect("code-1"));
-    return notified() && !manager_->accounts().empty();
+    if (!notified()) {
+      ADD_FAILURE() << "the sign-in never ended";
+      return false;
+    }
+    return !manager_->accounts().empty();
+  }
+
+  bool refresh() {
+    std::promise<bool> done;
+    account_->webServiceAuthorizer()->refreshTokens([&done](bool refreshed) { done.set_value(refreshed); });
+    return done.get_future().get();
   }
 
   int requestsTo(const std::string& path) {
@@ -228,18 +235,16 @@ class OAuthSignInTest : public ::testing::Test {
   std::shared_ptr<QMQuelmoConnectAccount> account_;
 };
 
-TEST_F(OAuthSignInTest, IdTokenChecksAndNumbersFromTheNetworkEndTheSignInOneWayOrTheOther) {
+TEST_F(OAuthSignInTest, RefusalIdTokenChecksAndNumbersFromTheNetworkEndTheSignInOneWayOrTheOther) {
+  answerTokens([](const auto&) { return Response{400, R"({"error":"invalid_grant"})"}; });
+  EXPECT_FALSE(signIn()) << "the service refused the code";
   const std::vector<std::tuple<const char*, std::function<void(json::object&, json::object&)>, bool>> cases{
       {"genuine", {}, true},
       {"another issuer", [](auto& c, auto&) { c["iss"] = "http://127.0.0.1:1"; }, false},
       {"another audience", [](auto& c, auto&) { c["aud"] = "someone-else"; }, false},
       {"several audiences, no azp", [](auto& c, auto&) { c["aud"] = json::array{clientId, "other"}; }, false},
       {"several audiences, our azp",
-       [](auto& c, auto&) {
-         c["aud"] = json::array{clientId, "other"};
-         c["azp"] = clientId;
-       },
-       true},
+       [](auto& c, auto&) { c["aud"] = json::array{clientId, "other"}; c["azp"] = clientId; }, true},
       {"another authorized party", [](auto& c, auto&) { c["azp"] = "other"; }, false},
       {"expired long ago", [](auto& c, auto&) { c["exp"] = unixNow() - 600; }, false},
       {"expired within the clock leeway", [](auto& c, auto&) { c["exp"] = unixNow() - 30; }, true},
@@ -317,12 +322,31 @@ TEST_F(OAuthSignInTest, OnlyTheGenuineRedirectCountsAndOnlyOnce) {
   EXPECT_EQ(notifications(), 1);
 }
 
-TEST_F(OAuthSignInTest, AuthorizationURLCarriesAFreshStateAndPkcePerSignIn) {
-  auto configuration = withIssuer("https://accounts.example.test");
-  configuration.authorizationEndpoint = "https://accounts.example.test/authorize?tenant=7";
-  configuration.tokenEndpoint = "https://accounts.example.test/token";
-  configuration.deobfuscate = [](std::string_view text) { return std::string(text.rbegin(), text.rend()); };
-  makeManager(configuration);
+TEST_F(OAuthSignInTest, AuthorizationURLIsHttpsOrLoopbackWithAFreshStateAndPkcePerSignIn) {
+  auto configure = [this](const std::string& endpoint) {
+    auto configuration = withIssuer("https://accounts.example.test");
+    configuration.authorizationEndpoint = endpoint;
+    configuration.tokenEndpoint = "https://accounts.example.test/token";
+    configuration.deobfuscate = [](std::string_view text) { return std::string(text.rbegin(), text.rend()); };
+    makeManager(configuration);
+  };
+  for (const auto& [endpoint, allowed] : std::vector<std::pair<std::string, bool>>{
+           {"http://accounts.example.test/authorize", false},
+           {"file:///etc/passwd", false},
+           {"javascript://accounts.example.test/%0aalert(1)", false},
+           {"http://127.0.0.1:9/authorize", true}}) {
+    SCOPED_TRACE(endpoint);
+    configure(endpoint);
+    EXPECT_EQ(authorizationURL().has_value(), allowed);
+  }
+  {
+    std::lock_guard lock(mutex_);
+    authorizationEndpoint_ = "http://accounts.example.test/authorize";
+  }
+  makeManager(discovered());
+  EXPECT_EQ(authorizationURL(), std::nullopt) << "discovery is held to the same rule";
+
+  configure("https://accounts.example.test/authorize?tenant=7");
   auto queryOf = [this] {
     auto url = authorizationURL().value_or("?");
     return formOf(url.substr(url.find('?') + 1));
@@ -344,29 +368,6 @@ TEST_F(OAuthSignInTest, AuthorizationURLCarriesAFreshStateAndPkcePerSignIn) {
   EXPECT_EQ(queryOf()["state"], "host-state");
 }
 
-TEST_F(OAuthSignInTest, AuthorizationPageMustBeHttpsOrLoopback) {
-  for (const auto& [endpoint, allowed] : std::vector<std::pair<std::string, bool>>{
-           {"http://accounts.example.test/authorize", false},
-           {"file:///etc/passwd", false},
-           {"javascript://accounts.example.test/%0aalert(1)", false},
-           {"https://accounts.example.test/authorize", true},
-           {"http://127.0.0.1:9/authorize", true}}) {
-    SCOPED_TRACE(endpoint);
-    auto configuration = withIssuer("https://id.example.test");
-    configuration.authorizationEndpoint = endpoint;
-    configuration.tokenEndpoint = "https://accounts.example.test/token";
-    makeManager(configuration);
-    EXPECT_EQ(authorizationURL().has_value(), allowed);
-  }
-  // Discovery is held to the same rule.
-  {
-    std::lock_guard lock(mutex_);
-    authorizationEndpoint_ = "http://accounts.example.test/authorize";
-  }
-  makeManager(discovered());
-  EXPECT_EQ(authorizationURL(), std::nullopt);
-}
-
 TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
   answerTokens([this](const auto& form) {
     if (form.at("grant_type") == "refresh_token") {
@@ -378,9 +379,7 @@ TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
   ASSERT_TRUE(signIn());
   EXPECT_TRUE(account_->tokens().accessTokenExpired());
 
-  std::promise<bool> refreshed;
-  account_->webServiceAuthorizer()->refreshTokens([&refreshed](bool done) { refreshed.set_value(done); });
-  ASSERT_TRUE(refreshed.get_future().get());
+  ASSERT_TRUE(refresh());
   EXPECT_EQ(account_->token(), "access-2");
   EXPECT_EQ(account_->refreshToken(), "refresh-1") << "kept when the answer has none";
   EXPECT_FALSE(account_->tokens().accessTokenExpired());
@@ -391,9 +390,7 @@ TEST_F(OAuthSignInTest, ExpiredTokensAreRefreshedUntilTheServiceRefuses) {
   EXPECT_NE(stored->accounts()[0]->webServiceAuthorizer(), nullptr);
 
   answerTokens([](const auto&) { return Response{400, R"({"error":"invalid_grant"})"}; });
-  std::promise<bool> refused;
-  account_->webServiceAuthorizer()->refreshTokens([&refused](bool done) { refused.set_value(done); });
-  EXPECT_FALSE(refused.get_future().get());
+  EXPECT_FALSE(refresh()) << "refused";
   ASSERT_TRUE(notified());
   EXPECT_TRUE(manager_->accounts().empty()) << "a refused refresh signs out";
   EXPECT_EQ(account_->token(), std::nullopt);
@@ -416,6 +413,44 @@ TEST_F(OAuthSignInTest, RemovingAnAccountRevokesItsRefreshTokenWithoutWaiting) {
   EXPECT_EQ(form["token"], "refresh-1");
   EXPECT_EQ(form["token_type_hint"], "refresh_token");
   EXPECT_EQ(server_.requests().back().authorization.rfind("Basic ", 0), 0u) << "the client authenticates";
+}
+
+// The building blocks: encodings, loopback hosts and JWT claims.
+using namespace detail;
+
+TEST(OAuthSupportTest, Base64UrlRoundTripsEveryLengthAndRejectsForeignCharacters) {
+  std::string bytes;
+  for (int i = 0; i < 40; ++i) {
+    auto encoded = base64UrlEncode(bytes);
+    EXPECT_EQ(encoded.find_first_of("+/="), std::string::npos);
+    EXPECT_EQ(base64UrlDecode(encoded), bytes);
+    bytes += static_cast<char>(i * 37 + 250);
+  }
+  EXPECT_EQ(base64Encode("\xfb\xff"), "+/8=");
+  EXPECT_EQ(base64UrlEncode("\xfb\xff"), "-_8");
+  EXPECT_EQ(base64UrlDecode("-_8="), "\xfb\xff");
+  EXPECT_EQ(base64UrlDecode("+/8"), std::nullopt);
+  EXPECT_EQ(base64UrlDecode("abcde"), std::nullopt);
+}
+
+TEST(OAuthSupportTest, FormEncodingEscapesEverythingButUnreservedCharacters) {
+  EXPECT_EQ(formEncode({{"grant_type", "authorization_code"}, {"code", "a b+c&d=e/é"}}),
+            "grant_type=authorization_code&code=a+b%2Bc%26d%3De%2F%C3%A9");
+  EXPECT_EQ(formEncodeComponent("id:with~colon"), "id%3Awith%7Ecolon");
+}
+
+TEST(OAuthSupportTest, OnlyLoopbackHostsCountAsLoopback) {
+  EXPECT_TRUE(isLoopbackURL("http://127.3.2.1/token"));
+  EXPECT_TRUE(isLoopbackURL("http://[::1]:9000/"));
+  EXPECT_TRUE(isLoopbackURL("http://LocalHost/"));
+  EXPECT_FALSE(isLoopbackURL("http://128.0.0.1/"));
+  EXPECT_FALSE(isLoopbackURL("http://localhost.example.test/"));
+  EXPECT_FALSE(isLoopbackURL("http://127.0.0.1.example.test/"));
+}
+
+TEST(OAuthSupportTest, JwtClaimsNeedThreePartsAndAnObject) {
+  EXPECT_EQ(jwtClaims("only.two"), std::nullopt);
+  EXPECT_EQ(jwtClaims("a." + base64UrlEncode("[1]") + ".b"), std::nullopt);
 }
 
 }  // namespace

@@ -4,19 +4,154 @@
 
 #include <atomic>
 #include <boost/thread/future.hpp>
+#include <mutex>
 
+#include <vantor/account/QMAccountConstants.hpp>
+#include <vantor/account/QMAccountFactory.hpp>
+#include <vantor/account/QMAccountManager.hpp>
+#include <vantor/account/QMNotificationCenter.hpp>
+#include <vantor/account/QMQuelmoConnectAccount.hpp>
+#include <vantor/account/QMWebServiceAuthorizer.hpp>
 #include <vantor/account/QMWorkspace.hpp>
-
-#include "InMemoryAccountLayer.hpp"
+#include <vantor/platform/EventLoop.hpp>
 
 // The controller is a process-wide singleton, so these tests share one; each
-// case starts from a cleared store and factory.
+// case starts from a cleared store and factory, which stand in for the
+// account layer.
 
 namespace vantor::account {
 namespace {
 
-using testing::InMemoryAccountFactory;
-using testing::InMemoryAccountManager;
+// Posts the account-did-change notification on the loop, as the account layer does.
+void postAccountDidChange() {
+  platform::EventLoop::main().post([] {
+    QMNotificationCenter::defaultCenter().post(
+        std::string(QMAccountConstants::QuelmoConnect::accountDidChangeNotificationString));
+  });
+}
+
+// An account manager that keeps its accounts in memory only.
+class InMemoryAccountManager : public QMAccountManager {
+ public:
+  std::vector<std::shared_ptr<QMAccount>> accounts() const override {
+    std::lock_guard lock(mutex_);
+    return accounts_;
+  }
+  void addAccount(std::shared_ptr<QMAccount> account) override {
+    std::lock_guard lock(mutex_);
+    accounts_.push_back(std::move(account));
+  }
+  void removeAccount(const std::shared_ptr<QMAccount>& account) override {
+    std::lock_guard lock(mutex_);
+    std::erase(accounts_, account);
+  }
+  void clear() {
+    std::lock_guard lock(mutex_);
+    accounts_.clear();
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::shared_ptr<QMAccount>> accounts_;
+};
+
+// An account of some other service, which the controller must not take for its own.
+class OtherAccount : public QMAccount {
+ public:
+  OtherAccount() : QMAccount("00000000-0000-0000-0000-0000000000AA") {}
+  std::string_view classTypeIdentifier() const override { return "com.example.accounts.Other"; }
+};
+
+// Makes what the test asks for and is the authoriser of what it makes: the
+// code exchange acts on the last account made, as scripted, and reports
+// through the account-did-change notification, as the real one does.
+class InMemoryAccountFactory : public QMAccountFactory,
+                               public QMWebServiceAuthorizer,
+                               public std::enable_shared_from_this<InMemoryAccountFactory> {
+ public:
+  enum class Makes { quelmoConnectAccount, otherAccount, withoutAuthorizer };
+  // signIn gives the account a token, stores it and notifies; fail only
+  // notifies; silent does nothing.
+  enum class Outcome { signIn, fail, silent };
+
+  void setMakes(Makes makes) {
+    std::lock_guard lock(mutex_);
+    makes_ = makes;
+  }
+  void script(Outcome outcome, std::optional<std::string> url) {
+    std::lock_guard lock(mutex_);
+    outcome_ = outcome;
+    url_ = std::move(url);
+  }
+  std::vector<std::string> exchangedCodes() const { return locked(codes_); }
+
+  std::shared_ptr<QMAccount> createAccount(std::optional<boost::uuids::uuid>, std::uint32_t,
+                                           QMWebServiceProvider) override {
+    std::lock_guard lock(mutex_);
+    codes_.clear();
+    std::shared_ptr<QMAccount> account =
+        makes_ == Makes::otherAccount
+            ? std::shared_ptr<QMAccount>(std::make_shared<OtherAccount>())
+            : std::make_shared<QMQuelmoConnectAccount>("00000000-0000-0000-0000-000000000001");
+    account->setServiceName("Quelmo Connect");
+    if (makes_ != Makes::withoutAuthorizer) {
+      account->setWebServiceAuthorizer(shared_from_this());
+    }
+    last_ = account;
+    return account;
+  }
+
+  void authorizationURL(URLCompletion completion) override { completion(locked(url_)); }
+
+  // Renews by giving the account a token that is valid for an hour, or, when
+  // scripted to fail, signs it out as the real layer does.
+  void refreshTokens(RefreshCompletion completion) override {
+    auto account = locked(last_).lock();
+    bool refresh = locked(outcome_) == Outcome::signIn;
+    if (account && refresh) {
+      auto tokens = account->tokens();
+      tokens.accessToken = "refreshed";
+      tokens.expiresAt = std::chrono::system_clock::now() + std::chrono::hours(1);
+      account->setTokens(tokens);
+    } else if (account) {
+      account->setTokens({});
+      QMAccountManager::shared()->removeAccount(account);
+      postAccountDidChange();
+    }
+    completion(refresh);
+  }
+
+  void exchangeCode(const std::string& code, bool, const std::string&) override {
+    std::lock_guard lock(mutex_);
+    codes_.push_back(code);
+    if (outcome_ == Outcome::silent) {
+      return;
+    }
+    if (auto account = last_.lock(); account && outcome_ == Outcome::signIn) {
+      account->setIdentity("user-1", "user@example.test");
+      QMAccountTokens tokens;
+      tokens.accessToken = "token-for-" + code;
+      account->setTokens(tokens);
+      QMAccountManager::shared()->addAccount(account);
+    }
+    postAccountDidChange();
+  }
+
+ private:
+  template <typename T>
+  T locked(const T& member) const {
+    std::lock_guard lock(mutex_);
+    return member;
+  }
+
+  mutable std::mutex mutex_;
+  Makes makes_ = Makes::quelmoConnectAccount;
+  Outcome outcome_ = Outcome::signIn;
+  std::optional<std::string> url_;
+  std::vector<std::string> codes_;
+  std::weak_ptr<QMAccount> last_;
+};
+
 using Controller = QMQuelmoConnectController;
 using Error = QMQuelmoConnectControllerError;
 using platform::EventLoop;
@@ -80,22 +215,16 @@ class QMQuelmoConnectControllerTest : public ::testing::Test {
   boost::signals2::scoped_connection willChange_;
 };
 
+// Death tests run first, while nothing is configured yet.
 TEST(QMQuelmoConnectControllerConfigurationDeathTest, MissingConfigurationStopsInOrder) {
   EXPECT_DEATH((void)Controller::shared(),
                "ERROR: clientId must be set before instantiating QMQuelmoConnectController");
-  EXPECT_DEATH(
-      {
-        Controller::setClientId("id");
-        (void)Controller::shared();
-      },
-      "ERROR: clientSecret must be set before instantiating QMQuelmoConnectController");
-  EXPECT_DEATH(
-      {
-        Controller::setClientId("id");
-        Controller::setClientSecret("secret");
-        (void)Controller::shared();
-      },
-      "ERROR: redirectURI must be set before instantiating QMQuelmoConnectController");
+  Controller::setClientId("id");
+  EXPECT_DEATH((void)Controller::shared(),
+               "ERROR: clientSecret must be set before instantiating QMQuelmoConnectController");
+  Controller::setClientSecret("secret");
+  EXPECT_DEATH((void)Controller::shared(),
+               "ERROR: redirectURI must be set before instantiating QMQuelmoConnectController");
 }
 
 TEST_F(QMQuelmoConnectControllerTest, LoadAndLoginIfNeededGoByTheStoredAccount) {
@@ -107,7 +236,7 @@ TEST_F(QMQuelmoConnectControllerTest, LoadAndLoginIfNeededGoByTheStoredAccount) 
   EXPECT_EQ(opened.exchange(0), 0) << "no account, nothing to delete";
 
   // Another service's account is not ours; ours is found behind it.
-  manager_->addAccount(std::make_shared<testing::OtherAccount>());
+  manager_->addAccount(std::make_shared<OtherAccount>());
   auto stored = std::make_shared<QMQuelmoConnectAccount>("11111111-2222-3333-4444-555555555555");
   QMAccountTokens tokens;
   tokens.accessToken = "token";
@@ -160,7 +289,7 @@ TEST_F(QMQuelmoConnectControllerTest, OnlyTheLatestLoginGetsTheAccountOnceOnTheL
   EXPECT_EQ(account->token(), "token-for-abc");
 
   // A later notification publishes again but calls no handler.
-  testing::postAccountDidChange();
+  postAccountDidChange();
   drainLoop();
   EXPECT_EQ(results.size(), 1u);
   EXPECT_EQ(willChangeCount_, 6);
@@ -176,16 +305,15 @@ TEST_F(QMQuelmoConnectControllerTest, OnlyTheLatestLoginGetsTheAccountOnceOnTheL
 }
 
 TEST_F(QMQuelmoConnectControllerTest, AnExpiredTokenIsRenewedBeforeTheAccountIsHandedOut) {
-  auto stored = std::make_shared<QMQuelmoConnectAccount>("11111111-2222-3333-4444-555555555555");
-  stored->setWebServiceAuthorizer(factory_);
+  // The factory made it, so the factory's refresh acts on it.
+  auto stored = factory_->createAccount(std::nullopt, 0, QMWebServiceProvider::quelmoConnect);
   QMAccountTokens tokens;
   tokens.accessToken = "expired";
   tokens.refreshToken = "refresh";
   tokens.expiresAt = std::chrono::system_clock::now() - std::chrono::seconds(1);
   stored->setTokens(tokens);
   manager_->addAccount(stored);
-  factory_->adopt(stored);
-  testing::postAccountDidChange();  // as after a sign-in: account set, error clear
+  postAccountDidChange();  // as after a sign-in: account set, error clear
   drainLoop();
   ASSERT_EQ(controller().account(), stored);
   EXPECT_FALSE(controller().isLoggedIn()) << "an expired access token is no sign-in";
@@ -226,7 +354,7 @@ TEST_F(QMQuelmoConnectControllerTest, RefusesWhatCannotSignIn) {
   // The promise form rejects at once with the same error.
   EXPECT_EQ(rejectionOf(controller().login()), Error::invalidAccount);
 
-  manager_->addAccount(std::make_shared<testing::OtherAccount>());
+  manager_->addAccount(std::make_shared<OtherAccount>());
   EXPECT_EQ(thrownBy(login), Error::alreadyLoggedIn);
   manager_->clear();
 
@@ -249,6 +377,8 @@ TEST_F(QMQuelmoConnectControllerTest, RedirectsGiveTheLastCodeOfTheRightService)
   for (const auto& refused : std::vector<std::pair<std::string, Error>>{
            {base + "?code", Error::authenticationFailed},
            {base + "?#code=abc", Error::authenticationFailed},
+           // What the service sends when the user denies access.
+           {base + "?error=access_denied&state=s", Error::authenticationFailed},
            {"com.example.notes:/callback?code=abc&quelmoconnect", Error::accountMismatch},
            {"com.example.notes:/qm accounts/quelmoconnect?code=abc", Error::internal}}) {
     EXPECT_EQ(thrownBy([&refused] { controller().handleOAuthResponse(refused.first); }), refused.second)

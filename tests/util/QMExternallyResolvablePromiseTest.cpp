@@ -64,10 +64,8 @@ TEST(QMExternallyResolvablePromise, ChainsSeeTheValueOnceWhetherAttachedBeforeOr
 
   promise.done([&](int v) { seen.push_back(v + 200); });
   EXPECT_EQ(seen, (std::vector<int>{7, 107, 207}));
-  auto result = promise.result();
-  ASSERT_TRUE(result.has_value());
-  ASSERT_TRUE(result->isFulfilled());
-  EXPECT_EQ(result->value(), 7);
+  ASSERT_TRUE(promise.result());
+  EXPECT_EQ(promise.result()->value(), 7);
 }
 
 TEST(QMExternallyResolvablePromise, ThenMapsValuesFlattensPromisesAndPassesErrorsOn) {
@@ -116,8 +114,7 @@ TEST(QMExternallyResolvablePromise, VoidPromisesChainAndSettleOnce) {
 // One thread settles (then tries again) while others attach chains, so
 // attaching races settlement. Every chain must see the first outcome once.
 TEST(QMExternallyResolvablePromise, ConcurrentChainingAndSettlementDeliverEachOutcomeOnce) {
-  constexpr int attachers = 3;
-  constexpr int chainsPerAttacher = 20;
+  constexpr int attachers = 3, chainsPerAttacher = 20;
   for (int round = 0; round < 100; ++round) {
     const bool rejectThisRound = round % 2 == 1;
     QMExternallyResolvablePromise<int> promise;
@@ -139,17 +136,14 @@ TEST(QMExternallyResolvablePromise, ConcurrentChainingAndSettlementDeliverEachOu
             });
       }
     };
-    std::vector<std::thread> threads;
-    for (int a = 0; a < attachers; ++a) {
-      threads.emplace_back(attach, a);
-    }
-    threads.emplace_back([&] {
+    {
+      std::vector<std::jthread> threads;
+      for (int a = 0; a < attachers; ++a) {
+        threads.emplace_back(attach, a);
+      }
       start.arrive_and_wait();
       rejectThisRound ? promise.reject(authError()) : promise.fulfill(9);
       promise.fulfill(10);
-    });
-    for (auto& thread : threads) {
-      thread.join();
     }
     for (const auto& slot : calls) {
       ASSERT_EQ(slot.load(), 1) << "round " << round;
@@ -159,13 +153,9 @@ TEST(QMExternallyResolvablePromise, ConcurrentChainingAndSettlementDeliverEachOu
 }
 
 TEST(QMExternallyResolvablePromise, DestroyingOrReplacingAPendingOneBreaksItsChains) {
-  std::optional<QMPromise<int>> handedOut;
-  {
-    QMExternallyResolvablePromise<int> promise;
-    handedOut = promise.promise();
-  }
-  ASSERT_TRUE(handedOut->result().has_value());
-  EXPECT_THROW(handedOut->result()->value(), boost::broken_promise);
+  auto handedOut = QMExternallyResolvablePromise<int>().promise();
+  ASSERT_TRUE(handedOut.result().has_value());
+  EXPECT_THROW(handedOut.result()->value(), boost::broken_promise);
 
   QMExternallyResolvablePromise<int> target;
   auto old = target.promise();
@@ -182,8 +172,7 @@ TEST(QMExternallyResolvablePromiseDeathTest, MisuseIsFatalWithAClearMessage) {
   source.fulfill(1);  // NOLINT(bugprone-use-after-move): no resolver, so nothing happens
   EXPECT_FALSE(moved.result().has_value());
   EXPECT_DEATH(source.pipe([](const QMPromiseResult<int>&) {}),
-               "QMExternallyResolvablePromise: the promise is missing \\(the object was moved "
-               "from\\)");
+               "QMExternallyResolvablePromise: the promise is missing \\(the object was moved from\\)");
   EXPECT_DEATH((void)source.result(), "the promise is missing");
   EXPECT_DEATH(moved.reject(nullptr), "QMExternallyResolvablePromise: reject needs an error");
 }

@@ -1,11 +1,10 @@
 // Signs in through the provider's development pages in headless Chromium and
 // prints where the provider finally redirected the browser.
 //
-//   node browser.mjs --url AUTHORIZATION_URL --redirect-prefix PREFIX [--login NAME] [--deny]
+//   node browser.mjs --url AUTHORIZATION_URL --redirect-prefix PREFIX [--login NAME]
 //
 // Prints one line "REDIRECT <url>" and exits 0, or writes the problem to
-// standard error and exits 1. With --deny the user cancels on the consent
-// page instead of allowing access.
+// standard error and exits 1.
 import { mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import path from 'node:path';
@@ -17,7 +16,6 @@ const { values: options } = parseArgs({
     url: { type: 'string' },
     'redirect-prefix': { type: 'string' },
     login: { type: 'string', default: 'alice' },
-    deny: { type: 'boolean', default: false },
   },
 });
 const timeout = 60000;
@@ -59,11 +57,7 @@ try {
   await page.fill('input[name="password"]', 'any-password');
   await page.click('button[type="submit"]');
   await page.waitForSelector('input[name="prompt"][value="consent"]', { state: 'attached' });
-  if (options.deny) {
-    page.click('text=[ Cancel ]').catch(() => {});
-  } else {
-    page.click('button[type="submit"]').catch(() => {});
-  }
+  page.click('button[type="submit"]').catch(() => {});
   const url = await Promise.race([
     redirect,
     new Promise((_, reject) => setTimeout(() => reject(new Error('no redirect in time')), timeout)),

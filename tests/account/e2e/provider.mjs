@@ -2,12 +2,11 @@
 // oidc-provider on plain http at 127.0.0.1, with its development login and
 // consent pages and one registered native client.
 //
-//   node provider.mjs --client-id ID --client-secret SECRET --redirect-uri URI [--token-status CODE]
+//   node provider.mjs --client-id ID --client-secret SECRET --redirect-uri URI
 //
-// Prints one line "ISSUER <url>" once it listens. --token-status makes the
-// token endpoint answer every request with that HTTP status. It stops on
-// SIGTERM, SIGINT, or when its standard input closes, so it never outlives
-// the process that started it.
+// Prints one line "ISSUER <url>" once it listens. It stops on SIGTERM,
+// SIGINT, or when its standard input closes, so it never outlives the process
+// that started it.
 import http from 'node:http';
 import { parseArgs } from 'node:util';
 import Provider from 'oidc-provider';
@@ -17,7 +16,6 @@ const { values: options } = parseArgs({
     'client-id': { type: 'string' },
     'client-secret': { type: 'string' },
     'redirect-uri': { type: 'string', multiple: true },
-    'token-status': { type: 'string' },
   },
 });
 
@@ -53,18 +51,6 @@ const provider = new Provider(issuer, {
   issueRefreshToken: async (ctx, client, code) => client.grantTypeAllowed('refresh_token')
     && code.scopes.has('offline_access'),
 });
-
-if (options['token-status']) {
-  const status = Number(options['token-status']);
-  provider.use(async (ctx, next) => {
-    if (ctx.path === '/token') {
-      ctx.status = status;
-      ctx.body = { error: 'invalid_request', error_description: 'refused by the test' };
-      return;
-    }
-    await next();
-  });
-}
 
 server.on('request', provider.callback());
 process.stdout.write(`ISSUER ${issuer}\n`);

@@ -12,14 +12,9 @@ namespace vantor::account::testing {
 static std::string script(const char* name) { return std::string(VANTOR_ACCOUNT_E2E_DIR) + "/" + name; }
 
 LocalOpenIdProvider::LocalOpenIdProvider(Options options) : options_(std::move(options)) {
-  std::vector<std::string> argv{"node", script("provider.mjs"), "--client-id", options_.clientId,
-                                "--client-secret", options_.clientSecret, "--redirect-uri",
-                                options_.redirectURI};
-  if (options_.tokenStatus) {
-    argv.push_back("--token-status");
-    argv.push_back(std::to_string(*options_.tokenStatus));
-  }
-  process_ = std::make_unique<ChildProcess>(argv);
+  process_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"node", script("provider.mjs"), "--client-id", options_.clientId, "--client-secret",
+                               options_.clientSecret, "--redirect-uri", options_.redirectURI});
   auto line = process_->readLine(std::chrono::seconds(30));
   constexpr std::string_view marker = "ISSUER ";
   if (!line || line->rfind(marker, 0) != 0) {
@@ -30,13 +25,10 @@ LocalOpenIdProvider::LocalOpenIdProvider(Options options) : options_(std::move(o
 
 std::optional<std::string> signInWithHeadlessBrowser(const std::string& authorizationURL,
                                                      const std::string& redirectPrefix,
-                                                     const std::string& login, bool deny) {
-  std::vector<std::string> argv{"node",           script("browser.mjs"), "--url", authorizationURL,
-                                "--redirect-prefix", redirectPrefix,     "--login", login};
-  if (deny) {
-    argv.push_back("--deny");
-  }
-  auto run = runToCompletion(argv, std::chrono::seconds(90));
+                                                     const std::string& login) {
+  auto run = runToCompletion({"node", script("browser.mjs"), "--url", authorizationURL, "--redirect-prefix",
+                              redirectPrefix, "--login", login},
+                             std::chrono::seconds(90));
   constexpr std::string_view marker = "REDIRECT ";
   if (!run || run->status != 0 || run->output.rfind(marker, 0) != 0) {
     return std::nullopt;

@@ -16,8 +16,6 @@ class LocalOpenIdProvider {
     std::string clientId = "vantor-signin-test";
     std::string clientSecret = "local-test-secret";
     std::string redirectURI = "com.vantor.signin-test:/qmaccounts/quelmoconnect";
-    // When set, the token endpoint answers every request with this status.
-    std::optional<int> tokenStatus;
   };
 
   // Waits until it listens; throws std::runtime_error when it does not.
@@ -35,12 +33,12 @@ class LocalOpenIdProvider {
 };
 
 // Opens `authorizationURL` in headless Chromium (e2e/browser.mjs), signs in
-// as `login` on the provider's development pages, allows access (or, with
-// `deny`, cancels), and returns the URL the provider redirected to, which
-// starts with `redirectPrefix`. None when the browser run failed.
+// as `login` on the provider's development pages, allows access, and returns
+// the URL the provider redirected to, which starts with `redirectPrefix`.
+// None when the browser run failed.
 std::optional<std::string> signInWithHeadlessBrowser(const std::string& authorizationURL,
                                                      const std::string& redirectPrefix,
-                                                     const std::string& login, bool deny = false);
+                                                     const std::string& login);
 
 // Sets the application up as the sign-in tests' host does: an account layer
 // for the provider at `issuer` (asking for e-mail and a refresh token), and
