@@ -18,6 +18,26 @@ using tcp = asio::ip::tcp;
 
 realtime::Payload echoPayload(std::int64_t n) { return realtime::Payload{{"body", "hello"}, {"i", n}}; }
 
+namespace {
+
+std::string echoFrame(std::int64_t ref) {
+  json::array frame{"1", std::to_string(ref), "room:bench", "echo",
+                    json::object{{"body", "hello"}, {"i", ref}}};
+  return json::serialize(frame);
+}
+
+// Parses and checks the reply in `buffer`, then empties it.
+void takeReply(beast::flat_buffer& buffer) {
+  auto reply = json::parse(std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
+  buffer.consume(buffer.size());
+  const auto& frame = reply.as_array();
+  if (frame.at(3).as_string() != "phx_reply" || frame.at(4).as_object().at("status").as_string() != "ok") {
+    std::fprintf(stderr, "unexpected reply\n");
+  }
+}
+
+}  // namespace
+
 BareClient::BareClient(std::uint16_t port) {
   ws_.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
   ws_.next_layer().set_option(tcp::no_delay(true));
@@ -30,21 +50,72 @@ BareClient::~BareClient() {
   ws_.close(beast::websocket::close_code::normal, ignored);
 }
 
-void BareClient::send() {
-  ++ref_;
-  json::array frame{"1", std::to_string(ref_), "room:bench", "echo",
-                    json::object{{"body", "hello"}, {"i", ref_}}};
-  ws_.write(asio::buffer(json::serialize(frame)));
-}
+void BareClient::send() { ws_.write(asio::buffer(echoFrame(++ref_))); }
 
 void BareClient::receive() {
   ws_.read(buffer_);
-  auto reply = json::parse(std::string_view(static_cast<const char*>(buffer_.data().data()), buffer_.size()));
-  buffer_.consume(buffer_.size());
-  const auto& frame = reply.as_array();
-  if (frame.at(3).as_string() != "phx_reply" || frame.at(4).as_object().at("status").as_string() != "ok") {
-    std::fprintf(stderr, "unexpected reply\n");
+  takeReply(buffer_);
+}
+
+AsyncBareClient::AsyncBareClient(std::uint16_t port) {
+  ws_.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+  ws_.next_layer().set_option(tcp::no_delay(true));
+  ws_.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
+  ws_.text(true);
+}
+
+AsyncBareClient::~AsyncBareClient() {
+  beast::error_code ignored;
+  ws_.close(beast::websocket::close_code::normal, ignored);
+}
+
+std::int64_t AsyncBareClient::run(int window, std::function<bool()> more) {
+  more_ = std::move(more);
+  done_ = 0;
+  for (; outstanding_ < window && more_(); ++outstanding_) {
+    send();
   }
+  if (outstanding_ > 0) {
+    read();
+  }
+  context_.restart();
+  context_.run();
+  return done_;
+}
+
+void AsyncBareClient::send() {
+  writes_.push_back(echoFrame(++ref_));
+  if (writes_.size() == 1) {
+    writeNext();
+  }
+}
+
+void AsyncBareClient::writeNext() {
+  ws_.async_write(asio::buffer(writes_.front()), [this](beast::error_code error, std::size_t) {
+    writes_.pop_front();
+    if (!error && !writes_.empty()) {
+      writeNext();
+    }
+  });
+}
+
+void AsyncBareClient::read() {
+  ws_.async_read(buffer_, [this](beast::error_code error, std::size_t) {
+    if (error) {
+      std::fprintf(stderr, "read failed: %s\n", error.message().c_str());
+      return;
+    }
+    takeReply(buffer_);
+    ++done_;
+    --outstanding_;
+    if (more_()) {
+      send();
+      ++outstanding_;
+    }
+    if (outstanding_ > 0) {
+      read();
+    }
+  });
 }
 
 LibraryClient::LibraryClient(std::uint16_t port, bool collectMetrics) {

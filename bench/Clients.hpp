@@ -5,7 +5,10 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/stream.hpp>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
+#include <string>
 
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Payload.hpp"
@@ -57,6 +60,36 @@ class BareClient {
   boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws_{context_};
   boost::beast::flat_buffer buffer_;
   std::int64_t ref_ = 0;
+};
+
+/// The same client on an event loop: asynchronous Beast calls on an
+/// io_context run by the calling thread. It pays what any event-loop client
+/// pays per round trip (a wait in epoll_wait, handlers run through the
+/// scheduler), so it shows how much of ours/bare at one outstanding is the
+/// loop rather than this library.
+class AsyncBareClient {
+ public:
+  explicit AsyncBareClient(std::uint16_t port);
+  ~AsyncBareClient();
+  AsyncBareClient(const AsyncBareClient&) = delete;
+  AsyncBareClient& operator=(const AsyncBareClient&) = delete;
+
+  /// As BareClient::run.
+  std::int64_t run(int window, std::function<bool()> more);
+
+ private:
+  void send();
+  void writeNext();
+  void read();
+
+  boost::asio::io_context context_;
+  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws_{context_};
+  boost::beast::flat_buffer buffer_;
+  std::deque<std::string> writes_;
+  std::function<bool()> more_;
+  std::int64_t ref_ = 0;
+  std::int64_t done_ = 0;
+  int outstanding_ = 0;
 };
 
 /// A socket with one joined channel on "room:bench".

@@ -3,7 +3,7 @@
 // busy machine cannot give reliably.
 //
 //   vantor-e2e-count serve                 # an echo server; prints its port
-//   vantor-e2e-count <bare|loop|host> PORT [ROUND_TRIPS] [WINDOW]
+//   vantor-e2e-count <bare|async|loop|host> PORT [ROUND_TRIPS] [WINDOW]
 //
 // Under callgrind, statistics are zeroed after the connection and a warm-up,
 // and dumped as "measured" after the counted round trips, so the dump's
@@ -37,8 +37,9 @@ constexpr std::int64_t warmUp = 500;
 void startMeasuring() { CALLGRIND_ZERO_STATS; }
 void stopMeasuring() { CALLGRIND_DUMP_STATS_AT("measured"); }
 
+template <class BareLike>
 void bare(std::uint16_t port, std::int64_t count, int window) {
-  vantor::bench::BareClient client(port);
+  BareLike client(port);
   auto run = [&](std::int64_t total) {
     std::int64_t sent = 0;
     client.run(window, [&] { return sent++ < total; });
@@ -123,7 +124,7 @@ int main(int argc, char** argv) {
     }
   }
   if (argc < 3) {
-    std::fprintf(stderr, "usage: %s serve | <bare|loop|host> PORT [ROUND_TRIPS] [WINDOW]\n", argv[0]);
+    std::fprintf(stderr, "usage: %s serve | <bare|async|loop|host> PORT [ROUND_TRIPS] [WINDOW]\n", argv[0]);
     return 2;
   }
   const std::string mode = argv[1];
@@ -131,7 +132,9 @@ int main(int argc, char** argv) {
   const std::int64_t count = argc > 3 ? std::atoll(argv[3]) : 20000;
   const int window = argc > 4 ? std::atoi(argv[4]) : 64;
   if (mode == "bare") {
-    bare(port, count, window);
+    bare<vantor::bench::BareClient>(port, count, window);
+  } else if (mode == "async") {
+    bare<vantor::bench::AsyncBareClient>(port, count, window);
   } else if (mode == "loop") {
     onTheLoop(port, count, window);
   } else if (mode == "host") {

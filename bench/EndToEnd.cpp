@@ -69,8 +69,9 @@ Run measure(const EchoServer& server, Phase&& phase) {
   return run;
 }
 
+template <class BareLike = BareClient>
 Run bare(EchoServer& server, int window) {
-  BareClient client(server.port());
+  BareLike client(server.port());
   pinThreads(server.threadId());
   return measure(server, [&](Clock::time_point deadline) {
     return client.run(window, [&] { return Clock::now() < deadline; });
@@ -144,6 +145,12 @@ Run oursFromAnApplicationThread(EchoServer& server, int window) {
   return measure(server, phase);
 }
 
+// The median of an odd number of ratios.
+double middle(std::vector<double> ratios) {
+  std::sort(ratios.begin(), ratios.end());
+  return ratios[ratios.size() / 2];
+}
+
 Run medianOf(std::vector<Run> runs) {
   std::sort(runs.begin(), runs.end(),
             [](const Run& a, const Run& b) { return a.perSecond() < b.perSecond(); });
@@ -171,21 +178,32 @@ void runEndToEnd(Summary& summary) {
   const auto bare64 = median([&] { return bare(server, 64); });
   const auto ours64 = median([&] { return oursOnTheLoop(server, 64); });
   // At one outstanding the figure is latency, which drifts with the
-  // machine more than the two clients differ: runs alternate in pairs, the
-  // order alternating too, and the ratio is the median of the pairs'.
+  // machine more than the clients differ: runs go in rounds of one each of
+  // bare, bare on an event loop and ours, in a rotating order, and each
+  // ratio is the median of the rounds'.
   std::vector<Run> bare1Runs;
+  std::vector<Run> async1Runs;
   std::vector<Run> ours1Runs;
   std::vector<double> ratios1;
+  std::vector<double> asyncRatios1;
+  std::vector<double> oursOverAsync1;
   for (int i = 0; i < 5; ++i) {
-    const bool bareFirst = i % 2 == 0;
-    const Run first = bareFirst ? bare(server, 1) : oursOnTheLoop(server, 1);
-    const Run second = bareFirst ? oursOnTheLoop(server, 1) : bare(server, 1);
-    bare1Runs.push_back(bareFirst ? first : second);
-    ours1Runs.push_back(bareFirst ? second : first);
-    ratios1.push_back(ours1Runs.back().perSecond() / bare1Runs.back().perSecond());
+    Run runs[3];
+    for (int k = 0; k < 3; ++k) {
+      const int which = (i + k) % 3;
+      runs[which] = which == 0   ? bare(server, 1)
+                    : which == 1 ? bare<AsyncBareClient>(server, 1)
+                                 : oursOnTheLoop(server, 1);
+    }
+    bare1Runs.push_back(runs[0]);
+    async1Runs.push_back(runs[1]);
+    ours1Runs.push_back(runs[2]);
+    ratios1.push_back(runs[2].perSecond() / runs[0].perSecond());
+    asyncRatios1.push_back(runs[1].perSecond() / runs[0].perSecond());
+    oursOverAsync1.push_back(runs[2].perSecond() / runs[1].perSecond());
   }
-  std::sort(ratios1.begin(), ratios1.end());
   const auto bare1 = medianOf(bare1Runs);
+  const auto async1 = medianOf(async1Runs);
   const auto ours1 = medianOf(ours1Runs);
   const auto host64 = median([&] { return oursFromAnApplicationThread(server, 64); });
 
@@ -196,8 +214,11 @@ void runEndToEnd(Summary& summary) {
   print("Socket+Channel, 64 outstanding", ours64);
   print("Socket+Channel, app thread, 64", host64);
   print("bare Beast, 1 outstanding", bare1);
+  print("bare Beast async, 1 outstanding", async1);
   print("Socket+Channel, 1 outstanding", ours1);
-  std::printf("%-34s %12.3f\n", "1 outstanding, ours/bare (pairs)", ratios1[ratios1.size() / 2]);
+  std::printf("%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n", "1 outstanding, ours/bare", middle(ratios1),
+              "1 outstanding, bare async/bare", middle(asyncRatios1), "1 outstanding, ours/bare async",
+              middle(oursOverAsync1));
   std::fflush(stdout);
 
   // The cost of the connection counters: runs without and with them in
@@ -217,18 +238,17 @@ void runEndToEnd(Summary& summary) {
     off += without;
     on += with;
   }
-  std::sort(ratios.begin(), ratios.end());
   std::printf("\nConnection metrics, 64 outstanding (%zu pairs of runs)\n", ratios.size());
   std::printf("%-34s %12.0f\n%-34s %12.0f\n%-34s %11.2f%%\n", "counters off, mean replies/s",
               off / static_cast<double>(ratios.size()), "counters on, mean replies/s",
               on / static_cast<double>(ratios.size()), "throughput cost (median of pairs)",
-              100.0 * (1.0 - ratios[ratios.size() / 2]));
+              100.0 * (1.0 - middle(ratios)));
   std::fflush(stdout);
 
   summary.emplace_back("e2e_throughput_ratio", ours64.perSecond() / bare64.perSecond());
   summary.emplace_back("e2e_cpu_per_msg_ratio",
                        ours64.clientCpuPerMessage() / bare64.clientCpuPerMessage());
-  summary.emplace_back("e2e_throughput_ratio_w1", ratios1[ratios1.size() / 2]);
+  summary.emplace_back("e2e_throughput_ratio_w1", middle(ratios1));
   summary.emplace_back("e2e_throughput_ratio_host_thread", host64.perSecond() / bare64.perSecond());
 }
 
