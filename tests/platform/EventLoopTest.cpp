@@ -9,8 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "vantor/platform/DispatchWorkItem.hpp"
-
 namespace vantor::platform {
 namespace {
 
@@ -25,22 +23,6 @@ TEST(EventLoop, SyncRunsOnTheLoopAndReturnsTheResultOrRethrows) {
   EXPECT_THROW(loop.sync([]() -> int { throw std::runtime_error("boom"); }), std::runtime_error);
   // The loop survives and keeps serving.
   EXPECT_EQ(loop.sync([] { return 1; }), 1);
-}
-
-TEST(EventLoop, AsyncAfterRunsOnTheLoopUnlessCancelled) {
-  auto& loop = EventLoop::main();
-  std::atomic<bool> cancelledRan{false};
-  auto cancelled = DispatchWorkItem::make([&] { cancelledRan = true; });
-  loop.asyncAfter(std::chrono::milliseconds(20), cancelled);
-  cancelled->cancel();
-  std::promise<bool> ran;
-  auto item = DispatchWorkItem::make([&] { ran.set_value(loop.isCurrentThread()); });
-  loop.asyncAfter(std::chrono::milliseconds(40), item);
-  auto future = ran.get_future();
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  EXPECT_TRUE(future.get());
-  // Due earlier on the same loop, it would have run by now.
-  EXPECT_FALSE(cancelledRan);
 }
 
 TEST(EventLoop, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
