@@ -130,27 +130,6 @@ TEST_F(ChannelAgainstServer, AForbiddenJoinReportsTheReasonAndKeepsRetrying) {
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
 }
 
-TEST_F(ChannelAgainstServer, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) {
-  auto channel = socket->channel("room:1");
-  Notes reasons;
-  channel->onClose([&](const Message& message) {
-    reasons.add(std::string(message.payload().at("reason").as_string()));
-  });
-  channel->join();
-  ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  server.dropConnections();
-  ASSERT_TRUE(waitForState(channel, ChannelState::errored));
-  socket->disconnect();
-  channel->leave();
-  EXPECT_EQ(channel->state(), ChannelState::closed);
-  EXPECT_TRUE(socket->channels().empty());
-  EXPECT_THAT(reasons.all(), ElementsAre("leave"));
-  socket->connect();
-  ASSERT_TRUE(waitUntilConnected(socket));
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(server.countReceived("room:1", "phx_join"), 1U) << "a left channel never rejoins";
-}
-
 TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   auto older = socket->channel("room:1");
   older->join();
@@ -162,25 +141,6 @@ TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   EXPECT_THAT(socket->channels(), ElementsAre(newer));
   EXPECT_TRUE(log.contains("VantorPhoenixClient: transport, leaving duplicate topic: [room:1]"));
   ASSERT_TRUE(server.waitForMembers("room:1", 1, 10s));
-}
-
-struct Owner {};
-
-TEST_F(ChannelAgainstServer, BindingsKeepNoOwnerAliveAndALeftChannelIsFreed) {
-  auto channel = socket->channel("room:1");
-  auto owner = std::make_shared<Owner>();
-  std::weak_ptr<Owner> weakOwner = owner;
-  channel->delegateOn<Owner>("news", owner, [](Owner&, const Message&) {});
-  channel->join()->delegateReceive<Owner>("ok", owner, [](Owner&, const Message&) {});
-  ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  channel->push("noreply", {}, 60.0);
-  owner.reset();
-  EXPECT_TRUE(weakOwner.expired());
-  channel->leave();
-  ASSERT_TRUE(waitForState(channel, ChannelState::closed));
-  std::weak_ptr<Channel> weakChannel = channel;
-  channel.reset();
-  EXPECT_TRUE(weakChannel.expired());
 }
 
 // One user: a socket, a channel on the lobby and its presence.
