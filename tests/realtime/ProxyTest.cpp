@@ -1,8 +1,8 @@
 // Sockets through an HTTP proxy (tinyproxy, started by the test): ws and wss
-// tunnelled with certificate checks intact (a certificate for another host or
-// an expired one is refused and retried, never accepted), proxies that
-// refuse, are absent or never answer reported and retried like any failed
-// connection, and the hosts that no_proxy exempts reached directly.
+// tunnelled with certificate checks intact (a certificate from an untrusted
+// CA, for another host or expired is refused and retried, never accepted),
+// proxies that refuse, are absent or never answer reported and retried like
+// any failed connection, and the hosts that no_proxy exempts reached directly.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -95,6 +95,7 @@ struct TunnelCase {
   TestCertificates::Variant certificate;
   bool credentials;
   const char* expectedError;  // empty: the push gets its reply
+  bool trustTheCa = true;
 };
 
 class SocketThroughProxy : public ::testing::TestWithParam<TunnelCase> {};
@@ -109,7 +110,7 @@ TEST_P(SocketThroughProxy, ReachesTheServerThroughTheTunnelWithTlsChecksIntact) 
   }
   PhoenixTestServer server(PhoenixTestServer::Options{.tls = certificates});
   URLSessionConfiguration configuration;
-  if (certificates) {
+  if (certificates && param.trustTheCa) {
     configuration.additionalCertificateAuthorities.push_back(certificates->caCertificatePem);
   }
   configuration.proxy = environment({{param.tls ? "HTTPS_PROXY" : "http_proxy", proxy.url()}});
@@ -131,7 +132,9 @@ INSTANTIATE_TEST_SUITE_P(
                       TunnelCase{"WssToACertificateForAnotherHost", true,
                                  TestCertificates::Variant::otherNames, false, "certificate verify failed"},
                       TunnelCase{"WssToAnExpiredCertificate", true, TestCertificates::Variant::expired, false,
-                                 "certificate verify failed"}),
+                                 "certificate verify failed"},
+                      TunnelCase{"WssToACertificateFromAnUntrustedCa", true, TestCertificates::Variant::valid,
+                                 false, "certificate verify failed", false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 class SocketWithFailingProxy : public ::testing::Test {
