@@ -5,6 +5,7 @@
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/Presence.hpp"
 #include "vantor/realtime/Push.hpp"
 #include "vantor/testing/PhoenixTestServer.hpp"
 
@@ -46,32 +47,24 @@ class ChannelAgainstServer : public ::testing::Test {
   std::shared_ptr<Socket> socket;
 };
 
-TEST_F(ChannelAgainstServer, PushesMadeWhileJoiningOrErroredGoOutOnceAfterTheJoin) {
+TEST_F(ChannelAgainstServer, APushWhileTheServerHasErroredTheChannelGoesOutOnceUnderTheRejoin) {
   socket->setRejoinAfter([](int) { return 0.1; });  // a wide errored window
   auto channel = socket->channel("room:1");
   std::atomic<int> errors{0};
   channel->onError([&](const Message&) { ++errors; });
   channel->join();
-  channel->push("echo", {{"n", 1}});
-  channel->push("echo", {{"n", 2}});
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  ASSERT_TRUE(server.waitForFrames("room:1", "echo", 2, 10s));
-
   server.crashChannel("room:1");
   ASSERT_TRUE(waitForState(channel, ChannelState::errored));
   EXPECT_EQ(errors, 1);
-  channel->push("echo", {{"n", 3}});
+  channel->push("echo", {});
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  ASSERT_TRUE(server.waitForFrames("room:1", "echo", 3, 10s));
+  ASSERT_TRUE(server.waitForFrames("room:1", "echo", 1, 10s));
   std::this_thread::sleep_for(30ms);
-  EXPECT_THAT(eventsOn("room:1"), ElementsAre("phx_join", "echo", "echo", "phx_join", "echo"));
-  auto pushes = server.receivedFrames("room:1", "echo");
-  EXPECT_EQ(pushes[0].payload.at("n"), 1);
-  EXPECT_EQ(pushes[1].payload.at("n"), 2);
-  EXPECT_EQ(pushes[2].payload.at("n"), 3);
+  EXPECT_THAT(eventsOn("room:1"), ElementsAre("phx_join", "phx_join", "echo"));
   auto joins = server.receivedFrames("room:1", "phx_join");
   EXPECT_NE(joins[1].ref, joins[0].ref);
-  EXPECT_EQ(pushes[2].joinRef, joins[1].ref) << "sent under the new join";
+  EXPECT_EQ(server.receivedFrames("room:1", "echo")[0].joinRef, joins[1].ref) << "sent under the new join";
 }
 
 TEST_F(ChannelAgainstServer, ALateReplyReachesNobodyAndAResendIsAnsweredUnderItsNewReference) {
@@ -137,27 +130,6 @@ TEST_F(ChannelAgainstServer, AForbiddenJoinReportsTheReasonAndKeepsRetrying) {
   ASSERT_TRUE(waitForState(channel, ChannelState::joined));
 }
 
-TEST_F(ChannelAgainstServer, LeaveWhileDisconnectedClosesAtOnceAndNeverRejoins) {
-  auto channel = socket->channel("room:1");
-  Notes reasons;
-  channel->onClose([&](const Message& message) {
-    reasons.add(std::string(message.payload().at("reason").as_string()));
-  });
-  channel->join();
-  ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  server.dropConnections();
-  ASSERT_TRUE(waitForState(channel, ChannelState::errored));
-  socket->disconnect();
-  channel->leave();
-  EXPECT_EQ(channel->state(), ChannelState::closed);
-  EXPECT_TRUE(socket->channels().empty());
-  EXPECT_THAT(reasons.all(), ElementsAre("leave"));
-  socket->connect();
-  ASSERT_TRUE(waitUntilConnected(socket));
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(server.countReceived("room:1", "phx_join"), 1U) << "a left channel never rejoins";
-}
-
 TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   auto older = socket->channel("room:1");
   older->join();
@@ -171,23 +143,86 @@ TEST_F(ChannelAgainstServer, JoiningATopicTwiceLeavesTheOlderChannel) {
   ASSERT_TRUE(server.waitForMembers("room:1", 1, 10s));
 }
 
-struct Owner {};
+// One user: a socket, a channel on the lobby and its presence.
+struct User {
+  std::shared_ptr<Socket> socket;
+  std::shared_ptr<Channel> channel;
+  std::shared_ptr<Presence> presence;
+  std::atomic<int> syncs{0};
 
-TEST_F(ChannelAgainstServer, BindingsKeepNoOwnerAliveAndALeftChannelIsFreed) {
-  auto channel = socket->channel("room:1");
-  auto owner = std::make_shared<Owner>();
-  std::weak_ptr<Owner> weakOwner = owner;
-  channel->delegateOn<Owner>("news", owner, [](Owner&, const Message&) {});
-  channel->join()->delegateReceive<Owner>("ok", owner, [](Owner&, const Message&) {});
-  ASSERT_TRUE(waitForState(channel, ChannelState::joined));
-  channel->push("noreply", {}, 60.0);
-  owner.reset();
-  EXPECT_TRUE(weakOwner.expired());
-  channel->leave();
-  ASSERT_TRUE(waitForState(channel, ChannelState::closed));
-  std::weak_ptr<Channel> weakChannel = channel;
-  channel.reset();
-  EXPECT_TRUE(weakChannel.expired());
+  User(PhoenixTestServer& server, const std::string& id) {
+    socket = socketFor(server);
+    channel = socket->channel("room:lobby", {{"user_id", id}});
+    presence = Presence::make(channel);
+    presence->onSync([this] { ++syncs; });
+    channel->join();
+    socket->connect();
+  }
+  ~User() { socket->disconnect(); }
+
+  std::map<std::string, std::size_t> occurrences() const {
+    std::map<std::string, std::size_t> counts;
+    for (const auto& [key, entry] : presence->state()) {
+      counts[key] = entry.at("metas").size();
+    }
+    return counts;
+  }
+};
+
+using Counts = std::map<std::string, std::size_t>;
+
+bool allSee(const std::vector<User*>& users, const Counts& expected) {
+  return eventually([&] {
+    for (const auto* user : users) {
+      if (user->occurrences() != expected) {
+        return false;
+      }
+    }
+    return true;
+  });
+}
+
+TEST(PresenceAgainstServer, ClientsAgreeThroughJoinsLeavesADropAndARejoinWithOneSyncPerSnapshot) {
+  PhoenixTestServer server;  // sends a joiner its own diff before the snapshot
+  User alice(server, "alice");
+  ASSERT_TRUE(allSee({&alice}, Counts{{"alice", 1}}));
+  EXPECT_EQ(alice.syncs, 1) << "the held diff is applied with the snapshot, one sync for both";
+  EXPECT_TRUE(alice.presence->pendingDiffs().empty());
+  User bob(server, "bob");
+  ASSERT_TRUE(allSee({&alice, &bob}, Counts{{"alice", 1}, {"bob", 1}}));
+  EXPECT_EQ(bob.syncs, 1);
+  {
+    User carol(server, "carol");
+    User secondBob(server, "bob");
+    ASSERT_TRUE(allSee({&alice, &bob, &carol, &secondBob},
+                       Counts{{"alice", 1}, {"bob", 2}, {"carol", 1}}));
+  }
+  ASSERT_TRUE(allSee({&alice, &bob}, Counts{{"alice", 1}, {"bob", 1}}));
+
+  // Bob's connection drops: everyone sees him leave, and come back after
+  // his socket reconnects and his channel rejoins.
+  std::atomic<int> bobLeft{0};
+  alice.presence->onLeave([&](const std::string& key, const Presence::Map&, const Presence::Map&) {
+    if (key == "bob") {
+      ++bobLeft;
+    }
+  });
+  std::optional<PhoenixTestServer::ConnectionId> bobConnection;
+  for (const auto& join : server.receivedFrames("room:lobby", "phx_join")) {
+    if (join.payload.at("user_id") == "bob") {
+      bobConnection = join.connection;
+      break;
+    }
+  }
+  ASSERT_TRUE(bobConnection);
+  server.dropConnection(*bobConnection);
+  ASSERT_TRUE(eventually([&] { return bobLeft >= 1; }));
+  // Bob's presence waits for the snapshot of his new join.
+  ASSERT_TRUE(eventually([&] {
+    return bob.channel->isJoined() && !bob.presence->isPendingSyncState();
+  }));
+  EXPECT_EQ(bob.presence->joinRef(), bob.channel->joinRef());
+  ASSERT_TRUE(allSee({&alice, &bob}, Counts{{"alice", 1}, {"bob", 1}}));
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // Recovery from real faults: a socket and a channel talk to the bundled
-// server through a proxy that freezes, resets and cuts connections, while the
-// server refuses, stalls and closes. After each fault the socket must
-// reconnect on its back-off, the channel rejoin, and every push get exactly
-// one outcome.
+// server through a proxy that freezes or slows connections, while the server
+// refuses, stalls and closes (resets, cut frames and idle closes are the
+// soak's). After each fault the socket must reconnect on its back-off, the
+// channel rejoin, and every push get exactly one outcome.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -138,9 +138,7 @@ TEST_F(Recovery, AFrozenNetworkIsNoticedWithinTwoHeartbeatsAndTheChannelRejoinsA
 }
 
 // The last three also fail the reconnects until the server answers again.
-enum class Fault {
-  reset, cutFrame, serverCloseAndDrop, malformedFrame, refused, stalledHandshake, closedAfterUpgrade
-};
+enum class Fault { malformedFrame, refused, stalledHandshake, closedAfterUpgrade };
 
 class RecoveryFrom : public Recovery, public ::testing::WithParamInterface<std::pair<const char*, Fault>> {};
 
@@ -149,12 +147,6 @@ TEST_P(RecoveryFrom, TheSocketReconnectsTheChannelRejoinsAndEveryPushIsAnsweredO
   const auto closesBefore = closes.load();
   const auto fault = GetParam().second;
   switch (fault) {
-    case Fault::reset: proxy.reset(); break;
-    case Fault::cutFrame:
-      proxy.cutNextServerChunk();
-      server.broadcast("room:1", "news", {{"body", std::string(4096, 'x')}});
-      break;
-    case Fault::serverCloseAndDrop: server.closeAndDrop(1002); break;
     case Fault::malformedFrame:
       socket->setEncoder([](const boost::json::value& frame) {
         return frame.as_array()[3].as_string() == "garble" ? std::string("[1,") : Defaults::encode(frame);
@@ -190,9 +182,7 @@ TEST_P(RecoveryFrom, TheSocketReconnectsTheChannelRejoinsAndEveryPushIsAnsweredO
 
 INSTANTIATE_TEST_SUITE_P(
     Faults, RecoveryFrom,
-    ::testing::Values(std::pair("Reset", Fault::reset), std::pair("FrameCutInTheMiddle", Fault::cutFrame),
-                      std::pair("ServerIdleClose1002", Fault::serverCloseAndDrop),
-                      std::pair("ServerClose1011AfterAMalformedFrame", Fault::malformedFrame),
+    ::testing::Values(std::pair("ServerClose1011AfterAMalformedFrame", Fault::malformedFrame),
                       std::pair("Handshake403", Fault::refused),
                       std::pair("HandshakeNeverAnswered", Fault::stalledHandshake),
                       std::pair("ClosedRightAfterUpgrade", Fault::closedAfterUpgrade)),

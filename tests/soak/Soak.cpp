@@ -31,6 +31,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "../realtime/support/Eventually.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Push.hpp"
@@ -56,6 +57,7 @@ using vantor::realtime::PhoenixTransport;
 using vantor::realtime::Socket;
 using vantor::realtime::URLSessionConfiguration;
 using vantor::realtime::URLSessionTransport;
+using vantor::realtime::testing::eventually;
 using vantor::testing::FaultProxy;
 using vantor::testing::PhoenixTestServer;
 
@@ -188,18 +190,6 @@ struct Sample {
   }
 };
 
-template <class Predicate>
-bool waitUntil(Predicate done, std::chrono::milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (!done()) {
-    if (Clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(2ms);
-  }
-  return true;
-}
-
 double percentGrowth(long from, long to) {
   return from == 0 ? 0.0 : 100.0 * static_cast<double>(to - from) / static_cast<double>(from);
 }
@@ -243,14 +233,11 @@ class Soak {
     socket_->disconnect();
   }
 
-  Soak(const Soak&) = delete;
-  Soak& operator=(const Soak&) = delete;
-
   // Runs the soak; true when every figure holds.
   bool run() {
     started_ = Clock::now();
     socket_->connect();
-    if (!waitUntil([&] { return allJoined(); }, recoveryLimit)) {
+    if (!eventually([&] { return allJoined(); }, recoveryLimit)) {
       std::cout << "the channels never joined\n";
       return false;
     }
@@ -294,7 +281,7 @@ class Soak {
     // A close the run did not make (a heartbeat missed on a busy machine)
     // may have come after the last fault: the channels get a fault's
     // recovery time before they are counted.
-    waitUntil([&] { return allJoined(); }, recoveryLimit);
+    eventually([&] { return allJoined(); }, recoveryLimit);
     return report(settled, std::chrono::duration<double>(Clock::now() - started_).count());
   }
 
@@ -309,11 +296,11 @@ class Soak {
       case Fault::close1012: server_.closeAndDrop(1012); break;
       case Fault::cut: proxy_.cutNextServerChunk(); break;
     }
-    const bool noticed = waitUntil([&] { return closes_ > closesBefore; }, recoveryLimit);
+    const bool noticed = eventually([&] { return closes_ > closesBefore; }, recoveryLimit);
     if (fault == Fault::freeze) {
       proxy_.unfreeze();
     }
-    if (!noticed || !waitUntil([&] { return opens_ > opensBefore && allJoined(); }, recoveryLimit)) {
+    if (!noticed || !eventually([&] { return opens_ > opensBefore && allJoined(); }, recoveryLimit)) {
       return false;
     }
     slowestRecovery_ = std::max(slowestRecovery_,
@@ -366,7 +353,7 @@ class Soak {
   // Once the connections of earlier cycles are gone on every side, so that
   // only what the client keeps is counted.
   Sample settledSample() {
-    waitUntil([&] { return server_.openConnections() == 1 && proxy_.openConnections() == 1; }, 5s);
+    eventually([&] { return server_.openConnections() == 1 && proxy_.openConnections() == 1; }, 5s);
     return Sample::now();
   }
 

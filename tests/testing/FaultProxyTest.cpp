@@ -5,9 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <boost/asio/read.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/streambuf.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -50,7 +47,7 @@ class Client {
       return ec;
     }
     return run(limit, [&](auto done) {
-      ws_.async_handshake(response_, "127.0.0.1", "/socket/websocket?vsn=2.0.0", done);
+      ws_.async_handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0", done);
     });
   }
 
@@ -85,7 +82,7 @@ class Client {
   }
 
   [[nodiscard]] std::uint16_t closeCode() const { return ws_.reason().code; }
-  [[nodiscard]] unsigned httpStatus() const { return response_.result_int(); }
+  tcp::socket& socket() { return ws_.next_layer().socket(); }
 
  private:
   template <class Start>
@@ -100,7 +97,6 @@ class Client {
 
   asio::io_context io_;
   websocket::stream<beast::tcp_stream> ws_{io_};
-  websocket::response_type response_;
 };
 
 std::string frame(const json::value& joinRef, const json::value& ref, std::string_view topic,
@@ -139,41 +135,27 @@ TEST(FaultProxy, FrozenHoldsDataAndHandshakesThenForwardsWhatItHeld) {
 TEST(FaultProxy, ACutChunkArrivesInPartThenEnds) {
   PhoenixTestServer server;
   FaultProxy proxy{FaultProxy::Options{.targetPort = server.port()}};
-  asio::io_context io;
-  tcp::socket socket(io);
-  socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), proxy.port()));
-  asio::write(socket, asio::buffer(std::string_view(
-                          "GET /socket/websocket?vsn=2.0.0 HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                          "Upgrade: websocket\r\nConnection: Upgrade\r\n"
-                          "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
-                          "Sec-WebSocket-Version: 13\r\n\r\n")));
-  asio::streambuf response;
-  asio::read_until(socket, response, "\r\n\r\n");
+  Client client;
+  ASSERT_FALSE(client.connect(proxy.port()));
   proxy.cutNextServerChunk();
   server.sendRaw(std::string(1000, 'x'));  // 1004 bytes on the wire
   error_code ec;
   std::string received;
-  auto n = asio::read(socket, asio::dynamic_buffer(received), ec);
+  auto n = asio::read(client.socket(), asio::dynamic_buffer(received), ec);
   EXPECT_EQ(ec, asio::error::eof);
   EXPECT_GE(n, 1U);
   EXPECT_LT(n, 1004U);
 }
 
 // --- Handshake faults --------------------------------------------------------------------
+// The client suites would pass a stall or a close that turned into a refusal.
 
-TEST(HandshakeFaults, RefusedStalledAndClosedUpgrades) {
+TEST(HandshakeFaults, AStalledUpgradeHangsAndAClosedOneIsAcceptedFirst) {
   PhoenixTestServer server;
-  for (int status : {403, 500}) {
-    server.refuseHandshake(status);
-    Client client;
-    EXPECT_EQ(client.connect(server.port()), websocket::error::upgrade_declined);
-    EXPECT_EQ(client.httpStatus(), static_cast<unsigned>(status));
-  }
-
   server.stallHandshakes(true);
   Client stalled;
   EXPECT_EQ(stalled.connect(server.port(), 200ms), beast::error::timeout);
-  EXPECT_EQ(server.webSocket().handshakeTargets().size(), 3U);
+  EXPECT_EQ(server.webSocket().handshakeTargets().size(), 1U);
 
   server.acceptHandshakes();
   server.closeAfterUpgrade(4001);
@@ -181,27 +163,14 @@ TEST(HandshakeFaults, RefusedStalledAndClosedUpgrades) {
   ASSERT_FALSE(closed.connect(server.port()));
   EXPECT_EQ(closed.readError(), websocket::error::closed);
   EXPECT_EQ(closed.closeCode(), 4001);
-
-  server.acceptHandshakes();
-  Client normal;
-  ASSERT_FALSE(normal.connect(server.port()));
-  ASSERT_FALSE(normal.write(heartbeat(1)));
-  EXPECT_EQ(normal.readFrame()[1], "1");
-  EXPECT_TRUE(server.waitForOpenConnections(1, kPatience));
 }
 
 // --- Replies the client tests count on ---------------------------------------------------
 
-TEST(ServerReplies, UnmatchedTopicSecondJoinAndPresenceOrder) {
+TEST(ServerReplies, PresenceOrderAndASecondJoin) {
   PhoenixTestServer server;
   Client client;
   ASSERT_FALSE(client.connect(server.port()));
-
-  ASSERT_FALSE(client.write(frame(json::value("7"), json::value("8"), "room:x", "echo")));
-  EXPECT_EQ(client.readFrame(),
-            json::parse(R"([null,"8","room:x","phx_reply",)"
-                        R"({"status":"error","response":{"reason":"unmatched topic"}}])"));
-
   ASSERT_FALSE(client.write(
       frame(json::value("1"), json::value("1"), "room:a", "phx_join", {{"user_id", "al"}})));
   EXPECT_EQ(client.readFrame()[3], "phx_reply");
