@@ -7,14 +7,16 @@ config=${1:?usage: scripts/build.sh <normal|asan|tsan> [target...]}
 shift
 case "$config" in
   normal) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTOR_SANITIZER=none) ;;
-  asan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DVANTOR_SANITIZER=address) ;;
-  tsan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" -DVANTOR_SANITIZER=thread) ;;
+  # Line tables only (-g1) in the sanitizer builds: reports keep file and
+  # line, and the Beast-heavy files compile about a quarter faster.
+  asan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g1 -O1" -DVANTOR_SANITIZER=address) ;;
+  tsan)   args=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-g1 -O1" -DVANTOR_SANITIZER=thread) ;;
   *) echo "unknown build: $config" >&2; exit 2 ;;
 esac
 dir=${BUILD_ROOT:-build}/$config
-if [ ! -f "$dir/build.ninja" ]; then
-  cmake -S . -B "$dir" -G Ninja -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${args[@]}"
-fi
+# Configured every time, so that a change of these flags reaches an
+# existing tree.
+cmake -S . -B "$dir" -G Ninja -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${args[@]}" >/dev/null
 targets=()
 for t in "$@"; do targets+=(--target "$t"); done
 cmake --build "$dir" --parallel "${JOBS:-$(nproc)}" "${targets[@]}"
