@@ -18,16 +18,25 @@ using tcp = asio::ip::tcp;
 
 realtime::Payload echoPayload(std::int64_t n) { return realtime::Payload{{"body", "hello"}, {"i", n}}; }
 
-namespace {
+BareConnection::BareConnection(std::uint16_t port) {
+  ws.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+  ws.next_layer().set_option(tcp::no_delay(true));
+  ws.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
+  ws.text(true);
+}
 
-std::string echoFrame(std::int64_t ref) {
-  json::array frame{"1", std::to_string(ref), "room:bench", "echo",
-                    json::object{{"body", "hello"}, {"i", ref}}};
+BareConnection::~BareConnection() {
+  beast::error_code ignored;
+  ws.close(beast::websocket::close_code::normal, ignored);
+}
+
+std::string BareConnection::nextFrame() {
+  ++ref;
+  json::array frame{"1", std::to_string(ref), "room:bench", "echo", json::object{{"body", "hello"}, {"i", ref}}};
   return json::serialize(frame);
 }
 
-// Parses and checks the reply in `buffer`, then empties it.
-void takeReply(beast::flat_buffer& buffer) {
+void BareConnection::takeReply() {
   auto reply = json::parse(std::string_view(static_cast<const char*>(buffer.data().data()), buffer.size()));
   buffer.consume(buffer.size());
   const auto& frame = reply.as_array();
@@ -36,37 +45,11 @@ void takeReply(beast::flat_buffer& buffer) {
   }
 }
 
-}  // namespace
-
-BareClient::BareClient(std::uint16_t port) {
-  ws_.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
-  ws_.next_layer().set_option(tcp::no_delay(true));
-  ws_.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
-  ws_.text(true);
-}
-
-BareClient::~BareClient() {
-  beast::error_code ignored;
-  ws_.close(beast::websocket::close_code::normal, ignored);
-}
-
-void BareClient::send() { ws_.write(asio::buffer(echoFrame(++ref_))); }
+void BareClient::send() { connection_.ws.write(asio::buffer(connection_.nextFrame())); }
 
 void BareClient::receive() {
-  ws_.read(buffer_);
-  takeReply(buffer_);
-}
-
-AsyncBareClient::AsyncBareClient(std::uint16_t port) {
-  ws_.next_layer().connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
-  ws_.next_layer().set_option(tcp::no_delay(true));
-  ws_.handshake("127.0.0.1", "/socket/websocket?vsn=2.0.0");
-  ws_.text(true);
-}
-
-AsyncBareClient::~AsyncBareClient() {
-  beast::error_code ignored;
-  ws_.close(beast::websocket::close_code::normal, ignored);
+  connection_.ws.read(connection_.buffer);
+  connection_.takeReply();
 }
 
 std::int64_t AsyncBareClient::run(int window, std::function<bool()> more) {
@@ -78,20 +61,20 @@ std::int64_t AsyncBareClient::run(int window, std::function<bool()> more) {
   if (outstanding_ > 0) {
     read();
   }
-  context_.restart();
-  context_.run();
+  connection_.context.restart();
+  connection_.context.run();
   return done_;
 }
 
 void AsyncBareClient::send() {
-  writes_.push_back(echoFrame(++ref_));
+  writes_.push_back(connection_.nextFrame());
   if (writes_.size() == 1) {
     writeNext();
   }
 }
 
 void AsyncBareClient::writeNext() {
-  ws_.async_write(asio::buffer(writes_.front()), [this](beast::error_code error, std::size_t) {
+  connection_.ws.async_write(asio::buffer(writes_.front()), [this](beast::error_code error, std::size_t) {
     writes_.pop_front();
     if (!error && !writes_.empty()) {
       writeNext();
@@ -100,12 +83,12 @@ void AsyncBareClient::writeNext() {
 }
 
 void AsyncBareClient::read() {
-  ws_.async_read(buffer_, [this](beast::error_code error, std::size_t) {
+  connection_.ws.async_read(connection_.buffer, [this](beast::error_code error, std::size_t) {
     if (error) {
       std::fprintf(stderr, "read failed: %s\n", error.message().c_str());
       return;
     }
-    takeReply(buffer_);
+    connection_.takeReply();
     ++done_;
     --outstanding_;
     if (more_()) {

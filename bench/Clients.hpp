@@ -19,16 +19,32 @@ namespace vantor::bench {
 /// The payload of the n-th echo push, the same for every client.
 realtime::Payload echoPayload(std::int64_t n);
 
+/// A WebSocket to the echo server, opened with blocking calls: what both
+/// bare clients hold. It encodes the n-th echo frame and parses a reply.
+struct BareConnection {
+  explicit BareConnection(std::uint16_t port);
+  ~BareConnection();
+  BareConnection(const BareConnection&) = delete;
+  BareConnection& operator=(const BareConnection&) = delete;
+
+  /// The text of the next echo frame, [join_ref, ref, topic, "echo", payload].
+  std::string nextFrame();
+  /// Parses and checks the reply in `buffer`, then empties it.
+  void takeReply();
+
+  boost::asio::io_context context;
+  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws{context};
+  boost::beast::flat_buffer buffer;
+  std::int64_t ref = 0;
+};
+
 /// The client that ours is measured against: plain Beast and Boost.JSON,
 /// synchronous calls on the calling thread, no framework code in between.
 /// Each round trip encodes [join_ref, ref, topic, "echo", payload], sends it,
 /// reads the reply and parses it.
 class BareClient {
  public:
-  explicit BareClient(std::uint16_t port);
-  ~BareClient();
-  BareClient(const BareClient&) = delete;
-  BareClient& operator=(const BareClient&) = delete;
+  explicit BareClient(std::uint16_t port) : connection_(port) {}
 
   /// Keeps up to `window` round trips outstanding, starting a new one while
   /// `more()` is true, until every started one is answered; returns how many
@@ -56,10 +72,7 @@ class BareClient {
   void send();
   void receive();
 
-  boost::asio::io_context context_;
-  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws_{context_};
-  boost::beast::flat_buffer buffer_;
-  std::int64_t ref_ = 0;
+  BareConnection connection_;
 };
 
 /// The same client on an event loop: asynchronous Beast calls on an
@@ -69,10 +82,7 @@ class BareClient {
 /// loop rather than this library.
 class AsyncBareClient {
  public:
-  explicit AsyncBareClient(std::uint16_t port);
-  ~AsyncBareClient();
-  AsyncBareClient(const AsyncBareClient&) = delete;
-  AsyncBareClient& operator=(const AsyncBareClient&) = delete;
+  explicit AsyncBareClient(std::uint16_t port) : connection_(port) {}
 
   /// As BareClient::run.
   std::int64_t run(int window, std::function<bool()> more);
@@ -82,12 +92,9 @@ class AsyncBareClient {
   void writeNext();
   void read();
 
-  boost::asio::io_context context_;
-  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> ws_{context_};
-  boost::beast::flat_buffer buffer_;
+  BareConnection connection_;
   std::deque<std::string> writes_;
   std::function<bool()> more_;
-  std::int64_t ref_ = 0;
   std::int64_t done_ = 0;
   int outstanding_ = 0;
 };

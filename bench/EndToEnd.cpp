@@ -181,30 +181,28 @@ void runEndToEnd(Summary& summary) {
   // machine more than the clients differ: runs go in rounds of one each of
   // bare, bare on an event loop and ours, in a rotating order, and each
   // ratio is the median of the rounds'.
-  std::vector<Run> bare1Runs;
-  std::vector<Run> async1Runs;
-  std::vector<Run> ours1Runs;
-  std::vector<double> ratios1;
-  std::vector<double> asyncRatios1;
-  std::vector<double> oursOverAsync1;
+  enum { bareClient, asyncClient, ourClient, clients };
+  std::vector<Run> rounds[clients];
   for (int i = 0; i < 5; ++i) {
-    Run runs[3];
-    for (int k = 0; k < 3; ++k) {
-      const int which = (i + k) % 3;
-      runs[which] = which == 0   ? bare(server, 1)
-                    : which == 1 ? bare<AsyncBareClient>(server, 1)
-                                 : oursOnTheLoop(server, 1);
+    for (int k = 0; k < clients; ++k) {
+      const int which = (i + k) % clients;
+      rounds[which].push_back(which == bareClient    ? bare(server, 1)
+                              : which == asyncClient ? bare<AsyncBareClient>(server, 1)
+                                                     : oursOnTheLoop(server, 1));
     }
-    bare1Runs.push_back(runs[0]);
-    async1Runs.push_back(runs[1]);
-    ours1Runs.push_back(runs[2]);
-    ratios1.push_back(runs[2].perSecond() / runs[0].perSecond());
-    asyncRatios1.push_back(runs[1].perSecond() / runs[0].perSecond());
-    oursOverAsync1.push_back(runs[2].perSecond() / runs[1].perSecond());
   }
-  const auto bare1 = medianOf(bare1Runs);
-  const auto async1 = medianOf(async1Runs);
-  const auto ours1 = medianOf(ours1Runs);
+  // The median over the rounds of one client's rate over another's.
+  auto ratio = [&](int over, int under) {
+    std::vector<double> ratios;
+    for (std::size_t i = 0; i < rounds[over].size(); ++i) {
+      ratios.push_back(rounds[over][i].perSecond() / rounds[under][i].perSecond());
+    }
+    return middle(std::move(ratios));
+  };
+  const auto bare1 = medianOf(rounds[bareClient]);
+  const auto async1 = medianOf(rounds[asyncClient]);
+  const auto ours1 = medianOf(rounds[ourClient]);
+  const double ours1OverBare = ratio(ourClient, bareClient);
   const auto host64 = median([&] { return oursFromAnApplicationThread(server, 64); });
 
   std::printf("\nEnd to end, loopback, server on core 1, clients on core 0 (median of %d runs of %.1f s)\n",
@@ -216,9 +214,9 @@ void runEndToEnd(Summary& summary) {
   print("bare Beast, 1 outstanding", bare1);
   print("bare Beast async, 1 outstanding", async1);
   print("Socket+Channel, 1 outstanding", ours1);
-  std::printf("%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n", "1 outstanding, ours/bare", middle(ratios1),
-              "1 outstanding, bare async/bare", middle(asyncRatios1), "1 outstanding, ours/bare async",
-              middle(oursOverAsync1));
+  std::printf("%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n", "1 outstanding, ours/bare", ours1OverBare,
+              "1 outstanding, bare async/bare", ratio(asyncClient, bareClient), "1 outstanding, ours/bare async",
+              ratio(ourClient, asyncClient));
   std::fflush(stdout);
 
   // The cost of the connection counters: runs without and with them in
@@ -248,7 +246,7 @@ void runEndToEnd(Summary& summary) {
   summary.emplace_back("e2e_throughput_ratio", ours64.perSecond() / bare64.perSecond());
   summary.emplace_back("e2e_cpu_per_msg_ratio",
                        ours64.clientCpuPerMessage() / bare64.clientCpuPerMessage());
-  summary.emplace_back("e2e_throughput_ratio_w1", middle(ratios1));
+  summary.emplace_back("e2e_throughput_ratio_w1", ours1OverBare);
   summary.emplace_back("e2e_throughput_ratio_host_thread", host64.perSecond() / bare64.perSecond());
 }
 

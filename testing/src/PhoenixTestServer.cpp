@@ -204,26 +204,20 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.idleTimeout = options_.idleTimeout;
   wsOptions.permessageDeflate = options_.compress;
   wsOptions.recordConnections = options_.recordConnections;
-  wsOptions.hooks.chooseSubprotocol = [this](const std::string& offered) {
-    wsReady_.wait(false);
-    return chooseSubprotocol(offered);
+  // Each hook first waits until `ws_` is assigned.
+  auto whenReady = [this](auto hook) {
+    return [this, hook](auto&&... args) {
+      wsReady_.wait(false);
+      return hook(args...);
+    };
   };
-  wsOptions.hooks.screenHandshake = [this](const std::string& target) {
-    wsReady_.wait(false);
-    return screen(target);
-  };
-  wsOptions.hooks.onOpen = [this](ConnectionId c, const std::string& target) {
-    wsReady_.wait(false);
-    opened(c, target);
-  };
-  wsOptions.hooks.onText = [this](ConnectionId c, const std::string& text) {
-    wsReady_.wait(false);
-    received(c, text);
-  };
-  wsOptions.hooks.onClosed = [this](ConnectionId c) {
-    wsReady_.wait(false);
-    closed(c);
-  };
+  wsOptions.hooks.chooseSubprotocol =
+      whenReady([this](const std::string& offered) { return chooseSubprotocol(offered); });
+  wsOptions.hooks.screenHandshake =
+      whenReady([this](const std::string& target) { return screen(target); });
+  wsOptions.hooks.onOpen = whenReady([this](ConnectionId c, const std::string& target) { opened(c, target); });
+  wsOptions.hooks.onText = whenReady([this](ConnectionId c, const std::string& text) { received(c, text); });
+  wsOptions.hooks.onClosed = whenReady([this](ConnectionId c) { closed(c); });
   ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
   wsReady_ = true;
   wsReady_.notify_all();
