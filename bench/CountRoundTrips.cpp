@@ -5,6 +5,8 @@
 //   vantor-e2e-count serve                 # an echo server; prints its port
 //   vantor-e2e-count <bare|async|loop|host> PORT [ROUND_TRIPS] [WINDOW]
 //
+// VANTOR_POLL_BEFORE_SLEEP_US sets how long the loop polls before sleeping.
+//
 // Under callgrind, statistics are zeroed after the connection and a warm-up,
 // and dumped as "measured" after the counted round trips, so the dump's
 // instruction total divided by ROUND_TRIPS is the client's cost per round
@@ -131,6 +133,9 @@ int main(int argc, char** argv) {
   const auto port = static_cast<std::uint16_t>(std::atoi(argv[2]));
   const std::int64_t count = argc > 3 ? std::atoll(argv[3]) : 20000;
   const int window = argc > 4 ? std::atoi(argv[4]) : 64;
+  if (const char* poll = std::getenv("VANTOR_POLL_BEFORE_SLEEP_US")) {
+    vantor::platform::EventLoop::main().setPollBeforeSleep(std::chrono::microseconds(std::atoi(poll)));
+  }
   if (mode == "bare") {
     bare<vantor::bench::BareClient>(port, count, window);
   } else if (mode == "async") {

@@ -181,14 +181,20 @@ void runEndToEnd(Summary& summary) {
   // machine more than the clients differ: runs go in rounds of one each of
   // bare, bare on an event loop and ours, in a rotating order, and each
   // ratio is the median of the rounds'.
-  enum { bareClient, asyncClient, ourClient, clients };
+  // Ours runs with the loop's polling before sleeping, as by default, and
+  // without it.
+  enum { bareClient, asyncClient, ourClient, ourClientNoPolling, clients };
   std::vector<Run> rounds[clients];
   for (int i = 0; i < 5; ++i) {
     for (int k = 0; k < clients; ++k) {
       const int which = (i + k) % clients;
+      if (which == ourClientNoPolling) {
+        platform::EventLoop::main().setPollBeforeSleep(std::chrono::microseconds::zero());
+      }
       rounds[which].push_back(which == bareClient    ? bare(server, 1)
                               : which == asyncClient ? bare<AsyncBareClient>(server, 1)
                                                      : oursOnTheLoop(server, 1));
+      platform::EventLoop::main().setPollBeforeSleep(std::chrono::microseconds(50));
     }
   }
   // The median over the rounds of one client's rate over another's.
@@ -202,6 +208,7 @@ void runEndToEnd(Summary& summary) {
   const auto bare1 = medianOf(rounds[bareClient]);
   const auto async1 = medianOf(rounds[asyncClient]);
   const auto ours1 = medianOf(rounds[ourClient]);
+  const auto ours1NoPolling = medianOf(rounds[ourClientNoPolling]);
   const double ours1OverBare = ratio(ourClient, bareClient);
   const auto host64 = median([&] { return oursFromAnApplicationThread(server, 64); });
 
@@ -214,9 +221,10 @@ void runEndToEnd(Summary& summary) {
   print("bare Beast, 1 outstanding", bare1);
   print("bare Beast async, 1 outstanding", async1);
   print("Socket+Channel, 1 outstanding", ours1);
-  std::printf("%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n", "1 outstanding, ours/bare", ours1OverBare,
+  print("Socket+Channel, 1, no polling", ours1NoPolling);
+  std::printf("%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n%-34s %12.3f\n", "1 outstanding, ours/bare", ours1OverBare,
               "1 outstanding, bare async/bare", ratio(asyncClient, bareClient), "1 outstanding, ours/bare async",
-              ratio(ourClient, asyncClient));
+              ratio(ourClient, asyncClient), "1, ours without polling/bare", ratio(ourClientNoPolling, bareClient));
   std::fflush(stdout);
 
   // The cost of the connection counters: runs without and with them in

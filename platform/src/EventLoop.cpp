@@ -7,6 +7,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -31,6 +33,8 @@ namespace vantor::platform {
 namespace asio = boost::asio;
 
 namespace {
+constexpr std::chrono::microseconds defaultPollBeforeSleep{50};
+
 std::atomic<bool> mainInUse{false};
 std::atomic<bool> mainOnHostThread{false};
 // The thread that asked to run the main loop itself; it owns the loop even
@@ -145,11 +149,50 @@ struct EventLoop::Impl {
     }
   }
 
+  // How long an idle loop keeps polling before it sleeps (nanoseconds);
+  // zero turns polling off.
+  std::atomic<std::int64_t> pollBeforeSleep{std::chrono::nanoseconds(defaultPollBeforeSleep).count()};
+
   // Runs the loop until it is stopped; after a handler's exception the loop
   // carries on with the next handler.
   void runLoop() {
-    while (!runReportingEscapes([this] { context.run(); })) {
+    while (!runReportingEscapes([this] { runPolling(); })) {
     }
+  }
+
+  // As io_context::run(), but polling before sleeping (setPollBeforeSleep).
+  // A wait longer than the limit, or a poll that found nothing, means
+  // sparse traffic: the next idle goes straight to sleep.
+  void runPolling() {
+    using Clock = std::chrono::steady_clock;
+    bool pollNext = true;
+    while (!context.stopped()) {
+      const std::chrono::nanoseconds limit(pollBeforeSleep.load(std::memory_order_relaxed));
+      if (pollNext && limit.count() > 0 && pollUntilWork(Clock::now() + limit)) {
+        continue;
+      }
+      const auto idleSince = Clock::now();
+      if (context.run_one() == 0) {
+        return;
+      }
+      pollNext = Clock::now() - idleSince < limit;
+    }
+  }
+
+  // Runs ready handlers, polling until some ran or `deadline` passed; true
+  // if any ran. Each round first offers the core to another thread that
+  // shares it, such as an application thread that is pushing.
+  bool pollUntilWork(std::chrono::steady_clock::time_point deadline) {
+    if (context.poll() > 0) {
+      return true;
+    }
+    while (!context.stopped() && std::chrono::steady_clock::now() < deadline) {
+      sched_yield();
+      if (context.poll() > 0) {
+        return true;
+      }
+    }
+    return false;
   }
 };
 
@@ -270,6 +313,10 @@ void EventLoop::setYieldsOnWake(bool yields) {
     return;  // run by the host: its thread is not ours to change
   }
   post([yields] { yieldOnWake(yields); });
+}
+
+void EventLoop::setPollBeforeSleep(std::chrono::microseconds limit) {
+  impl_->pollBeforeSleep = std::chrono::nanoseconds(std::max(limit, std::chrono::microseconds::zero())).count();
 }
 
 void EventLoop::stop() {

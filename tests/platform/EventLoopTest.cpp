@@ -1,7 +1,9 @@
 #include "vantor/platform/EventLoop.hpp"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sched.h>
+#include <time.h>
 
 #include <atomic>
 #include <future>
@@ -30,7 +32,17 @@ TEST(EventLoop, SyncRunsOnTheLoopAndReturnsTheResultOrRethrows) {
   EXPECT_EQ(loop.sync([] { return 1; }), 1);
 }
 
-TEST(EventLoop, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
+// Polling before sleeping on and off: with it, most posts find the loop
+// polling; without, each caught-up post must wake a sleeping loop.
+class EventLoopPolling : public testing::TestWithParam<std::chrono::microseconds> {
+ protected:
+  void SetUp() override { EventLoop::main().setPollBeforeSleep(GetParam()); }
+  void TearDown() override { EventLoop::main().setPollBeforeSleep(50us); }
+};
+
+INSTANTIATE_TEST_SUITE_P(OnAndOff, EventLoopPolling, testing::Values(50us, 0us));
+
+TEST_P(EventLoopPolling, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
   auto& loop = EventLoop::main();
   constexpr int threads = 4;
   constexpr int perThread = 20000;
@@ -65,6 +77,28 @@ TEST(EventLoop, WorkFromOtherThreadsRunsOnceEachInEachThreadsOrder) {
   const auto [counts, disordered] = loop.sync([&] { return std::pair(next, outOfOrder); });
   EXPECT_EQ(counts, std::vector<int>(threads, perThread));
   EXPECT_EQ(disordered, 0);
+}
+
+TEST(EventLoop, AnIdleLoopSleepsSoonAfterPolling) {
+  auto& loop = EventLoop::main();
+  const clockid_t loopCpu = loop.sync([] {
+    clockid_t id{};
+    pthread_getcpuclockid(pthread_self(), &id);
+    return id;
+  });
+  auto cpuTime = [&] {
+    timespec now{};
+    clock_gettime(loopCpu, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  };
+  // A run of quick exchanges, so that the loop goes idle polling.
+  for (int i = 0; i < 1000; ++i) {
+    loop.sync([] {});
+  }
+  const auto before = cpuTime();
+  std::this_thread::sleep_for(300ms);
+  // A poll that never gave up would have used the whole time.
+  EXPECT_LT(cpuTime() - before, 60ms);
 }
 
 TEST(EventLoop, ItsOwnThreadYieldsOnWakeUnlessTurnedOff) {

@@ -99,6 +99,15 @@ class EventLoop {
   /// that the host runs.
   void setYieldsOnWake(bool yields);
 
+  /// How long the loop, going idle soon after it last woke, polls for work
+  /// before it sleeps: 50 microseconds by default, zero for never. A reply
+  /// that arrives meanwhile skips the sleep and the wake-up, a large share of
+  /// a round trip on loopback or a fast network. Idle after a longer wait,
+  /// or after a poll that found nothing, the loop sleeps at once, so sparse
+  /// traffic costs no polling; while polling it offers its core to other
+  /// threads. Takes effect at the loop's next idle.
+  void setPollBeforeSleep(std::chrono::microseconds limit);
+
  private:
   explicit EventLoop(bool ownThread);
   void shutDown() noexcept;
