@@ -161,17 +161,17 @@ struct EventLoop::Impl {
   }
 
   // As io_context::run(), but polling before sleeping (setPollBeforeSleep).
-  // A wait longer than the limit, or a poll that found nothing, means
-  // sparse traffic: the next idle goes straight to sleep.
+  // Work that took longer than the limit to come, a fruitless poll
+  // included, means sparse traffic: the next idle goes straight to sleep.
   void runPolling() {
     using Clock = std::chrono::steady_clock;
     bool pollNext = true;
     while (!context.stopped()) {
       const std::chrono::nanoseconds limit(pollBeforeSleep.load(std::memory_order_relaxed));
-      if (pollNext && limit.count() > 0 && pollUntilWork(Clock::now() + limit)) {
+      const auto idleSince = Clock::now();
+      if (pollNext && limit.count() > 0 && pollUntilWork(idleSince + limit)) {
         continue;
       }
-      const auto idleSince = Clock::now();
       if (context.run_one() == 0) {
         return;
       }

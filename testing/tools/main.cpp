@@ -23,11 +23,12 @@ int main(int argc, char** argv) {
     return static_cast<std::uint16_t>(port);
   };
   for (int i = 1; i < argc; ++i) {
-    std::optional<std::uint16_t> port;
-    if (std::strcmp(argv[i], "--quiet") == 0) {
-      quiet = true;
-    } else if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc && (port = portOf(argv[++i]))) {
+    const bool isPort = std::strcmp(argv[i], "--port") == 0 && i + 1 < argc;
+    const auto port = isPort ? portOf(argv[++i]) : std::nullopt;
+    if (port) {
       options.port = *port;
+    } else if (!isPort && std::strcmp(argv[i], "--quiet") == 0) {
+      quiet = true;
     } else {
       std::fprintf(stderr,
                    "usage: vantor-test-server [--port N] [--quiet]\n"
