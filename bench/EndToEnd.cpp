@@ -180,9 +180,8 @@ void runEndToEnd(Summary& summary) {
   // At one outstanding the figure is latency, which drifts with the
   // machine more than the clients differ: runs go in rounds of one each of
   // bare, bare on an event loop and ours, in a rotating order, and each
-  // ratio is the median of the rounds'.
-  // Ours runs with the loop's polling before sleeping, as by default, and
-  // without it.
+  // ratio is the median of the rounds'. Ours runs both with the loop's
+  // polling before sleeping, as by default, and without it.
   enum { bareClient, asyncClient, ourClient, ourClientNoPolling, clients };
   std::vector<Run> rounds[clients];
   for (int i = 0; i < 5; ++i) {

@@ -180,19 +180,16 @@ struct EventLoop::Impl {
   }
 
   // Runs ready handlers, polling until some ran or `deadline` passed; true
-  // if any ran. Each round first offers the core to another thread that
+  // if any ran. Between rounds it offers the core to another thread that
   // shares it, such as an application thread that is pushing.
   bool pollUntilWork(std::chrono::steady_clock::time_point deadline) {
-    if (context.poll() > 0) {
-      return true;
-    }
-    while (!context.stopped() && std::chrono::steady_clock::now() < deadline) {
-      sched_yield();
-      if (context.poll() > 0) {
-        return true;
+    while (context.poll() == 0) {
+      if (context.stopped() || std::chrono::steady_clock::now() >= deadline) {
+        return false;
       }
+      sched_yield();
     }
-    return false;
+    return true;
   }
 };
 
