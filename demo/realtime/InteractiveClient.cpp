@@ -72,13 +72,17 @@ int runInteractive(const InteractiveOptions& options) {
       },
       params);
   socket->setAuthToken(options.authToken);
+  // A server we do not control must not be able to stop the client with a
+  // short frame or broken presence data: drop such input and go on.
+  socket->setDropsMalformedInput(true);
   auto printStats = [&](const std::string& prefix) {
     const auto m = socket->metrics();
     out.say("stats", prefix + "frames in " + std::to_string(m.framesIn) + " (" + std::to_string(m.bytesIn) +
                          " B), out " + std::to_string(m.framesOut) + " (" + std::to_string(m.bytesOut) +
                          " B), reconnects " + std::to_string(m.reconnects) + ", rejoins " +
                          std::to_string(m.rejoins) + ", pushes ok " + std::to_string(m.pushesOk) + " error " +
-                         std::to_string(m.pushesError) + " timeout " + std::to_string(m.pushesTimeout));
+                         std::to_string(m.pushesError) + " timeout " + std::to_string(m.pushesTimeout) +
+                         ", malformed dropped " + std::to_string(m.malformedDropped));
   };
   if (options.stats) {
     socket->setCollectsMetrics(true);

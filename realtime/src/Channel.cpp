@@ -1,10 +1,10 @@
 #include "vantor/realtime/Channel.hpp"
 
 #include <bit>
-#include <limits>
 #include <string_view>
 
 #include "Guarded.hpp"
+#include "Intervals.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/realtime/ChannelEvent.hpp"
 #include "vantor/realtime/Push.hpp"
@@ -146,15 +146,20 @@ void Channel::scheduleRejoin() {
         channel.rejoin();
       }
     });
-    rejoinTimer->timerCalculation.delegate(self, [](Channel& channel, const int& tries) {
+    rejoinTimer->timerCalculation.delegate(self, [](Channel& channel, const std::int64_t& tries) {
       auto socket = channel.socket_.lock();
-      return socket ? socket->rejoinAfter(tries) : 5.0;
+      const double interval = socket ? socket->rejoinAfter(tries) : 5.0;
+      detail::requireInterval("Socket rejoinAfter(" + std::to_string(tries) + ")", interval);
+      return interval;
     });
   }
   rejoinTimer->scheduleTimeout();
 }
 
 std::shared_ptr<Push> Channel::join(std::optional<double> timeout) {
+  if (timeout) {
+    detail::requireInterval("Channel join timeout", *timeout);
+  }
   return onLoop([&] {
     if (joinedOnce_) {
       platform::fatalError(
@@ -212,6 +217,7 @@ void Channel::socketDisconnected() {
 }
 
 std::shared_ptr<Push> Channel::leave(double timeout) {
+  detail::requireInterval("Channel leave timeout", timeout);
   return onLoop([&] {
     resetRejoinTimer();
     state_ = ChannelState::leaving;
@@ -237,6 +243,7 @@ std::shared_ptr<Push> Channel::push(const std::string& event, Payload payload, d
     platform::fatalError("Tried to push " + event + " to " + topic_ +
                          " before joining. Use channel.join() before pushing events");
   }
+  detail::requireInterval("Channel push timeout", timeout);
   // The push is made on the caller's thread; sending or buffering it is
   // queued onto the loop, so an application thread does not wait for a hop.
   auto push = Push::make(shared_from_this(), event, std::move(payload), timeout);
@@ -251,49 +258,46 @@ std::shared_ptr<Push> Channel::push(const std::string& event, Payload payload, d
   return push;
 }
 
-int Channel::bind(std::string event, Delegated<Message, void> callback) {
+std::int64_t Channel::bind(std::string event, Delegated<Message, void> callback) {
   return onLoop([&] {
-    const int ref = nextBindingRef();
+    const std::int64_t ref = nextBindingRef();
     syncBindingsDel_.append(Binding{std::move(event), ref, std::move(callback)});
     return ref;
   });
 }
 
-int Channel::nextBindingRef() {
-  if (bindingRef_ == std::numeric_limits<int>::max()) {
-    platform::fatalError("Channel binding references overflowed");
-  }
-  return bindingRef_++;
+std::int64_t Channel::nextBindingRef() {
+  return bindingRef_++;  // 64 bits: a million a second lasts 292,000 years
 }
 
-int Channel::on(const std::string& event, Callback callback) {
+std::int64_t Channel::on(const std::string& event, Callback callback) {
   Delegated<Message, void> delegated;
   delegated.manuallyDelegate(std::move(callback));
   return bind(event, std::move(delegated));
 }
 
-int Channel::onClose(Callback callback) {
+std::int64_t Channel::onClose(Callback callback) {
   return on(std::string(ChannelEvent::close), std::move(callback));
 }
 
-int Channel::onError(Callback callback) {
+std::int64_t Channel::onError(Callback callback) {
   return on(std::string(ChannelEvent::error), std::move(callback));
 }
 
-std::optional<std::pair<Channel::OwnBinding, int>> Channel::ownBindingOf(std::string_view event) {
+std::optional<std::pair<Channel::OwnBinding, std::int64_t>> Channel::ownBindingOf(std::string_view event) {
   if (event == ChannelEvent::close) {
-    return std::pair{ownClose, 0};
+    return std::pair{ownClose, std::int64_t{0}};
   }
   if (event == ChannelEvent::error) {
-    return std::pair{ownError, 1};
+    return std::pair{ownError, std::int64_t{1}};
   }
   if (event == ChannelEvent::reply) {
-    return std::pair{ownReply, 2};
+    return std::pair{ownReply, std::int64_t{2}};
   }
   return std::nullopt;
 }
 
-void Channel::off(const std::string& event, std::optional<int> ref) {
+void Channel::off(const std::string& event, std::optional<std::int64_t> ref) {
   if (const auto own = ownBindingOf(event); own && (!ref || *ref == own->second)) {
     ownBindings_.fetch_and(static_cast<std::uint8_t>(~own->first));
   }
@@ -401,6 +405,7 @@ double Channel::timeout() const {
   return onLoop([&] { return timeout_; });
 }
 void Channel::setTimeout(double seconds) {
+  detail::requireInterval("Channel timeout", seconds);
   onLoop([&] { timeout_ = seconds; });
 }
 bool Channel::joinedOnce() const {

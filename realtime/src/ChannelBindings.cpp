@@ -46,19 +46,19 @@ void ChannelBindings::append(Binding binding) {
   entry.snapshot.reset();
 }
 
-void ChannelBindings::appendReply(std::uint64_t number, int ref, Callback callback) {
+void ChannelBindings::appendReply(std::uint64_t number, std::int64_t ref, Callback callback) {
   std::lock_guard lock(mutex_);
   auto [entry, added] = indexes().replies.try_emplace(number, ref, std::move(callback));
   if (!added) {
     auto& more = entry->second.more;
     if (!more) {
-      more = std::make_unique<std::vector<std::pair<int, Callback>>>();
+      more = std::make_unique<std::vector<std::pair<std::int64_t, Callback>>>();
     }
     more->emplace_back(ref, std::move(callback));
   }
 }
 
-void ChannelBindings::remove(const std::string& event, std::optional<int> ref) {
+void ChannelBindings::remove(const std::string& event, std::optional<std::int64_t> ref) {
   if (const auto number = replyNumber(event)) {
     removeReply(*number, ref);
     return;
@@ -84,7 +84,7 @@ void ChannelBindings::remove(const std::string& event, std::optional<int> ref) {
   releaseIfEmpty();
 }
 
-void ChannelBindings::removeReply(std::uint64_t number, std::optional<int> ref) {
+void ChannelBindings::removeReply(std::uint64_t number, std::optional<std::int64_t> ref) {
   std::lock_guard lock(mutex_);
   if (!indexes_) {
     return;

@@ -24,7 +24,7 @@ constexpr std::array<double, 9> reconnectTable{0.01, 0.05, 0.1, 0.15, 0.2, 0.25,
 constexpr std::array<double, 3> rejoinTable{1.0, 2.0, 5.0};
 
 template <std::size_t N>
-double steppedBackOff(const std::array<double, N>& table, double ceiling, int tries) {
+double steppedBackOff(const std::array<double, N>& table, double ceiling, std::int64_t tries) {
   if (tries < 1) {
     platform::fatalError("Back-off attempt numbers start at 1, got " + std::to_string(tries));
   }
@@ -291,11 +291,11 @@ std::string encodeFrame(const std::optional<std::string>& joinRef,
 
 }  // namespace detail
 
-double Defaults::reconnectSteppedBackOff(int tries) {
+double Defaults::reconnectSteppedBackOff(std::int64_t tries) {
   return steppedBackOff(reconnectTable, 5.0, tries);
 }
 
-double Defaults::rejoinSteppedBackOff(int tries) { return steppedBackOff(rejoinTable, 10.0, tries); }
+double Defaults::rejoinSteppedBackOff(std::int64_t tries) { return steppedBackOff(rejoinTable, 10.0, tries); }
 
 std::string Defaults::encode(const json::value& value) {
   checkWritable(value);

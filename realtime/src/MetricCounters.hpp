@@ -23,6 +23,7 @@ struct alignas(64) MetricCounters {
   Counter pushesOk{0};
   Counter pushesError{0};
   Counter pushesTimeout{0};
+  Counter malformedDropped{0};
 
   [[nodiscard]] bool on() const { return enabled.load(std::memory_order_relaxed); }
 
@@ -34,7 +35,8 @@ struct alignas(64) MetricCounters {
     constexpr auto relaxed = std::memory_order_relaxed;
     return {framesIn.load(relaxed),   bytesIn.load(relaxed),     framesOut.load(relaxed),
             bytesOut.load(relaxed),   reconnects.load(relaxed),  rejoins.load(relaxed),
-            pushesOk.load(relaxed),   pushesError.load(relaxed), pushesTimeout.load(relaxed)};
+            pushesOk.load(relaxed),   pushesError.load(relaxed), pushesTimeout.load(relaxed),
+            malformedDropped.load(relaxed)};
   }
 };
 

@@ -1,6 +1,7 @@
 #include "vantor/realtime/Presence.hpp"
 
 #include <algorithm>
+#include <boost/json/serialize.hpp>
 
 #include "Guarded.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -131,6 +132,39 @@ std::optional<Presence::Map> mapFrom(const json::value& value) {
   return map;
 }
 
+// Whether every presence of `state` has "metas" and every meta there a
+// string "phx_ref": what the merge needs, and otherwise stops the process on.
+bool mergeable(const Presence::State& state) {
+  return std::all_of(state.begin(), state.end(), [](const auto& entry) {
+    const auto metas = entry.second.find("metas");
+    return metas != entry.second.end() &&
+           std::all_of(metas->second.begin(), metas->second.end(), [](const Presence::Meta& meta) {
+             const auto* ref = meta.if_contains("phx_ref");
+             return ref != nullptr && ref->is_string();
+           });
+  });
+}
+
+// With the socket's `dropsMalformedInput` set, logs and counts `message`
+// and says true when `states` cannot be merged; false otherwise, and then a
+// malformed presence stops the process in the merge.
+template <class... States>
+bool droppedAsMalformed(const std::shared_ptr<Channel>& channel, const Message& message,
+                        const States*... states) {
+  auto socket = channel ? channel->socket() : nullptr;
+  if (!socket || !socket->dropsMalformedInput() || ((states == nullptr || mergeable(*states)) && ...)) {
+    return false;
+  }
+  socket->droppedMalformedInput("presence data without \"metas\" or a string \"phx_ref\"",
+                                json::serialize(message.rawPayload()));
+  return true;
+}
+
+const Presence::State* part(const Presence::Diff& diff, const char* key) {
+  const auto found = diff.find(key);
+  return found == diff.end() ? nullptr : &found->second;
+}
+
 std::optional<Presence::State> stateFromValue(const json::value& value) {
   const auto* object = value.if_object();
   return object ? Presence::stateFrom(*object) : std::nullopt;
@@ -197,6 +231,9 @@ void Presence::handleState(const Message& message) {
     return;
   }
   auto channel = channel_.lock();
+  if (droppedAsMalformed(channel, message, &*newState)) {
+    return;
+  }
   joinRef_ = channel ? channel->joinRef() : std::nullopt;
   const auto call = callbacks();
   state_ = syncState(state_, *newState, call.onJoin, call.onLeave);
@@ -209,6 +246,9 @@ void Presence::handleState(const Message& message) {
 void Presence::handleDiff(const Message& message) {
   auto diff = diffFrom(message.rawPayload());
   if (!diff) {
+    return;
+  }
+  if (droppedAsMalformed(channel_.lock(), message, part(*diff, "joins"), part(*diff, "leaves"))) {
     return;
   }
   if (pendingSyncState()) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Guarded.hpp"
+#include "Intervals.hpp"
 #include "PushTimeouts.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -20,6 +21,7 @@ auto onLoop(F&& work) {
 
 std::shared_ptr<Push> Push::make(const std::shared_ptr<Channel>& channel, std::string event,
                                  Payload payload, double timeout) {
+  detail::requireInterval("Push timeout", timeout);
   // One allocation for the push and its control block.
   struct Made : Push {
     Made(const std::shared_ptr<Channel>& channel, std::string event, Payload payload, double timeout)
@@ -52,6 +54,7 @@ void Push::send() {
 }
 
 void Push::resend(double timeout) {
+  detail::requireInterval("Push timeout", timeout);
   onLoop([&] {
     timeout_ = timeout;
     reset();
@@ -154,12 +157,12 @@ void Push::replied(const Message& message) {
   }
 }
 
-int Push::onOutcome(Hook callback) {
+std::int64_t Push::onOutcome(Hook callback) {
   return onLoop([&] {
     if (!outcomeHooks_) {
       outcomeHooks_ = std::make_unique<OutcomeHooks>();
     }
-    const int ref = ++outcomeHooks_->lastRef;
+    const std::int64_t ref = ++outcomeHooks_->lastRef;
     outcomeHooks_->hooks.emplace_back(ref, callback);
     if (receivedMessage_) {
       auto channel = channel_.lock();
@@ -170,7 +173,7 @@ int Push::onOutcome(Hook callback) {
   });
 }
 
-void Push::withdrawOutcomeHook(int ref) {
+void Push::withdrawOutcomeHook(std::int64_t ref) {
   onLoop([&] {
     if (outcomeHooks_) {
       std::erase_if(outcomeHooks_->hooks, [ref](const auto& entry) { return entry.first == ref; });
@@ -242,6 +245,7 @@ double Push::timeout() const {
   return onLoop([&] { return timeout_; });
 }
 void Push::setTimeout(double seconds) {
+  detail::requireInterval("Push timeout", seconds);
   onLoop([&] { timeout_ = seconds; });
 }
 std::optional<Message> Push::receivedMessage() const {

@@ -8,6 +8,7 @@
 
 #include "Encoding.hpp"
 #include "Guarded.hpp"
+#include "Intervals.hpp"
 #include "MetricCounters.hpp"
 #include "Text.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -214,9 +215,10 @@ std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
       }
     });
   });
-  socket->reconnectTimer_->timerCalculation.delegate(socket, [](Socket& self, const int& tries) {
+  socket->reconnectTimer_->timerCalculation.delegate(socket, [](Socket& self, const std::int64_t& tries) {
     double interval = Defaults::reconnectSteppedBackOff(tries);
     detail::guarded(&self, "reconnectAfter", [&] { interval = self.reconnectAfter_(tries); });
+    detail::requireInterval("Socket reconnectAfter(" + std::to_string(tries) + ")", interval);
     self.logItems("Socket reconnecting in " + detail::shortestDecimal(interval) + "s");
     return interval;
   });
@@ -510,31 +512,27 @@ std::shared_ptr<Channel> Socket::channel(const std::string& topic, Payload param
 void Socket::remove(const std::shared_ptr<Channel>& channel) {
   onLoop([&] {
     off(channel->stateChangeRefs());
-    const auto joinRef = channel->joinRef();
-    std::vector<std::shared_ptr<Channel>> kept;
-    std::vector<std::shared_ptr<Channel>> removed;
-    kept.reserve(channels_.size());
-    for (auto& registered : channels_) {
-      (registered->joinRef() == joinRef ? removed : kept).push_back(std::move(registered));
+    // The channel object itself, not every channel that shares its join
+    // reference: channels that never joined, or that dropped theirs at a
+    // disconnect, all have none.
+    if (std::erase(channels_, channel) == 0) {
+      return;
     }
-    channels_ = std::move(kept);
-    for (const auto& gone : removed) {
-      auto byTopic = channelsByTopic_.find(gone->topic());
-      if (byTopic == channelsByTopic_.end()) {
-        continue;
-      }
-      auto& sameTopic = byTopic->second;
-      auto all = sameTopic.all();
-      std::erase(all, gone);
-      sameTopic.only.reset();
-      sameTopic.several.reset();
-      if (all.empty()) {
-        channelsByTopic_.erase(byTopic);
-      } else if (all.size() == 1) {
-        sameTopic.only = std::move(all.front());
-      } else {
-        sameTopic.several = std::make_shared<const std::vector<std::shared_ptr<Channel>>>(std::move(all));
-      }
+    auto byTopic = channelsByTopic_.find(channel->topic());
+    if (byTopic == channelsByTopic_.end()) {
+      return;
+    }
+    auto& sameTopic = byTopic->second;
+    auto all = sameTopic.all();
+    std::erase(all, channel);
+    sameTopic.only.reset();
+    sameTopic.several.reset();
+    if (all.empty()) {
+      channelsByTopic_.erase(byTopic);
+    } else if (all.size() == 1) {
+      sameTopic.only = std::move(all.front());
+    } else {
+      sameTopic.several = std::make_shared<const std::vector<std::shared_ptr<Channel>>>(std::move(all));
     }
   });
 }
@@ -650,6 +648,10 @@ void Socket::onConnectionMessage(const std::string& rawMessage) {
   std::optional<json::value> decoded;
   detail::guarded(this, "decoder", [&] { decoded = decode_(rawMessage); });
   if (decoded && decoded->is_array()) {
+    if (decoded->get_array().size() < 5 && dropsMalformedInput_) {
+      droppedMalformedInput("a frame of fewer than five elements", rawMessage);
+      return;
+    }
     message = Message::fromJson(std::move(decoded->get_array()));
   }
   if (!message) {
@@ -720,12 +722,14 @@ double Socket::timeout() const {
   return onLoop([&] { return timeout_; });
 }
 void Socket::setTimeout(double seconds) {
+  detail::requireInterval("Socket timeout", seconds);
   onLoop([&] { timeout_ = seconds; });
 }
 double Socket::heartbeatInterval() const {
   return onLoop([&] { return heartbeatInterval_; });
 }
 void Socket::setHeartbeatInterval(double seconds) {
+  detail::requireInterval("Socket heartbeatInterval", seconds, true);
   onLoop([&] { heartbeatInterval_ = seconds; });
 }
 std::chrono::nanoseconds Socket::heartbeatLeeway() const {
@@ -743,13 +747,13 @@ void Socket::setSkipHeartbeat(bool skip) {
 void Socket::setReconnectAfter(BackOff backOff) {
   onLoop([&] { reconnectAfter_ = std::move(backOff); });
 }
-double Socket::reconnectAfter(int tries) const {
+double Socket::reconnectAfter(std::int64_t tries) const {
   return onLoop([&] { return reconnectAfter_(tries); });
 }
 void Socket::setRejoinAfter(BackOff backOff) {
   onLoop([&] { rejoinAfter_ = std::move(backOff); });
 }
-double Socket::rejoinAfter(int tries) const {
+double Socket::rejoinAfter(std::int64_t tries) const {
   return onLoop([&] { return rejoinAfter_(tries); });
 }
 void Socket::setLogger(Logger logger) {
@@ -799,6 +803,20 @@ std::optional<std::string> Socket::authToken() const {
 }
 void Socket::setAuthToken(std::optional<std::string> token) {
   onLoop([&] { authToken_ = std::move(token); });
+}
+bool Socket::dropsMalformedInput() const {
+  return onLoop([&] { return dropsMalformedInput_; });
+}
+void Socket::setDropsMalformedInput(bool drop) {
+  onLoop([&] { dropsMalformedInput_ = drop; });
+}
+void Socket::droppedMalformedInput(std::string_view what, const std::string& text) {
+  onLoop([&] {
+    if (counters_->on()) {
+      detail::MetricCounters::add(counters_->malformedDropped);
+    }
+    logItems("receive: Dropped " + std::string(what) + ": " + text);
+  });
 }
 bool Socket::disableSSLCertValidation() const {
   return onLoop([&] { return disableSSLCertValidation_; });

@@ -1,10 +1,8 @@
 #include "vantor/realtime/TimeoutTimer.hpp"
 
-#include <limits>
 
 #include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/EventLoop.hpp"
-#include "vantor/platform/Fatal.hpp"
 #include "vantor/realtime/TimerQueue.hpp"
 
 namespace vantor::realtime {
@@ -25,7 +23,7 @@ TimeoutTimer::~TimeoutTimer() {
   }
 }
 
-int TimeoutTimer::tries() const {
+std::int64_t TimeoutTimer::tries() const {
   return EventLoop::main().sync([this] { return tries_; });
 }
 
@@ -49,9 +47,6 @@ void TimeoutTimer::scheduleTimeout() {
       workItem_->cancel();
       workItem_.reset();
     }
-    if (tries_ == std::numeric_limits<int>::max()) {
-      platform::fatalError("TimeoutTimer attempt count overflowed");
-    }
     const auto delay = timerCalculation.call(tries_ + 1);
     if (!delay) {
       return;
@@ -67,10 +62,7 @@ void TimeoutTimer::scheduleTimeout() {
 }
 
 void TimeoutTimer::fire() {
-  if (tries_ == std::numeric_limits<int>::max()) {
-    platform::fatalError("TimeoutTimer attempt count overflowed");
-  }
-  ++tries_;
+  ++tries_;  // 64 bits: never overflows in the life of a process
   workItem_.reset();
   callback.call();
 }

@@ -45,7 +45,7 @@ struct RetryOwner {
 std::shared_ptr<TimeoutTimer> timerFor(const std::shared_ptr<RetryOwner>& owner) {
   auto timer = TimeoutTimer::make();
   timer->callback.delegate(owner, [](RetryOwner& self) { ++self.fired; });
-  timer->timerCalculation.delegate(owner, [](RetryOwner& self, const int& attempt) {
+  timer->timerCalculation.delegate(owner, [](RetryOwner& self, const std::int64_t& attempt) {
     self.attemptsAsked.push_back(attempt);
     return self.delay;
   });

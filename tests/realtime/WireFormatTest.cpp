@@ -74,8 +74,8 @@ TEST(Defaults, BackOffTables) {
       EXPECT_EQ(Defaults::rejoinSteppedBackOff(attempt), rejoin[attempt - 1]) << attempt;
     }
   }
-  EXPECT_EQ(Defaults::reconnectSteppedBackOff(std::numeric_limits<int>::max()), 5.0);
-  EXPECT_EQ(Defaults::rejoinSteppedBackOff(std::numeric_limits<int>::max()), 10.0);
+  EXPECT_EQ(Defaults::reconnectSteppedBackOff(std::numeric_limits<std::int64_t>::max()), 5.0);
+  EXPECT_EQ(Defaults::rejoinSteppedBackOff(std::numeric_limits<std::int64_t>::max()), 10.0);
 }
 
 TEST(DefaultsDeathTest, AttemptNumbersStartAtOne) {

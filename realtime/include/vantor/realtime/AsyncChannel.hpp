@@ -136,7 +136,7 @@ template <class Handler>
 void completeWithOutcome(const std::shared_ptr<PendingReply<Handler>>& pending,
                          const std::shared_ptr<Push>& push, const std::string& topic) {
   // The hook's reference, known once the hook is added on the loop.
-  auto hookRef = std::make_shared<std::optional<int>>();
+  auto hookRef = std::make_shared<std::optional<std::int64_t>>();
   pending->onCancellation(
       [push, hookRef] {
         platform::EventLoop::main().dispatch([push, hookRef] {
@@ -214,7 +214,7 @@ auto asyncReceive(std::shared_ptr<Channel> channel, std::string event, Completio
   return boost::asio::async_initiate<CompletionToken, ReplySignature>(
       [channel = std::move(channel), event = std::move(event)](auto handler) {
         auto pending = std::make_shared<detail::PendingReply<decltype(handler)>>(std::move(handler));
-        auto bindingRef = std::make_shared<std::optional<int>>();
+        auto bindingRef = std::make_shared<std::optional<std::int64_t>>();
         const std::weak_ptr<Channel> weakChannel = channel;
         pending->onCancellation(
             [weakChannel, event, bindingRef] {

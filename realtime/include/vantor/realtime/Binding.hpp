@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "vantor/realtime/Delegated.hpp"
@@ -11,7 +12,7 @@ namespace vantor::realtime {
 /// `event`. `ref` identifies it within its channel, for `Channel::off`.
 struct Binding {
   std::string event;
-  int ref = 0;
+  std::int64_t ref = 0;
   Delegated<Message, void> callback;
 };
 

@@ -68,26 +68,26 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
   /// Adds a binding for `event`; returns its reference (the application's
   /// first binding gets 3). The callback is held strongly.
-  int on(const std::string& event, Callback callback);
+  std::int64_t on(const std::string& event, Callback callback);
   /// As `on`, holding `owner` weakly.
   template <class Owner, std::invocable<Owner&, const Message&> F>
-  int delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
-                 F callback);
-  int onClose(Callback callback);
+  std::int64_t delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
+                          F callback);
+  std::int64_t onClose(Callback callback);
   template <class Owner, std::invocable<Owner&, const Message&> F>
-  int delegateOnClose(const std::shared_ptr<Owner>& owner,
+  std::int64_t delegateOnClose(const std::shared_ptr<Owner>& owner,
                       F callback) {
     return delegateOn("phx_close", owner, std::move(callback));
   }
-  int onError(Callback callback);
+  std::int64_t onError(Callback callback);
   template <class Owner, std::invocable<Owner&, const Message&> F>
-  int delegateOnError(const std::shared_ptr<Owner>& owner,
+  std::int64_t delegateOnError(const std::shared_ptr<Owner>& owner,
                       F callback) {
     return delegateOn("phx_error", owner, std::move(callback));
   }
   /// Removes the bindings of `event`, or only the one with `ref`. Without
   /// `ref` the channel's own bindings of that event go too.
-  void off(const std::string& event, std::optional<int> ref = std::nullopt);
+  void off(const std::string& event, std::optional<std::int64_t> ref = std::nullopt);
   /// Sets a hook that may rewrite every message before bindings see it.
   void onMessage(std::function<Message(const Message&)> callback);
 
@@ -155,13 +155,13 @@ class Channel : public std::enable_shared_from_this<Channel> {
   void dispatch(const std::string& event, std::shared_ptr<const Payload> payload, std::string ref,
                 std::optional<std::string> joinRef);
   void log(const std::string& line) const;
-  int bind(std::string event, Delegated<Message, void> callback);
-  int nextBindingRef();
+  std::int64_t bind(std::string event, Delegated<Message, void> callback);
+  std::int64_t nextBindingRef();
   // A push's binding of its reply event, by the reference's number.
   void bindReply(std::uint64_t number, Delegated<Message, void> callback);
   void unbindReply(std::uint64_t number);
   // The channel's own binding of `event` and its reference, if it has one.
-  static std::optional<std::pair<OwnBinding, int>> ownBindingOf(std::string_view event);
+  static std::optional<std::pair<OwnBinding, std::int64_t>> ownBindingOf(std::string_view event);
   void runOwnBinding(OwnBinding binding, const Message& message);
   // The join push's own hooks; they run before the hooks added to it later.
   void joinReplied(const std::string& status);
@@ -183,7 +183,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
   std::atomic<bool> joinedOnce_{false};  // also read by push() off the loop
   bool joinSent_ = false;                // a later join counts as a rejoin
   bool hasStateChangeRefs_ = false;      // none without a socket
-  int bindingRef_ = 3;
+  std::int64_t bindingRef_ = 3;
   double timeout_;
   // Bindings by event: a reply reaches its push without walking the
   // bindings of other events.
@@ -205,8 +205,8 @@ class Channel : public std::enable_shared_from_this<Channel> {
 };
 
 template <class Owner, std::invocable<Owner&, const Message&> F>
-int Channel::delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
-                        F callback) {
+std::int64_t Channel::delegateOn(const std::string& event, const std::shared_ptr<Owner>& owner,
+                                 F callback) {
   Delegated<Message, void> delegated;
   delegated.delegate(owner, std::move(callback));
   return bind(event, std::move(delegated));

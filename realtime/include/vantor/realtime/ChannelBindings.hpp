@@ -45,11 +45,11 @@ class ChannelBindings {
 
   void append(Binding binding);
   /// Removes the bindings of `event`, or only the one with `ref`.
-  void remove(const std::string& event, std::optional<int> ref);
+  void remove(const std::string& event, std::optional<std::int64_t> ref);
   /// As `append` and `remove` for the reply event with `number`, without
   /// its name.
-  void appendReply(std::uint64_t number, int ref, Callback callback);
-  void removeReply(std::uint64_t number, std::optional<int> ref);
+  void appendReply(std::uint64_t number, std::int64_t ref, Callback callback);
+  void removeReply(std::uint64_t number, std::optional<std::int64_t> ref);
 
   /// The bindings of an event that is not a reply event, in order; never null.
   [[nodiscard]] Snapshot group(const std::string& event) const;
@@ -65,11 +65,11 @@ class ChannelBindings {
     Snapshot snapshot;  // null until read after a change
   };
   struct Reply {
-    Reply(int ref, Callback callback) : ref(ref), callback(std::move(callback)) {}
-    int ref;
+    Reply(std::int64_t ref, Callback callback) : ref(ref), callback(std::move(callback)) {}
+    std::int64_t ref;
     Callback callback;
     // Further bindings of the same reply event: rare, so kept out of line.
-    std::unique_ptr<std::vector<std::pair<int, Callback>>> more;
+    std::unique_ptr<std::vector<std::pair<std::int64_t, Callback>>> more;
   };
   // Empty maps allocate nothing, so one block holds both.
   struct Indexes {

@@ -17,6 +17,9 @@ struct ConnectionMetrics {
   std::uint64_t pushesOk = 0;
   std::uint64_t pushesError = 0;
   std::uint64_t pushesTimeout = 0;
+  /// Frames and presence data dropped because they would otherwise stop the
+  /// process (`Socket::setDropsMalformedInput`).
+  std::uint64_t malformedDropped = 0;
 };
 
 }  // namespace vantor::realtime

@@ -3,6 +3,7 @@
 #include <boost/json/value.hpp>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,11 +31,11 @@ struct Defaults {
   /// Socket reconnect delay in seconds for attempt `tries` (from 1):
   /// 0.01, 0.05, 0.1, 0.15, 0.2, 0.25, 0.5, 1.0, 2.0, then 5.0.
   /// An attempt below 1 is a programming error and stops the process.
-  static double reconnectSteppedBackOff(int tries);
+  static double reconnectSteppedBackOff(std::int64_t tries);
 
   /// Channel rejoin delay in seconds for attempt `tries` (from 1):
   /// 1.0, 2.0, 5.0, then 10.0. An attempt below 1 stops the process.
-  static double rejoinSteppedBackOff(int tries);
+  static double rejoinSteppedBackOff(std::int64_t tries);
 
   /// Compact JSON text of `value`. A value that cannot be written as JSON
   /// (a number that is not finite, a string that is not UTF-8) is a

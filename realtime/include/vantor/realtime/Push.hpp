@@ -68,9 +68,9 @@ class Push : public std::enable_shared_from_this<Push> {
   /// that status. A hook added after a reply arrived runs at once with it.
   /// Returns a reference for `withdrawOutcomeHook`. Waits for the loop when
   /// called off it.
-  int onOutcome(Hook callback);
+  std::int64_t onOutcome(Hook callback);
   /// Removes the outcome hook with `ref`; safe from inside that hook.
-  void withdrawOutcomeHook(int ref);
+  void withdrawOutcomeHook(std::int64_t ref);
 
   /// Forgets the reference, the reply binding and the received reply. A
   /// pending time-out stays until the next send withdraws it.
@@ -119,7 +119,7 @@ class Push : public std::enable_shared_from_this<Push> {
   std::vector<std::pair<std::string, std::vector<Delegated<Message, void>>>> receiveHooks_;
   // Made at the first `onOutcome`: few pushes have such hooks.
   struct OutcomeHooks {
-    int lastRef = 0;
+    std::int64_t lastRef = 0;
     std::vector<std::pair<int, Hook>> hooks;
   };
   std::unique_ptr<OutcomeHooks> outcomeHooks_;

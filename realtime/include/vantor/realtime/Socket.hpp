@@ -80,7 +80,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   using TransportFactory = std::function<std::shared_ptr<PhoenixTransport>(const boost::urls::url&)>;
   using Encoder = std::function<std::string(const boost::json::value&)>;
   using Decoder = std::function<std::optional<boost::json::value>(std::string_view)>;
-  using BackOff = std::function<double(int)>;
+  using BackOff = std::function<double(std::int64_t)>;
   using Logger = std::function<void(const std::string&)>;
   using ErrorCallback =
       std::function<void(const TransportError&, const std::optional<HttpResponse>&)>;
@@ -194,10 +194,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void setSkipHeartbeat(bool skip);
   void setReconnectAfter(BackOff backOff);
   /// The reconnect delay in seconds for an attempt (from 1).
-  [[nodiscard]] double reconnectAfter(int tries) const;
+  [[nodiscard]] double reconnectAfter(std::int64_t tries) const;
   void setRejoinAfter(BackOff backOff);
   /// The channel rejoin delay in seconds for an attempt (from 1).
-  [[nodiscard]] double rejoinAfter(int tries) const;
+  [[nodiscard]] double rejoinAfter(std::int64_t tries) const;
   /// Receives every log line, prefixed "VantorPhoenixClient: "; absent by
   /// default, and then nothing is logged.
   void setLogger(Logger logger);
@@ -210,6 +210,16 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// bytes round-trip. Absent by default; applies from the next `connect()`.
   [[nodiscard]] std::optional<std::string> authToken() const;
   void setAuthToken(std::optional<std::string> token);
+  /// What to do with the few inputs that otherwise stop the process: a
+  /// decoded frame of fewer than five elements, and presence data with a
+  /// presence lacking "metas" or a meta lacking a string "phx_ref". By
+  /// default (false) they stop it, as programming errors of the server.
+  /// When true they are dropped instead: one log line, a count in
+  /// `metrics().malformedDropped`, the connection stays up and the next
+  /// frame is handled as usual. Recommended for applications that talk to
+  /// servers or proxies they do not control.
+  [[nodiscard]] bool dropsMalformedInput() const;
+  void setDropsMalformedInput(bool drop);
   /// Kept for the application; the socket does not read them.
   [[nodiscard]] bool disableSSLCertValidation() const;
   void setDisableSSLCertValidation(bool disable);
@@ -258,13 +268,16 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// number, so they take it without the text.
   std::uint64_t makeRefNumber();
 
-  /// Unregisters every channel whose join reference equals `channel`'s,
-  /// and the socket callbacks that `channel` registered.
+  /// Unregisters `channel`, and the socket callbacks it registered. Other
+  /// channels stay, whatever their join references.
   void remove(const std::shared_ptr<Channel>& channel);
   /// Makes the first joined or joining channel of `topic`, if any, leave.
   void leaveOpenTopic(const std::string& topic);
   /// Withdraws buffered frames whose reference is `ref`.
   void removeFromSendBuffer(const std::optional<std::string>& ref);
+  /// Logs and counts input dropped under `dropsMalformedInput`: `what` it
+  /// was, and the offending text.
+  void droppedMalformedInput(std::string_view what, const std::string& text);
   /// Counts into `metrics()` a join sent again, and a push outcome by its
   /// status ("ok", "error", "timeout"; others are not counted).
   void countRejoin();
@@ -344,6 +357,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
   BackOff rejoinAfter_ = &Defaults::rejoinSteppedBackOff;
   std::shared_ptr<const Logger> logger_;
   bool skipHeartbeat_ = false;
+  bool dropsMalformedInput_ = false;
   bool disableSSLCertValidation_ = false;
   std::optional<std::string> authToken_;
   std::optional<std::vector<std::uint16_t>> enabledSSLCipherSuites_;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "vantor/realtime/Delegated.hpp"
@@ -36,10 +37,10 @@ class TimeoutTimer : public std::enable_shared_from_this<TimeoutTimer> {
   /// Called each time the timer fires.
   Delegated<void, void> callback;
   /// Gives the delay in seconds before the given attempt (counted from 1).
-  Delegated<int, double> timerCalculation;
+  Delegated<std::int64_t, double> timerCalculation;
 
   /// The number of firings since the last `reset()`.
-  [[nodiscard]] int tries() const;
+  [[nodiscard]] std::int64_t tries() const;
 
   /// Sets `tries` to 0 and withdraws a pending firing.
   void reset();
@@ -58,7 +59,7 @@ class TimeoutTimer : public std::enable_shared_from_this<TimeoutTimer> {
 
   TimerQueue& queue_;
   std::shared_ptr<platform::DispatchWorkItem> workItem_;  // on the main loop only
-  int tries_ = 0;                                          // on the main loop only
+  std::int64_t tries_ = 0;                                          // on the main loop only
 };
 
 }  // namespace vantor::realtime
