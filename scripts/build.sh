@@ -14,9 +14,18 @@ case "$config" in
   *) echo "unknown build: $config" >&2; exit 2 ;;
 esac
 dir=${BUILD_ROOT:-build}/$config
+# A compiler cache that outlives the build trees (~/.cache/ccache): a build
+# tree made again, or the consumer check's own build of the sources, reuses
+# what an earlier build compiled with the same command. Paths stay absolute
+# and the working directory is not hashed, so trees in other directories hit.
+launcher=()
+if command -v ccache >/dev/null; then
+  export CCACHE_NOHASHDIR=1
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
 # Configured every time, so that a change of these flags reaches an
 # existing tree.
-cmake -S . -B "$dir" -G Ninja -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${args[@]}" >/dev/null
+cmake -S . -B "$dir" -G Ninja -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${launcher[@]}" "${args[@]}" >/dev/null
 targets=()
 for t in "$@"; do targets+=(--target "$t"); done
 cmake --build "$dir" --parallel "${JOBS:-$(nproc)}" "${targets[@]}"

@@ -1,14 +1,32 @@
 #!/usr/bin/env bash
-# Installs the normal build into a scratch prefix and builds the consumer
-# project in tests/consumer against it with find_package.
+# Builds the consumer project in tests/consumer twice: against the normal
+# build installed into a scratch prefix (find_package), and against the
+# source tree (add_subdirectory). Each compiles Asio code of its own that the
+# library's build settings must not reach.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=${BUILD_ROOT:-build}
 scripts/build.sh normal
 prefix=$PWD/$root/consumer/prefix
 rm -rf "$root/consumer"
+
+echo "consumer: find_package against the installed package"
 cmake --install "$root/normal" --prefix "$prefix" >/dev/null
-cmake -S tests/consumer -B "$root/consumer/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
+cmake -S tests/consumer -B "$root/consumer/installed" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
       -DCMAKE_BUILD_TYPE=Release >/dev/null
-cmake --build "$root/consumer/build"
-"$root/consumer/build/consumer"
+cmake --build "$root/consumer/installed"
+"$root/consumer/installed/consumer"
+
+echo "consumer: add_subdirectory of the source tree"
+# The normal build's type and warnings, so that with the compiler cache
+# (scripts/build.sh) the library's sources compile from the cache.
+launcher=()
+if command -v ccache >/dev/null; then
+  export CCACHE_NOHASHDIR=1
+  launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+fi
+cmake -S tests/consumer/subdirectory -B "$root/consumer/subdirectory" -G Ninja \
+      -DVANTOR_SOURCE_DIR="$PWD" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DVANTOR_WERROR="${VANTOR_WERROR:-ON}" "${launcher[@]}" >/dev/null
+cmake --build "$root/consumer/subdirectory" --parallel "${JOBS:-$(nproc)}"
+"$root/consumer/subdirectory/consumer"

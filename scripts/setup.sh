@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 packages=(
   build-essential cmake ninja-build pkg-config
   libboost1.81-all-dev libboost-json1.81-dev libboost-url1.81-dev libssl-dev openssl libspdlog-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev ccache
 )
 # Extra packages that parts of the tree ask for (one name a line).
 for extra in scripts/packages.d/*.txt; do

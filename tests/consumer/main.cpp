@@ -5,7 +5,11 @@
 #include <vantor/realtime/Socket.hpp>
 #include <vantor/util/QMExternallyResolvablePromise.hpp>
 
+int runOwnAsio();
+
 int main() {
+  const int own = runOwnAsio();
+  std::printf("consumer: its own Asio code ran %d handler\n", own);
   int answer = vantor::platform::EventLoop::main().sync([] { return 42; });
   std::printf("consumer: linked the installed package, loop answered %d\n", answer);
 
@@ -22,5 +26,5 @@ int main() {
       "com.example.app:/qmaccounts/quelmoconnect?code=1");
   std::printf("consumer: the sign-in controller %s the service's redirect\n",
               redirect ? "recognises" : "does not recognise");
-  return answer == 42 && kept && redirect ? 0 : 1;
+  return own == 1 && answer == 42 && kept && redirect ? 0 : 1;
 }
