@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
+#include <limits>
 
 #include "support/Eventually.hpp"
 #include "support/FakeTransport.hpp"
@@ -11,6 +12,13 @@
 #include "vantor/realtime/Socket.hpp"
 
 namespace vantor::realtime {
+
+struct ChannelTestAccess {
+  static void setBindingRef(Channel& channel, std::int64_t value) {
+    platform::EventLoop::main().sync([&] { channel.bindingRef_ = value; });
+  }
+};
+
 namespace {
 
 using testing::eventually;
@@ -66,6 +74,27 @@ class ChannelWithFakeTransport : public testing::SocketOnFakeTransports {
     return channel;
   }
 };
+
+TEST_F(ChannelWithFakeTransport, BindingReferencesGoPastTheThirtyTwoBitRange) {
+  // Every push takes a binding reference; a long-running application makes
+  // more than 2^31 of them.
+  auto transport = open();
+  auto channel = joined(transport);
+  ChannelTestAccess::setBindingRef(*channel, std::numeric_limits<std::int32_t>::max());
+  std::vector<std::string> replies;
+  for (int i = 0; i < 3; ++i) {
+    channel->push("echo", {})->receive("ok", [&, i](const Message&) { replies.push_back(std::to_string(i)); });
+    reply(transport, lastFrame(transport, "echo"), "ok");
+  }
+  EXPECT_THAT(replies, ElementsAre("0", "1", "2"));
+  int news = 0;
+  const auto ref = channel->on("news", [&](const Message&) { ++news; });
+  EXPECT_GT(ref, std::int64_t{std::numeric_limits<std::int32_t>::max()});
+  transport->receive(testing::frame(std::nullopt, std::nullopt, "room:1", "news", {}));
+  channel->off("news", ref);
+  transport->receive(testing::frame(std::nullopt, std::nullopt, "room:1", "news", {}));
+  EXPECT_EQ(news, 1);
+}
 
 TEST_F(ChannelWithFakeTransport, RepliesReachOnlyThePushWithTheirReference) {
   auto transport = open();

@@ -144,6 +144,7 @@ class Channel : public std::enable_shared_from_this<Channel> {
 
  private:
   friend class Push;
+  friend struct ChannelTestAccess;
 
   // The channel's own bindings, made at construction with references 0, 1
   // and 2. They are kept as flags rather than stored callbacks: every
