@@ -101,8 +101,13 @@ void AsyncBareClient::read() {
   });
 }
 
-LibraryClient::LibraryClient(std::uint16_t port, bool collectMetrics) {
-  socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(port) + "/socket");
+LibraryClient::LibraryClient(std::uint16_t port, bool collectMetrics, std::size_t maximumGatheredBytes) {
+  realtime::URLSessionConfiguration configuration;
+  configuration.maximumGatheredBytes = maximumGatheredBytes;
+  socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(port) + "/socket",
+                                  [configuration](const boost::urls::url& url) -> std::shared_ptr<realtime::PhoenixTransport> {
+                                    return realtime::URLSessionTransport::make(url, configuration);
+                                  });
   socket->setCollectsMetrics(collectMetrics);
   channel = socket->channel("room:bench");
   auto joined = std::make_shared<std::promise<void>>();

@@ -4,6 +4,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/websocket/stream.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -13,6 +14,8 @@
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Payload.hpp"
 #include "vantor/realtime/Socket.hpp"
+#include "vantor/realtime/URLSessionConfiguration.hpp"
+#include "vantor/realtime/URLSessionTransport.hpp"
 
 namespace vantor::bench {
 
@@ -101,7 +104,8 @@ class AsyncBareClient {
 
 /// A socket with one joined channel on "room:bench".
 struct LibraryClient {
-  explicit LibraryClient(std::uint16_t port, bool collectMetrics = false);
+  explicit LibraryClient(std::uint16_t port, bool collectMetrics = false,
+                         std::size_t maximumGatheredBytes = realtime::URLSessionConfiguration{}.maximumGatheredBytes);
   ~LibraryClient();
   LibraryClient(const LibraryClient&) = delete;
   LibraryClient& operator=(const LibraryClient&) = delete;

@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <limits>
 #include <future>
 #include <semaphore>
 #include <string>
@@ -80,16 +82,18 @@ Run bare(EchoServer& server, int window) {
 
 // Ours, its threads pinned away from the server.
 struct Client : LibraryClient {
-  explicit Client(const EchoServer& server, bool collectMetrics = false)
-      : LibraryClient(server.port(), collectMetrics) {
+  explicit Client(const EchoServer& server, bool collectMetrics = false,
+                  std::size_t maximumGatheredBytes = realtime::URLSessionConfiguration{}.maximumGatheredBytes)
+      : LibraryClient(server.port(), collectMetrics, maximumGatheredBytes) {
     pinThreads(server.threadId());
   }
 };
 
 
 // Pushes from the loop thread: each reply's hook makes the next push.
-Run oursOnTheLoop(EchoServer& server, int window, bool collectMetrics = false) {
-  Client client(server, collectMetrics);
+Run oursOnTheLoop(EchoServer& server, int window, bool collectMetrics = false,
+                  std::size_t maximumGatheredBytes = realtime::URLSessionConfiguration{}.maximumGatheredBytes) {
+  Client client(server, collectMetrics, maximumGatheredBytes);
   auto phase = [&](Clock::time_point deadline) {
     std::int64_t sent = 0;
     std::int64_t done = 0;
@@ -226,29 +230,36 @@ void runEndToEnd(Summary& summary) {
               ratio(ourClient, asyncClient), "1, ours without polling/bare", ratio(ourClientNoPolling, bareClient));
   std::fflush(stdout);
 
-  // The cost of the connection counters: runs without and with them in
+  // The cost of a feature at 64 outstanding: runs without and with it in
   // pairs, so that drifts of the machine hit both alike; the median of the
   // pairs' ratios.
-  std::vector<double> ratios;
-  double off = 0;
-  double on = 0;
-  for (int i = 0; i < 2 * repetitions + 1; ++i) {
-    // The order alternates too: the second run of a pair is slower.
-    const bool withFirst = i % 2 == 1;
-    const double first = oursOnTheLoop(server, 64, withFirst).perSecond();
-    const double second = oursOnTheLoop(server, 64, !withFirst).perSecond();
-    const double with = withFirst ? first : second;
-    const double without = withFirst ? second : first;
-    ratios.push_back(with / without);
-    off += without;
-    on += with;
-  }
-  std::printf("\nConnection metrics, 64 outstanding (%zu pairs of runs)\n", ratios.size());
-  std::printf("%-34s %12.0f\n%-34s %12.0f\n%-34s %11.2f%%\n", "counters off, mean replies/s",
-              off / static_cast<double>(ratios.size()), "counters on, mean replies/s",
-              on / static_cast<double>(ratios.size()), "throughput cost (median of pairs)",
-              100.0 * (1.0 - middle(ratios)));
-  std::fflush(stdout);
+  auto cost = [&](const char* title, const char* offName, const char* onName, auto run) {
+    std::vector<double> ratios;
+    double off = 0;
+    double on = 0;
+    for (int i = 0; i < 2 * repetitions + 1; ++i) {
+      // The order alternates too: the second run of a pair is slower.
+      const bool withFirst = i % 2 == 1;
+      const double first = run(withFirst).perSecond();
+      const double second = run(!withFirst).perSecond();
+      const double with = withFirst ? first : second;
+      const double without = withFirst ? second : first;
+      ratios.push_back(with / without);
+      off += without;
+      on += with;
+    }
+    std::printf("\n%s, 64 outstanding (%zu pairs of runs)\n", title, ratios.size());
+    std::printf("%-34s %12.0f\n%-34s %12.0f\n%-34s %11.2f%%\n", offName,
+                off / static_cast<double>(ratios.size()), onName, on / static_cast<double>(ratios.size()),
+                "throughput cost (median of pairs)", 100.0 * (1.0 - middle(ratios)));
+    std::fflush(stdout);
+  };
+  cost("Connection metrics", "counters off, mean replies/s", "counters on, mean replies/s",
+       [&](bool with) { return oursOnTheLoop(server, 64, with); });
+  cost("Bound on gathered bytes", "unbounded, mean replies/s", "256 KiB bound, mean replies/s", [&](bool with) {
+    return oursOnTheLoop(server, 64, false,
+                         with ? realtime::URLSessionConfiguration{}.maximumGatheredBytes : std::numeric_limits<std::size_t>::max());
+  });
 
   summary.emplace_back("e2e_throughput_ratio", ours64.perSecond() / bare64.perSecond());
   summary.emplace_back("e2e_cpu_per_msg_ratio",

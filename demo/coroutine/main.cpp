@@ -3,6 +3,13 @@
 // broadcast, and leaves; against a bundled local server, or the server at
 // --url (which must answer "echo" pushes and relay "shout" as a broadcast).
 //
+// Which executor, which thread: a coroutine resumes on the executor it was
+// spawned on. Spawned on the application's io_context, as here, every
+// co_await resumes on the thread that runs that context (main's), not on
+// the library's loop thread; the library posts each completion there.
+// Spawned on `EventLoop::main().context()` instead, it would resume on the
+// loop thread, where the library's callbacks run.
+//
 //   vantor-coroutine-demo [--url ws://host/socket] [--topic room:lobby]
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/experimental/awaitable_operators.hpp>
@@ -12,7 +19,9 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "vantor/realtime/AsyncChannel.hpp"
 #include "vantor/realtime/Socket.hpp"
@@ -30,13 +39,21 @@ void say(const std::string& line) {
   std::fflush(stdout);
 }
 
-asio::awaitable<void> session(std::shared_ptr<Channel> channel) {
-  const auto joined = co_await asyncJoin(channel, asio::use_awaitable);
-  say("joined " + channel->topic() + ": " + joined.status().value_or("?"));
+// Where the coroutine resumes after each co_await: on the thread that runs
+// the context it was spawned on, or the demo fails.
+std::string onWhichThread(std::thread::id application) {
+  if (std::this_thread::get_id() != application) {
+    throw std::logic_error("resumed on another thread than the application's");
+  }
+  return "on the application's thread";
+}
 
-  const Payload hello{{"body", "hello from a coroutine"}};
-  const auto echo = co_await asyncPush(channel, std::string("echo"), hello, asio::use_awaitable);
-  say("echo answered: " + boost::json::serialize(echo.payload()));
+asio::awaitable<void> session(std::shared_ptr<Channel> channel, std::thread::id application) {
+  Message reply = co_await asyncJoin(channel, boost::asio::use_awaitable);
+  const Payload hello{{"body", "hi"}};  // named: GCC 12 cannot brace-initialise an argument inside co_await
+  Message echo = co_await asyncPush(channel, "echo", hello, boost::asio::use_awaitable);
+  say("joined " + channel->topic() + ": " + reply.status().value_or("?"));
+  say("echo answered: " + boost::json::serialize(echo.payload()) + ", resumed " + onWhichThread(application));
 
   // Wait for a broadcast and cause it, together: the receive starts first,
   // so it cannot miss the broadcast that the second operation sends.
@@ -52,7 +69,8 @@ asio::awaitable<void> session(std::shared_ptr<Channel> channel) {
   try {
     const Payload why{{"why", "to show an error"}};
     co_await asyncPush(channel, std::string("fail"), why, asio::use_awaitable);
-  } catch (const boost::system::system_error& failure) {
+  } catch (const ReplyException& failure) {
+    // what() carries the server's reason; reply() is the whole answer.
     say(std::string("a push failed as expected: ") + failure.what());
   }
 
@@ -95,7 +113,8 @@ int main(int argc, char** argv) {
 
   asio::io_context application;
   std::exception_ptr failure;
-  asio::co_spawn(application, session(channel), [&](std::exception_ptr e) { failure = e; });
+  asio::co_spawn(application, session(channel, std::this_thread::get_id()),
+                 [&](std::exception_ptr e) { failure = e; });
   application.run();
   socket->disconnect();
   if (failure) {

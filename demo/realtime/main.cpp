@@ -7,6 +7,7 @@
 
 #include "InteractiveClient.hpp"
 #include "ScriptedDemo.hpp"
+#include "vantor/realtime/Socket.hpp"
 
 namespace {
 
@@ -80,6 +81,14 @@ int main(int argc, char** argv) {
     } else {
       std::fprintf(stderr, "unknown option %s\n", arg.c_str());
       usage();
+      return 2;
+    }
+  }
+  if (interactive) {
+    // A typo in a URL is the user's, not a programming error: say why and
+    // stop, instead of letting the socket stop the process.
+    if (auto problem = vantor::realtime::Socket::checkEndpoint(options.url)) {
+      std::fprintf(stderr, "vantor-demo: cannot use --url %s: %s\n", options.url.c_str(), problem->c_str());
       return 2;
     }
   }

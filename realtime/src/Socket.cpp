@@ -234,6 +234,30 @@ Socket::~Socket() {
   }
 }
 
+std::optional<std::string> Socket::checkEndpoint(std::string_view endpoint) {
+  const auto parsed = platform::parseUrl(endpoint);
+  if (!parsed) {
+    if (endpoint.find_first_of(" \t\r\n") != std::string_view::npos) {
+      return "it contains a space; write it as %20";
+    }
+    if (endpoint.find("://") == std::string_view::npos) {
+      return "it has no scheme; start it with ws://, wss://, http:// or https://";
+    }
+    return "it does not read as a URL";
+  }
+  if (!parsed->has_scheme()) {
+    return "it has no scheme; start it with ws://, wss://, http:// or https://";
+  }
+  const auto scheme = parsed->scheme();
+  if (scheme != "ws" && scheme != "wss" && scheme != "http" && scheme != "https") {
+    return "its scheme is \"" + std::string(scheme) + "\"; use ws://, wss://, http:// or https://";
+  }
+  if (!parsed->has_authority() || parsed->encoded_host().empty()) {
+    return "it has no host";
+  }
+  return std::nullopt;
+}
+
 boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
                                           const ParamsClosure& paramsClosure,
                                           const std::string& vsn) {
@@ -274,7 +298,7 @@ void Socket::connect() {
     }
     closeStatus_ = CloseStatus::unknown;
     endPointUrl_ = buildEndpointUrl(endPoint_, paramsClosure_, vsn_);
-    connection_ = transport_(endPointUrl_);
+    setConnection(transport_(endPointUrl_));
     if (authToken_) {
       connection_->setSubprotocols(authTokenSubprotocols(*authToken_));
     }
@@ -298,7 +322,7 @@ void Socket::teardown(CloseCode code, const std::function<void()>& callback) {
     connection_->setDelegate(nullptr);
     connection_->disconnect(static_cast<int>(code), std::nullopt);
   }
-  connection_.reset();
+  setConnection(nullptr);
   if (heartbeatTimer_) {
     heartbeatTimer_->stop();
   }
@@ -332,12 +356,7 @@ void Socket::push(std::string topic, std::string event, Payload payload,
       sendFrame(topic, event, payload, ref, joinRef);
       return;
     }
-    // Encoded only when it is finally sent, so a later encoder applies.
-    auto send = [this, topic = std::move(topic), event = std::move(event),
-                 payload = std::move(payload), ref, joinRef] {
-      sendFrame(topic, event, payload, ref, joinRef);
-    };
-    sendBuffer_.push_back({std::move(ref), std::move(send)});
+    bufferFrame(topic, event, payload, ref, joinRef, {});
   });
 }
 
@@ -349,10 +368,37 @@ void Socket::pushFrame(const std::string& topic, const std::string& event, const
       sendFrame(topic, event, payload, ref, joinRef);
       return;
     }
-    sendBuffer_.push_back({ref, [this, topic, event, payload, ref, joinRef] {
-                             sendFrame(topic, event, payload, ref, joinRef);
-                           }});
+    bufferFrame(topic, event, payload, ref, joinRef, {});
   });
+}
+
+void Socket::bufferFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                         const std::optional<std::string>& ref,
+                         const std::optional<std::string>& joinRef, std::function<void()> send) {
+  // Encoded only when it is finally sent, so a later encoder applies; its
+  // size is counted from its parts meanwhile.
+  const std::uint64_t bytes = json::serialize(payload).size() + topic.size() + event.size() +
+                              (ref ? ref->size() : 4) + (joinRef ? joinRef->size() : 4) + 16;
+  if (!send) {
+    send = [this, topic, event, payload, ref, joinRef] { sendFrame(topic, event, payload, ref, joinRef); };
+  }
+  sendBuffer_.push_back({ref, std::move(send), bytes});
+  sendBufferBytes_.fetch_add(bytes, std::memory_order_relaxed);
+}
+
+void Socket::setConnection(std::shared_ptr<PhoenixTransport> connection) {
+  connection_ = connection;
+  std::lock_guard lock(publishedMutex_);
+  publishedConnection_ = std::move(connection);
+}
+
+std::uint64_t Socket::bufferedAmount() const {
+  std::shared_ptr<PhoenixTransport> connection;
+  {
+    std::lock_guard lock(publishedMutex_);
+    connection = publishedConnection_;
+  }
+  return sendBufferBytes_.load(std::memory_order_relaxed) + (connection ? connection->bufferedAmount() : 0);
 }
 
 void Socket::sendFrame(const std::string& topic, const std::string& event, const Payload& payload,
@@ -401,6 +447,7 @@ void Socket::flushSendBuffer() {
   }
   auto buffered = std::exchange(sendBuffer_, {});
   for (auto& frame : buffered) {
+    sendBufferBytes_.fetch_sub(frame.bytes, std::memory_order_relaxed);
     try {
       frame.callback();
     } catch (...) {
@@ -410,7 +457,15 @@ void Socket::flushSendBuffer() {
 }
 
 void Socket::removeFromSendBuffer(const std::optional<std::string>& ref) {
-  onLoop([&] { std::erase_if(sendBuffer_, [&](const auto& frame) { return frame.ref == ref; }); });
+  onLoop([&] {
+    std::erase_if(sendBuffer_, [&](const auto& frame) {
+      if (frame.ref != ref) {
+        return false;
+      }
+      sendBufferBytes_.fetch_sub(frame.bytes, std::memory_order_relaxed);
+      return true;
+    });
+  });
 }
 
 // --- Callbacks -----------------------------------------------------------------

@@ -71,12 +71,18 @@ constexpr std::size_t keptFrameCapacity = 64 * 1024;
 class URLSessionTransport::Session : public std::enable_shared_from_this<Session> {
  public:
   Session(std::weak_ptr<URLSessionTransport> transport, URLSessionConfiguration configuration,
-          std::vector<std::string> subprotocols)
+          std::vector<std::string> subprotocols, std::shared_ptr<std::atomic<std::uint64_t>> unsent)
       : transport_(std::move(transport)),
         configuration_(std::move(configuration)),
         subprotocols_(std::move(subprotocols)),
         resolver_(EventLoop::main().context()),
-        deadline_(EventLoop::main().context()) {}
+        deadline_(EventLoop::main().context()),
+        unsent_(std::move(unsent)) {}
+
+  // Frames that never reach the stream no longer count as buffered.
+  ~Session() { dropOutbox(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   void start(const boost::urls::url& url) {
     auto endpoint = NetworkTarget::of(url, "ws", "wss");
@@ -102,6 +108,10 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     } else {
       plain_ = std::make_unique<PlainStream>(context);
     }
+    withStream([&](auto& ws) {
+      coalescing(ws).countHeldInto(unsent_);
+      coalescing(ws).setMaximumHeld(configuration_.maximumGatheredBytes);
+    });
     // One deadline for the whole opening, DNS included: a server that
     // accepts TCP and never answers must not hold the client for long.
     armDeadline(configuration_.handshakeTimeout, [](Session& self) {
@@ -118,6 +128,7 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
 
   void write(std::string text) {
     if (finished_ || closing_) {
+      uncount(text.size());
       return;  // nothing may follow a close frame
     }
     outbox_.push_back(std::move(text));
@@ -441,6 +452,8 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     withStream([&](auto& ws) {
       // The frames queued behind this one go out with it.
       coalescing(ws).setMoreComing(outbox_.size() > 1);
+      // From here the stream's own count takes the frame's bytes over.
+      uncount(outbox_.front().size());
       ws.async_write(asio::buffer(outbox_.front()),
                      [self = shared_from_this()](error_code error, std::size_t) {
                        self->onWritten(error);
@@ -452,7 +465,8 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
     writing_ = false;
     withStream([](auto& ws) { coalescing(ws).setMoreComing(false); });
     if (error) {
-      outbox_.clear();  // the read side reports the broken connection
+      outbox_.pop_front();
+      dropOutbox();  // the read side reports the broken connection
       return;
     }
     outbox_.pop_front();
@@ -525,6 +539,19 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
   beast::flat_buffer buffer_;
   std::string received_;  // the last text frame read
   std::deque<std::string> outbox_;
+  // The transport's count of bytes accepted and not yet handed to the
+  // kernel: the outbox's frames, except one being written, and the stream's
+  // gathered bytes.
+  std::shared_ptr<std::atomic<std::uint64_t>> unsent_;
+
+  void uncount(std::size_t size) { unsent_->fetch_sub(size, std::memory_order_relaxed); }
+
+  void dropOutbox() {
+    for (std::size_t i = writing_ ? 1 : 0; i < outbox_.size(); ++i) {
+      uncount(outbox_[i].size());
+    }
+    outbox_.clear();
+  }
   bool open_ = false;
   bool tunnelOpen_ = false;
   bool writing_ = false;
@@ -573,7 +600,7 @@ void URLSessionTransport::connect() {
   std::shared_ptr<Session> previous;
   {
     std::lock_guard lock(mutex_);
-    session = std::make_shared<Session>(weak_from_this(), configuration_, subprotocols_);
+    session = std::make_shared<Session>(weak_from_this(), configuration_, subprotocols_, unsent_);
     previous = std::exchange(session_, session);
   }
   // Posted even on the loop thread, so that no report reaches the delegate
@@ -598,6 +625,10 @@ void URLSessionTransport::disconnect(int code, std::optional<std::string> reason
   }
 }
 
+std::uint64_t URLSessionTransport::bufferedAmount() const {
+  return unsent_->load(std::memory_order_relaxed);
+}
+
 void URLSessionTransport::setSubprotocols(std::vector<std::string> subprotocols) {
   std::lock_guard lock(mutex_);
   subprotocols_ = std::move(subprotocols);
@@ -615,6 +646,7 @@ void URLSessionTransport::send(std::string data) {
   if (!session) {
     return;
   }
+  unsent_->fetch_add(data.size(), std::memory_order_relaxed);
   // On the loop, with none of this transport's work still queued, writing at
   // once is what the queued write would do next: it skips the hop. Frames
   // sent while the open is being reported still go out after the report, so

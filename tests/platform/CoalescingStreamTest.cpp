@@ -137,6 +137,7 @@ TEST_F(CoalescingStreamTest, TeardownSendsASendInFlightAndWhatIsHeldBehindIt) {
   // when the next write comes and the teardown starts.
   const std::string bulk(8 << 20, 'x');
   stream.setMaximumHold(std::chrono::nanoseconds(0));
+  stream.setMaximumHeld(2 * bulk.size());  // reported at once, though the peer does not read yet
   EXPECT_FALSE(write(bulk));
   stream.setMaximumHold(std::chrono::hours(1));
   EXPECT_FALSE(write("tail"));
@@ -145,6 +146,8 @@ TEST_F(CoalescingStreamTest, TeardownSendsASendInFlightAndWhatIsHeldBehindIt) {
   EXPECT_EQ(text.find_first_not_of('x'), bulk.size());
 }
 
+// A write held while the reader is busy is reported at once; the send that
+// fails later fails the writes after it.
 TEST_F(CoalescingStreamTest, AFailedSendFailsTheWritesAfterIt) {
   stream.lowest_layer().close();
   EXPECT_FALSE(write("lost"));  // held, so not failed yet
@@ -152,6 +155,43 @@ TEST_F(CoalescingStreamTest, AFailedSendFailsTheWritesAfterIt) {
   context.poll();
   context.restart();
   EXPECT_TRUE(write("after"));
+  EXPECT_EQ(stream.heldBytes()->load(), 0U) << "failed bytes are dropped";
+}
+
+// With the reader waiting, a write goes out by itself and learns whether it
+// could.
+TEST_F(CoalescingStreamTest, AFailedSendIsReportedToTheWriteItCarried) {
+  startReading();
+  peer.set_option(tcp::socket::linger(true, 0));
+  peer.close();  // a reset
+  std::this_thread::sleep_for(20ms);
+  EXPECT_TRUE(write("lost"));
+  EXPECT_TRUE(write("after"));
+}
+
+TEST_F(CoalescingStreamTest, PastItsBoundAWriterWaitsUntilTheSocketTakesTheBytes) {
+  constexpr std::size_t bound = 64 * 1024;
+  stream.setMaximumHeld(bound);
+  const std::string bulk(8 << 20, 'x');  // more than loopback's buffers take in
+  std::optional<error_code> result;
+  stream.async_write_some(asio::buffer(bulk), [&](error_code error, std::size_t) { result = error; });
+  context.run_for(100ms);
+  context.restart();
+  EXPECT_FALSE(result) << "reported before the bytes fit within the bound";
+  EXPECT_GT(stream.heldBytes()->load(), bound);
+
+  std::string text(bulk.size(), '\0');
+  std::thread peerSide([&] { asio::read(peer, asio::buffer(text)); });
+  const auto limit = std::chrono::steady_clock::now() + 10s;
+  while ((!result || stream.heldBytes()->load() != 0) && std::chrono::steady_clock::now() < limit) {
+    context.run_for(10ms);
+    context.restart();
+  }
+  peerSide.join();
+  ASSERT_TRUE(result);
+  EXPECT_FALSE(*result);
+  EXPECT_EQ(stream.heldBytes()->load(), 0U);
+  EXPECT_EQ(text, bulk);
 }
 
 }  // namespace

@@ -1,16 +1,20 @@
 // The completion-token interface against the bundled server: a coroutine on
-// the application's own context, futures, and cancellation that withdraws
-// only the operation's own hook.
+// the application's own context, futures, cancellation that withdraws only
+// the operation's own hook, failures that say why, and operations that end
+// within their time-out whatever the connection does.
 #include <gtest/gtest.h>
 
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/use_future.hpp>
 #include <boost/json/serialize.hpp>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/AsyncChannel.hpp"
@@ -48,8 +52,9 @@ TEST(AsyncChannel, ACoroutineJoinsPushesAndLeavesOnItsOwnContext) {
     seen.push_back("echo " + boost::json::serialize(echo.payload()));
     try {
       co_await asyncPush(channel, failEvent, why, asio::use_awaitable);
-    } catch (const boost::system::system_error& failure) {
-      seen.push_back(failure.code() == ReplyError::error ? std::string("error") : failure.what());
+    } catch (const ReplyException& failure) {
+      const bool carriesTheReply = failure.code() == ReplyError::error && failure.reply().payload() == why;
+      seen.push_back(carriesTheReply ? std::string("error") : failure.what());
     }
     try {
       co_await asyncPush(channel, silentEvent, Payload(), asio::use_awaitable, 0.05);
@@ -110,6 +115,88 @@ TEST(AsyncChannel, FuturesCarryRepliesAndCancellingWithdrawsOnlyTheOperationsOwn
   EXPECT_EQ(answered.get_future().get(), asio::error::operation_aborted);
   EXPECT_TRUE(eventually([&] { return socket->metrics().pushesOk == okBefore + 1; }));
   socket->disconnect();
+}
+
+TEST(AsyncChannel, ARefusedJoinSaysWhyAndLeaveStopsItsRetries) {
+  PhoenixTestServer server;
+  server.forbidTopic("room:closed", "unauthorized");
+  auto socket = socketFor(server);
+  auto channel = socket->channel("room:closed");
+  socket->connect();
+  asio::io_context application;
+  std::string what;
+  auto session = [&]() -> asio::awaitable<void> {
+    try {
+      co_await asyncJoin(channel, asio::use_awaitable);
+    } catch (const ReplyException& refused) {
+      what = refused.what();
+    }
+  };
+  asio::co_spawn(application, session(), asio::detached);
+  application.run_for(20s);
+  EXPECT_EQ(what, "the server answered \"error\": unauthorized [vantor.reply:1]");
+  // The channel retries on its back-off until it is left.
+  ASSERT_TRUE(server.waitForFrames("room:closed", "phx_join", 2, 20s));
+  channel->leave();
+  ASSERT_TRUE(eventually([&] { return channel->isClosed(); }));
+  const auto joins = server.countReceived("room:closed", "phx_join");
+  std::this_thread::sleep_for(200ms);  // twenty rejoin steps of the test's back-off
+  EXPECT_EQ(server.countReceived("room:closed", "phx_join"), joins);
+  socket->disconnect();
+}
+
+// Each operation completes once, with "timeout", within its time-out plus
+// half a second: against a stopped server, where the push is never sent,
+// and when the connection is closed under a push that was sent.
+TEST(AsyncChannel, OperationsEndWithinTheirTimeOutWhateverTheConnectionDoes) {
+  constexpr double timeout = 1.0;
+  const auto limit = std::chrono::milliseconds(1500);
+  struct Outcomes {
+    std::mutex mutex;
+    std::vector<error_code> errors;
+    std::size_t count() {
+      std::lock_guard lock(mutex);
+      return errors.size();
+    }
+  };
+  auto record = [](const std::shared_ptr<Outcomes>& outcomes) {
+    return [outcomes](error_code error, const Message&) {
+      std::lock_guard lock(outcomes->mutex);
+      outcomes->errors.push_back(error);
+    };
+  };
+  auto expectOneTimeoutWithin = [&](const std::shared_ptr<Outcomes>& outcomes, const char* what) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(eventually([&] { return outcomes->count() > 0; }, limit)) << what;
+    std::this_thread::sleep_for(300ms);  // a second outcome would show by now
+    std::lock_guard lock(outcomes->mutex);
+    EXPECT_EQ(outcomes->errors, std::vector<error_code>{ReplyError::timeout}) << what;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, limit + 300ms + 500ms) << what;
+  };
+
+  auto stopped = std::make_unique<PhoenixTestServer>();
+  auto unreachable = socketFor(*stopped);
+  stopped.reset();
+  auto channel = unreachable->channel("room:unreachable");
+  unreachable->connect();
+  auto join = std::make_shared<Outcomes>();
+  auto push = std::make_shared<Outcomes>();
+  asyncJoin(channel, record(join), timeout);
+  asyncPush(channel, "echo", {}, record(push), timeout);
+  expectOneTimeoutWithin(join, "join, server stopped");
+  expectOneTimeoutWithin(push, "push, server stopped");
+  unreachable->disconnect();
+
+  PhoenixTestServer server;
+  auto socket = socketFor(server);
+  auto joined = socket->channel("room:dropped");
+  socket->connect();
+  ASSERT_EQ(asyncJoin(joined, asio::use_future).get().status(), "ok");
+  auto sent = std::make_shared<Outcomes>();
+  asyncPush(joined, "noreply", {}, record(sent), timeout);
+  ASSERT_TRUE(server.waitForFrames("room:dropped", "noreply", 1, 20s));
+  socket->disconnect();
+  expectOneTimeoutWithin(sent, "push, then disconnect()");
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
-// Opt-in connection features against the bundled server: the auth token in
-// the WebSocket subprotocol, and permessage-deflate.
+// Connection features against the bundled server: the auth token in the
+// WebSocket subprotocol, permessage-deflate, metrics and the buffered amount.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "support/PhoenixClient.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -181,6 +182,38 @@ TEST(ConnectionMetrics, CountWhatHappensOnlyWhileCollecting) {
     EXPECT_GT(roundTrip.count(), 0);
     EXPECT_LT(roundTrip, 10s);
   }
+}
+
+// What a producer reads to pace itself: frames held while disconnected, then
+// everything a frozen network has not taken, back to zero once it has.
+TEST(BufferedAmount, CountsWhatTheNetworkHasNotTakenAndFallsToZeroOnceItLeaves) {
+  PhoenixTestServer server;
+  FaultProxy proxy{{.targetPort = server.port()}};
+  auto socket = Socket::make(proxy.url("/socket"));
+  auto channel = socket->channel("room:buffered");
+  channel->join();
+  EXPECT_GT(socket->bufferedAmount(), 0U) << "the join waits for the connection";
+  socket->connect();
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  ASSERT_TRUE(eventually([&] { return socket->bufferedAmount() == 0; }));
+
+  proxy.freeze();
+  // 16 MiB: more than the kernel's buffers and the frozen proxy take in.
+  constexpr int blocks = 64;
+  const std::string block(256 * 1024, 'x');
+  std::atomic<int> echoed{0};
+  for (int i = 0; i < blocks; ++i) {
+    channel->push("echo", {{"block", block}}, 60.0)->receive("ok", [&](const Message&) { ++echoed; });
+  }
+  ASSERT_TRUE(eventually([&] { return socket->bufferedAmount() > 0; }));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_GT(socket->bufferedAmount(), block.size()) << "nothing leaves while the network is frozen";
+  EXPECT_EQ(echoed, 0);
+
+  proxy.unfreeze();
+  ASSERT_TRUE(eventually([&] { return echoed == blocks; }, 60s));
+  EXPECT_EQ(socket->bufferedAmount(), 0U);
+  socket->disconnect();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,10 @@ class PhoenixTransport {
   virtual void disconnect(int code, std::optional<std::string> reason) = 0;
   /// Sends one text message: the serialised text of a wire frame.
   virtual void send(std::string data) = 0;
+  /// Bytes given to `send` and not yet handed to the network, for a producer
+  /// that paces itself; 0 for a transport that does not count them. Must be
+  /// safe to call from any thread.
+  [[nodiscard]] virtual std::uint64_t bufferedAmount() const { return 0; }
 };
 
 }  // namespace vantor::realtime

@@ -3,12 +3,15 @@
 #include <boost/json/value.hpp>
 #include <boost/url/url.hpp>
 #include <chrono>
+#include <atomic>
 #include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -114,6 +117,13 @@ class Socket : public std::enable_shared_from_this<Socket> {
                                            const ParamsClosure& paramsClosure,
                                            const std::string& vsn);
 
+  /// Why `endpoint` cannot be used, or nothing when it can: an endpoint that
+  /// does not parse (no scheme, a space) would stop the process in `make`,
+  /// and one without a host, or with a scheme other than ws, wss, http or
+  /// https, would never connect. For URLs from users and settings: check
+  /// first, and show the reason instead of stopping.
+  [[nodiscard]] static std::optional<std::string> checkEndpoint(std::string_view endpoint);
+
   ~Socket();
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
@@ -141,6 +151,12 @@ class Socket : public std::enable_shared_from_this<Socket> {
   // weakly and skip the callback once the owner is gone.
 
   std::string onOpen(std::function<void()> callback);
+  /// Close callbacks take no code and run at each of three moments: when
+  /// the connection reports its close (after a failure too, following the
+  /// error callbacks), when a reconnect attempt tears the closed connection
+  /// down before connecting again, and on `disconnect()`. So each refused
+  /// connection attempt that is retried runs them twice; count errors, or
+  /// opens, to count attempts.
   std::string onClose(std::function<void()> callback);
   std::string onError(ErrorCallback callback);
   std::string onMessage(std::function<void(const Message&)> callback);
@@ -199,7 +215,12 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// The channel rejoin delay in seconds for an attempt (from 1).
   [[nodiscard]] double rejoinAfter(std::int64_t tries) const;
   /// Receives every log line, prefixed "VantorPhoenixClient: "; absent by
-  /// default, and then nothing is logged.
+  /// default, and then nothing is logged. Three lines go to standard output
+  /// instead, whatever the logger: "Close Event Received" for each
+  /// "phx_close" frame the server sends (after every leave, for one), "Data
+  /// received. This method is unsupported by the Client" for a binary
+  /// frame, and "Error when receiving " with the error when a connection
+  /// breaks. A terminal application shows them among its own output.
   void setLogger(Logger logger);
   void setEncoder(Encoder encode);
   void setDecoder(Decoder decode);
@@ -235,6 +256,13 @@ class Socket : public std::enable_shared_from_this<Socket> {
   /// The counts so far. Any thread may call it at any time; it does not wait
   /// for the event loop.
   [[nodiscard]] ConnectionMetrics metrics() const;
+  /// Bytes pushed and not yet handed to the network: frames held while the
+  /// socket is not connected (counted by their text's size before they are
+  /// encoded), frames queued in the transport, and bytes gathered for the
+  /// next system call. A producer that sends faster than the network takes
+  /// can pause while this is high. Any thread may call it at any time; it
+  /// does not wait for the event loop.
+  [[nodiscard]] std::uint64_t bufferedAmount() const;
   /// Called on the event loop with the round-trip time of every heartbeat
   /// that gets its reply: from handing the heartbeat to the transport to
   /// receiving the reply. Replaces the previous callback; nullptr removes it.
@@ -308,7 +336,15 @@ class Socket : public std::enable_shared_from_this<Socket> {
   struct BufferedFrame {
     std::optional<std::string> ref;
     std::function<void()> callback;
+    std::uint64_t bytes = 0;
   };
+
+  // Holds a frame until the connection opens, counted in bufferedAmount().
+  void bufferFrame(const std::string& topic, const std::string& event, const Payload& payload,
+                   const std::optional<std::string>& ref, const std::optional<std::string>& joinRef,
+                   std::function<void()> send);
+  // Replaces the connection, here and for readers on other threads.
+  void setConnection(std::shared_ptr<PhoenixTransport> connection);
 
   Socket(std::string endPoint, TransportFactory transport, ParamsClosure paramsClosure,
          std::string vsn);
@@ -388,6 +424,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::shared_ptr<TimeoutTimer> reconnectTimer_;
   CloseStatus closeStatus_ = CloseStatus::unknown;
   std::shared_ptr<PhoenixTransport> connection_;
+  std::atomic<std::uint64_t> sendBufferBytes_{0};
+  // connection_ for threads other than the loop's, which only read it.
+  mutable std::mutex publishedMutex_;
+  std::shared_ptr<PhoenixTransport> publishedConnection_;
   const std::string vsn_;
 };
 

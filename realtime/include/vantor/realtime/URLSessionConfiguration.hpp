@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,11 @@ struct URLSessionConfiguration {
   /// The connection is tunnelled with CONNECT; TLS and its checks run end to
   /// end with the server, and `handshakeTimeout` covers the proxy's part.
   platform::ProxySettings proxy;
+  /// The bytes a connection gathers for its next system call, at most:
+  /// past this a send waits until the network has taken enough of them, so
+  /// a producer faster than the network does not grow them without bound.
+  /// `Socket::bufferedAmount()` counts them.
+  std::size_t maximumGatheredBytes = 256 * 1024;
 
   static URLSessionConfiguration defaultConfiguration() { return {}; }
 };

@@ -69,6 +69,10 @@ class URLSessionTransport : public PhoenixTransport,
   /// the read side. Bytes that are not UTF-8 are a programming error and
   /// stop the process.
   void send(std::string data) override;
+  /// Bytes given to `send` and not yet handed to the kernel: frames queued
+  /// for the connection and the bytes gathered for its next system call.
+  /// Any thread may read it; it does not wait for the event loop.
+  [[nodiscard]] std::uint64_t bufferedAmount() const override;
 
  private:
   class Session;
@@ -97,6 +101,8 @@ class URLSessionTransport : public PhoenixTransport,
   // Work of this transport posted to the loop and not yet run: a send on the
   // loop writes at once only when there is none, so that it cannot overtake.
   std::atomic<int> queued_{0};
+  const std::shared_ptr<std::atomic<std::uint64_t>> unsent_ =
+      std::make_shared<std::atomic<std::uint64_t>>(0);
   bool reportingOpen_ = false;  // on the loop: the delegate's onOpen is running
 };
 
