@@ -2,9 +2,11 @@ include(CMakePackageConfigHelpers)
 
 set(VANTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VantorClient)
 
-install(EXPORT VantorClientTargets
-        NAMESPACE vantor::
-        DESTINATION ${VANTOR_CMAKE_DIR})
+foreach(component platform util realtime account)
+  install(EXPORT VantorClient-${component}-targets
+          NAMESPACE vantor::
+          DESTINATION ${VANTOR_CMAKE_DIR})
+endforeach()
 
 configure_package_config_file(cmake/VantorClientConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/VantorClientConfig.cmake

@@ -1,6 +1,7 @@
 # vantor_add_library(<name> SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
 # Makes the library vantor_<name> with the alias vantor::<name>, public headers
-# from <dir>/include, and installs both into the exported package.
+# from <dir>/include, and installs both into the exported package as its
+# component <name>.
 function(vantor_add_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
   set(target vantor_${name})
@@ -15,7 +16,8 @@ function(vantor_add_library name)
     PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
   target_link_libraries(${target} PUBLIC ${ARG_PUBLIC_DEPS}
                                   PRIVATE ${ARG_PRIVATE_DEPS} $<BUILD_INTERFACE:vantor_warnings>)
-  install(TARGETS ${target} EXPORT VantorClientTargets
+  # One export set per library: the package's components.
+  install(TARGETS ${target} EXPORT VantorClient-${name}-targets
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
