@@ -2,7 +2,8 @@ include(CMakePackageConfigHelpers)
 
 set(VANTOR_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VantorClient)
 
-foreach(component platform util realtime account)
+get_property(VANTOR_BUILT_COMPONENTS GLOBAL PROPERTY VANTOR_COMPONENTS)
+foreach(component IN LISTS VANTOR_BUILT_COMPONENTS)
   install(EXPORT VantorClient-${component}-targets
           NAMESPACE vantor::
           DESTINATION ${VANTOR_CMAKE_DIR})

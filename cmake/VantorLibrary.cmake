@@ -21,4 +21,5 @@ function(vantor_add_library name)
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  set_property(GLOBAL APPEND PROPERTY VANTOR_COMPONENTS ${name})
 endfunction()

@@ -17,6 +17,7 @@
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -24,6 +25,8 @@
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
+
+#include "AsioWakeUp.hpp"
 
 #include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/Fatal.hpp"
@@ -319,6 +322,39 @@ void EventLoop::setPollBeforeSleep(std::chrono::microseconds limit) {
 void EventLoop::stop() {
   impl_->work.reset();
   impl_->context.stop();
+}
+
+void EventLoop::requireDrivenByHost(const char* operation) const {
+  if (!impl_->hostRun || mainHostThread.load() != std::this_thread::get_id()) {
+    fatalError(std::string("EventLoop::") + operation +
+               " is only for a loop that the host runs, on the thread that called useHostThreadForMain()");
+  }
+}
+
+int EventLoop::readinessDescriptor() {
+  requireDrivenByHost("readinessDescriptor()");
+  const int descriptor = detail::readinessDescriptor(impl_->context);
+  detail::armWakeUp(impl_->context);
+  return descriptor;
+}
+
+bool EventLoop::runReady(std::chrono::microseconds budget) {
+  requireDrivenByHost("runReady()");
+  const auto deadline = std::chrono::steady_clock::now() + budget;
+  bool more = true;
+  while (more) {
+    std::size_t ran = 0;
+    if (!runReportingEscapes([&] { ran = impl_->context.poll_one(); })) {
+      continue;  // a handler threw: reported, and the next one runs
+    }
+    if (ran == 0) {
+      more = false;
+    } else if (std::chrono::steady_clock::now() >= deadline) {
+      break;
+    }
+  }
+  detail::armWakeUp(impl_->context);
+  return more;
 }
 
 }  // namespace vantor::platform

@@ -68,7 +68,7 @@ std::vector<Example> readmeExamples() {
 // spaces: prose in headers uses "///").
 std::vector<Example> headerExamples() {
   std::vector<Example> examples;
-  for (const char* part : {"platform", "realtime", "account", "util"}) {
+  for (const char* part : {"platform", "realtime", "account", "util", "qt", "glib"}) {
     for (const auto& entry : fs::recursive_directory_iterator(source / part / "include")) {
       if (entry.path().extension() != ".hpp") {
         continue;
@@ -94,7 +94,8 @@ std::vector<Example> headerExamples() {
 
 std::vector<std::pair<std::string, Lines>> programs() {
   std::vector<std::pair<std::string, Lines>> files;
-  for (const auto* path : {"examples/quickstart.cpp", "examples/snippets.cpp", "demo/coroutine/main.cpp"}) {
+  for (const auto* path : {"examples/quickstart.cpp", "examples/snippets.cpp", "examples/qt.cpp", "examples/glib.cpp",
+                           "demo/coroutine/main.cpp"}) {
     files.emplace_back(path, codeLines(source / path));
   }
   return files;

@@ -89,6 +89,25 @@ class EventLoop {
   /// Makes `run()` return and discards the loop's pending work. Used at exit.
   void stop();
 
+  // --- Driven from another main loop ---------------------------------------
+  // A host-run loop may instead be driven by the host's own main loop (a Qt
+  // or GLib one, see vantor/qt and vantor/glib): the host watches
+  // `readinessDescriptor()` for reading and calls `runReady()` when it is
+  // readable, and again soon while `runReady()` says more is ready. The
+  // loop's work then runs on the host's thread between its own events; that
+  // thread is the loop's, so its calls into the library act at once.
+
+  /// A descriptor that becomes readable when the loop has work: a socket or
+  /// timer is ready, or work was posted from another thread. Only for a loop
+  /// that the host runs, on its thread (otherwise a fatal error).
+  [[nodiscard]] int readinessDescriptor();
+
+  /// Runs the handlers that are ready, for about `budget` at most (at least
+  /// one handler when any is ready), and never waits; true when more are
+  /// ready, so that the host runs it again soon rather than at the next
+  /// readiness. Only for a loop that the host runs, on its thread.
+  bool runReady(std::chrono::microseconds budget);
+
   /// Whether the loop's own thread, when woken, waits for the thread that is
   /// running on its core to reach the end of its turn instead of pre-empting
   /// it (Linux's batch scheduling). On by default: on a core shared with an
@@ -111,6 +130,7 @@ class EventLoop {
  private:
   explicit EventLoop(bool ownThread);
   void shutDown() noexcept;
+  void requireDrivenByHost(const char* operation) const;
 
   struct Impl;
   std::unique_ptr<Impl> impl_;
