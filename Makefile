@@ -6,7 +6,8 @@
 #                    the interactive client against a real server
 # make demo-coroutine the completion-token interface from a C++20 coroutine
 # make demo-signin   the sign-in example against a local OpenID provider
-# make bench         the benchmarks (normal build)
+# make bench         the benchmarks (normal build), then the GUI main-loop
+#                    integration's costs (about three minutes)
 # make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
 # make build         the normal build only
 # make fuzz          the fuzz targets (clang, libFuzzer), 300 s each;
@@ -43,8 +44,9 @@ demo-signin: setup
 	@build/normal/demo/signin/vantor-signin-demo $(ARGS)
 
 bench: setup
-	@scripts/build.sh normal vantor-bench
+	@scripts/build.sh normal vantor-bench vantor-bench-gui
 	@build/normal/bench/vantor-bench $(ARGS)
+	@build/normal/bench/vantor-bench-gui
 
 soak: setup
 	@scripts/build.sh normal vantor-soak

@@ -3,6 +3,8 @@
 #include <glib-unix.h>
 #include <glib.h>
 
+#include <algorithm>
+
 #include "vantor/platform/EventLoop.hpp"
 
 namespace vantor::glib {
@@ -37,7 +39,11 @@ GLibMainLoop::~GLibMainLoop() {
 }
 
 void GLibMainLoop::turn() {
-  if (EventLoop::main().runReady(turnBudget_)) {
+  const auto start = std::chrono::steady_clock::now();
+  const bool more = EventLoop::main().runReady(turnBudget_);
+  ++turns_;
+  longestTurn_ = std::max(longestTurn_, std::chrono::steady_clock::now() - start);
+  if (more) {
     turnAgainSoon();
   }
 }

@@ -5,6 +5,8 @@
 #include <QThread>
 #include <QTimer>
 
+#include <algorithm>
+
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
 
@@ -36,7 +38,11 @@ QtMainLoop::~QtMainLoop() {
 }
 
 void QtMainLoop::turn() {
-  if (EventLoop::main().runReady(turnBudget_)) {
+  const auto start = std::chrono::steady_clock::now();
+  const bool more = EventLoop::main().runReady(turnBudget_);
+  ++turns_;
+  longestTurn_ = std::max(longestTurn_, std::chrono::steady_clock::now() - start);
+  if (more) {
     again_->start();
   }
 }
