@@ -131,7 +131,7 @@ void measure(std::map<std::string, double>& results) {
   std::atomic<long> received{0};
   onLibraryThread([&] { channel->on("tick", [&](const realtime::Message&) { ++received; }); });
   if (integration) {
-    integration->resetStatistics();
+    integration->turns().resetStatistics();
   }
   std::atomic<bool> broadcasting{true};
   std::thread broadcaster([&] {
@@ -148,7 +148,7 @@ void measure(std::map<std::string, double>& results) {
   results["busy_received"] = static_cast<double>(received);
   if (integration) {
     results["busy_longest_ms"] =
-        std::chrono::duration<double, std::milli>(integration->longestTurn()).count();
+        std::chrono::duration<double, std::milli>(integration->turns().longest()).count();
   }
 
   // Idle: one joined socket, the default heartbeat.
@@ -157,13 +157,13 @@ void measure(std::map<std::string, double>& results) {
   long tid = 0;
   onLibraryThread([&] { tid = static_cast<long>(::syscall(SYS_gettid)); });
   const long before = voluntarySwitches(tid);
-  const auto turnsBefore = integration ? integration->turns() : 0;
+  const auto turnsBefore = integration ? integration->turns().count() : 0;
   const auto heartbeatsBefore = server.heartbeatsReceived();
   waitFor([] { return false; }, std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(idleSeconds)));
   results["idle_wakes_per_minute"] = static_cast<double>(voluntarySwitches(tid) - before) * 60.0 / idleSeconds;
   results["idle_heartbeats"] = static_cast<double>(server.heartbeatsReceived() - heartbeatsBefore);
   if (integration) {
-    results["idle_turns"] = static_cast<double>(integration->turns() - turnsBefore);
+    results["idle_turns"] = static_cast<double>(integration->turns().count() - turnsBefore);
   }
   disconnect(socket);
 }

@@ -3,20 +3,12 @@
 #include <glib-unix.h>
 #include <glib.h>
 
-#include <algorithm>
-
-#include "vantor/platform/EventLoop.hpp"
-
 namespace vantor::glib {
-
-using platform::EventLoop;
 
 GLibMainLoop::GLibMainLoop(GMainContext* context, std::chrono::microseconds turnBudget)
     : context_(context != nullptr ? g_main_context_ref(context) : g_main_context_ref(g_main_context_default())),
-      turnBudget_(turnBudget) {
-  EventLoop::useHostThreadForMain();
-  const int descriptor = EventLoop::main().readinessDescriptor();
-  watch_ = g_unix_fd_source_new(descriptor, G_IO_IN);
+      turns_(turnBudget) {
+  watch_ = g_unix_fd_source_new(turns_.descriptor(), G_IO_IN);
   g_source_set_callback(
       watch_,
       G_SOURCE_FUNC(+[](gint, GIOCondition, gpointer self) -> gboolean {
@@ -39,11 +31,7 @@ GLibMainLoop::~GLibMainLoop() {
 }
 
 void GLibMainLoop::turn() {
-  const auto start = std::chrono::steady_clock::now();
-  const bool more = EventLoop::main().runReady(turnBudget_);
-  ++turns_;
-  longestTurn_ = std::max(longestTurn_, std::chrono::steady_clock::now() - start);
-  if (more) {
+  if (turns_.run()) {
     turnAgainSoon();
   }
 }

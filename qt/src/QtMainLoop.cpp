@@ -5,23 +5,24 @@
 #include <QThread>
 #include <QTimer>
 
-#include <algorithm>
-
-#include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
 
 namespace vantor::qt {
 
-using platform::EventLoop;
+namespace {
 
-QtMainLoop::QtMainLoop(std::chrono::microseconds turnBudget) : turnBudget_(turnBudget) {
+std::chrono::microseconds onTheApplicationThread(std::chrono::microseconds turnBudget) {
   auto* application = QCoreApplication::instance();
   if (application == nullptr || application->thread() != QThread::currentThread()) {
     platform::fatalError("QtMainLoop must be made on the thread of the QCoreApplication, after it");
   }
-  EventLoop::useHostThreadForMain();
-  const int descriptor = EventLoop::main().readinessDescriptor();
-  notifier_ = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+  return turnBudget;
+}
+
+}  // namespace
+
+QtMainLoop::QtMainLoop(std::chrono::microseconds turnBudget) : turns_(onTheApplicationThread(turnBudget)) {
+  notifier_ = std::make_unique<QSocketNotifier>(turns_.descriptor(), QSocketNotifier::Read);
   QObject::connect(notifier_.get(), &QSocketNotifier::activated, [this] { turn(); });
   // More was ready than one turn's budget allowed: go on once Qt's own
   // pending events have had their turn.
@@ -38,11 +39,7 @@ QtMainLoop::~QtMainLoop() {
 }
 
 void QtMainLoop::turn() {
-  const auto start = std::chrono::steady_clock::now();
-  const bool more = EventLoop::main().runReady(turnBudget_);
-  ++turns_;
-  longestTurn_ = std::max(longestTurn_, std::chrono::steady_clock::now() - start);
-  if (more) {
+  if (turns_.run()) {
     again_->start();
   }
 }

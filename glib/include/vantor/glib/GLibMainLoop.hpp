@@ -1,7 +1,8 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
+
+#include "vantor/platform/LoopTurns.hpp"
 
 using GMainContext = struct _GMainContext;
 using GSource = struct _GSource;
@@ -37,24 +38,17 @@ class GLibMainLoop {
   GLibMainLoop(const GLibMainLoop&) = delete;
   GLibMainLoop& operator=(const GLibMainLoop&) = delete;
 
-  /// How often the library's work has run, and its longest single turn:
-  /// what the GUI thread spends inside the library at one stretch.
-  [[nodiscard]] std::uint64_t turns() const noexcept { return turns_; }
-  [[nodiscard]] std::chrono::nanoseconds longestTurn() const noexcept { return longestTurn_; }
-  /// Starts both counts again from zero.
-  void resetStatistics() noexcept {
-    turns_ = 0;
-    longestTurn_ = std::chrono::nanoseconds::zero();
-  }
+  /// The turns the library's work has taken on this thread: how many, and
+  /// the longest, which is what the GUI thread spends inside the library at
+  /// one stretch.
+  [[nodiscard]] platform::LoopTurns& turns() noexcept { return turns_; }
 
  private:
   void turn();
   void turnAgainSoon();
 
   GMainContext* context_;
-  std::chrono::microseconds turnBudget_;
-  std::uint64_t turns_ = 0;
-  std::chrono::nanoseconds longestTurn_{0};
+  platform::LoopTurns turns_;
   GSource* watch_ = nullptr;
   GSource* again_ = nullptr;
 };
