@@ -342,17 +342,11 @@ bool EventLoop::runReady(std::chrono::microseconds budget) {
   requireDrivenByHost("runReady()");
   const auto deadline = std::chrono::steady_clock::now() + budget;
   bool more = true;
-  while (more) {
-    std::size_t ran = 0;
-    if (!runReportingEscapes([&] { ran = impl_->context.poll_one(); })) {
-      continue;  // a handler threw: reported, and the next one runs
-    }
-    if (ran == 0) {
-      more = false;
-    } else if (std::chrono::steady_clock::now() >= deadline) {
-      break;
-    }
-  }
+  do {
+    std::size_t ran = 1;  // a handler that threw was reported, and ran
+    runReportingEscapes([&] { ran = impl_->context.poll_one(); });
+    more = ran != 0;
+  } while (more && std::chrono::steady_clock::now() < deadline);
   detail::armWakeUp(impl_->context);
   return more;
 }

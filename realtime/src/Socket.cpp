@@ -356,7 +356,7 @@ void Socket::push(std::string topic, std::string event, Payload payload,
       sendFrame(topic, event, payload, ref, joinRef);
       return;
     }
-    bufferFrame(topic, event, payload, ref, joinRef, {});
+    bufferFrame(topic, event, payload, ref, joinRef);
   });
 }
 
@@ -368,21 +368,19 @@ void Socket::pushFrame(const std::string& topic, const std::string& event, const
       sendFrame(topic, event, payload, ref, joinRef);
       return;
     }
-    bufferFrame(topic, event, payload, ref, joinRef, {});
+    bufferFrame(topic, event, payload, ref, joinRef);
   });
 }
 
 void Socket::bufferFrame(const std::string& topic, const std::string& event, const Payload& payload,
                          const std::optional<std::string>& ref,
-                         const std::optional<std::string>& joinRef, std::function<void()> send) {
+                         const std::optional<std::string>& joinRef) {
   // Encoded only when it is finally sent, so a later encoder applies; its
   // size is counted from its parts meanwhile.
   const std::uint64_t bytes = json::serialize(payload).size() + topic.size() + event.size() +
                               (ref ? ref->size() : 4) + (joinRef ? joinRef->size() : 4) + 16;
-  if (!send) {
-    send = [this, topic, event, payload, ref, joinRef] { sendFrame(topic, event, payload, ref, joinRef); };
-  }
-  sendBuffer_.push_back({ref, std::move(send), bytes});
+  sendBuffer_.push_back(
+      {ref, [this, topic, event, payload, ref, joinRef] { sendFrame(topic, event, payload, ref, joinRef); }, bytes});
   sendBufferBytes_.fetch_add(bytes, std::memory_order_relaxed);
 }
 

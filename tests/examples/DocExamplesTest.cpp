@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -42,25 +43,37 @@ struct Example {
   Lines lines;
 };
 
-// The README's ```cpp blocks.
-std::vector<Example> readmeExamples() {
-  std::ifstream in(source / "README.md");
-  std::vector<Example> examples;
-  bool inside = false;
+// The runs of consecutive lines of `path` that `codeOf` takes for code (it
+// gives their text, blank lines as ""), each an example.
+template <class CodeOf>
+void collect(const fs::path& path, CodeOf codeOf, std::vector<Example>& into) {
+  std::ifstream in(path);
+  bool inRun = false;
   int lineNumber = 0;
   for (std::string line; std::getline(in, line);) {
     ++lineNumber;
-    if (!inside && line.rfind("```cpp", 0) == 0) {
-      inside = true;
-      examples.push_back({"README.md:" + std::to_string(lineNumber), {}});
-    } else if (inside && line.rfind("```", 0) == 0) {
-      inside = false;
-    } else if (inside) {
-      if (auto text = trimmed(line); !text.empty()) {
-        examples.back().lines.push_back(std::move(text));
-      }
+    const auto code = codeOf(line);
+    if (code && !inRun) {
+      into.push_back({fs::relative(path, source).string() + ":" + std::to_string(lineNumber), {}});
     }
+    if (code && !code->empty()) {
+      into.back().lines.push_back(*code);
+    }
+    inRun = code.has_value();
   }
+}
+
+// The README's ```cpp blocks.
+std::vector<Example> readmeExamples() {
+  std::vector<Example> examples;
+  bool inside = false;
+  collect(source / "README.md", [&](const std::string& line) -> std::optional<std::string> {
+    if (line.rfind("```", 0) == 0) {
+      inside = !inside && line.rfind("```cpp", 0) == 0;
+      return std::nullopt;
+    }
+    return inside ? std::optional(trimmed(line)) : std::nullopt;
+  }, examples);
   return examples;
 }
 
@@ -70,22 +83,13 @@ std::vector<Example> headerExamples() {
   std::vector<Example> examples;
   for (const char* part : {"platform", "realtime", "account", "util", "qt", "glib"}) {
     for (const auto& entry : fs::recursive_directory_iterator(source / part / "include")) {
-      if (entry.path().extension() != ".hpp") {
-        continue;
-      }
-      std::ifstream in(entry.path());
-      bool inRun = false;
-      int lineNumber = 0;
-      for (std::string line; std::getline(in, line);) {
-        ++lineNumber;
-        const bool code = line.rfind("//   ", 0) == 0 && line.size() > 5 && line[5] != ' ';
-        if (code && !inRun) {
-          examples.push_back({fs::relative(entry.path(), source).string() + ":" + std::to_string(lineNumber), {}});
-        }
-        if (code) {
-          examples.back().lines.push_back(trimmed(line.substr(2)));
-        }
-        inRun = code;
+      if (entry.path().extension() == ".hpp") {
+        collect(entry.path(), [](const std::string& line) -> std::optional<std::string> {
+          if (line.rfind("//   ", 0) == 0 && line.size() > 5 && line[5] != ' ') {
+            return trimmed(line.substr(2));
+          }
+          return std::nullopt;
+        }, examples);
       }
     }
   }

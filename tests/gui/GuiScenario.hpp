@@ -34,13 +34,10 @@ using Pump = std::function<bool(const std::function<bool()>&)>;
 inline void runDesktopSession(const Pump& pump) {
   using namespace vantor::realtime;
   const auto gui = std::this_thread::get_id();
-  int offThread = 0;  // written on the GUI thread only, when all is well
   std::atomic<int> offThreadSeen{0};
   auto onGui = [&] {
     if (std::this_thread::get_id() != gui) {
       ++offThreadSeen;
-    } else {
-      (void)offThread;
     }
   };
   ASSERT_TRUE(platform::EventLoop::main().isCurrentThread()) << "the GUI thread is the loop's";

@@ -38,8 +38,8 @@ namespace vantor::platform {
 ///   within it, as a stream's writer expects.
 /// A failed send fails the writes still waiting and every later one.
 ///
-/// `heldBytes()` counts what was accepted and not yet handed to the kernel;
-/// any thread may read it.
+/// `countHeldInto()` counts what was accepted and not yet handed to the
+/// kernel, for readers on any thread.
 ///
 /// Runs on one thread, the one that runs its next layer's executor.
 template <class NextLayer>
@@ -72,14 +72,8 @@ class CoalescingStream {
   /// one; while it has, a waiting reader does not make the bytes go out.
   void setMoreComing(bool more) noexcept { moreComing_ = more; }
 
-  /// The bytes accepted and not yet handed to the kernel, readable from any
-  /// thread; the counter outlives the stream.
-  [[nodiscard]] std::shared_ptr<const std::atomic<std::size_t>> heldBytes() const noexcept {
-    return {state_, &state_->held};
-  }
-
-  /// Also adds what is held to `total`, which others add to as well, until
-  /// the bytes leave or are dropped.
+  /// Adds the bytes accepted and not yet handed to the kernel to `total`
+  /// (which others may add to as well), until they leave or are dropped.
   void countHeldInto(std::shared_ptr<std::atomic<std::uint64_t>> total) {
     state_->total = std::move(total);
     state_->publishHeld();
@@ -174,7 +168,6 @@ class CoalescingStream {
     std::string writing;  // bytes being written
     std::uint64_t accepted = 0;  // bytes ever accepted
     std::uint64_t sent = 0;      // bytes ever handed to the kernel, or dropped after a failure
-    std::atomic<std::size_t> held{0};
     std::chrono::steady_clock::time_point heldSince;
     boost::system::error_code error;
     std::vector<Waiting> waiting;
@@ -189,7 +182,6 @@ class CoalescingStream {
 
     void publishHeld() {
       const auto now = accepted - sent;
-      held.store(static_cast<std::size_t>(now), std::memory_order_relaxed);
       if (total && now != counted) {
         total->fetch_add(now - counted, std::memory_order_relaxed);  // wraps to a subtraction
         counted = now;
@@ -293,18 +285,12 @@ class CoalescingStream {
                                  fail(*state, error);
                                }
                                state->publishHeld();
-                               if (!state->alive) {
-                                 settle(state, executor);
-                                 return;
-                               }
-                               if (!state->pending.empty() && !state->error) {
+                               settle(state, executor);
+                               if (state->alive && !state->pending.empty() && !state->error) {
                                  // Written meanwhile: more may join them
                                  // from the handlers already queued.
-                                 settle(state, executor);
                                  flushSoon();
-                                 return;
                                }
-                               settle(state, executor);
                              });
   }
 

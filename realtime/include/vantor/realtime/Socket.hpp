@@ -341,8 +341,7 @@ class Socket : public std::enable_shared_from_this<Socket> {
 
   // Holds a frame until the connection opens, counted in bufferedAmount().
   void bufferFrame(const std::string& topic, const std::string& event, const Payload& payload,
-                   const std::optional<std::string>& ref, const std::optional<std::string>& joinRef,
-                   std::function<void()> send);
+                   const std::optional<std::string>& ref, const std::optional<std::string>& joinRef);
   // Replaces the connection, here and for readers on other threads.
   void setConnection(std::shared_ptr<PhoenixTransport> connection);
 
