@@ -6,6 +6,9 @@
 #                    the interactive client against a real server
 # make demo-coroutine the completion-token interface from a C++20 coroutine
 # make demo-signin   the sign-in example against a local OpenID provider
+# make demo-desktop  the Qt Widgets sample against a bundled server and a local
+#                    OpenID provider; ARGS="--screenshot out.png --user alice"
+#                    without a display, ARGS="--url URL" for a real server
 # make bench         the benchmarks (normal build), then the GUI main-loop
 #                    integration's costs (about three minutes)
 # make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
@@ -17,7 +20,7 @@ SHELL := /bin/bash
 SECONDS_PER_TARGET ?= 300
 .DEFAULT_GOAL := test
 
-.PHONY: setup build test fuzz demo demo-coroutine demo-signin bench soak clean
+.PHONY: setup build test fuzz demo demo-coroutine demo-signin demo-desktop bench soak clean
 
 setup:
 	@scripts/setup.sh
@@ -42,6 +45,10 @@ demo-coroutine: setup
 demo-signin: setup
 	@scripts/build.sh normal vantor-signin-demo
 	@build/normal/demo/signin/vantor-signin-demo $(ARGS)
+
+demo-desktop: setup
+	@scripts/build.sh normal vantor-desktop-demo
+	@build/normal/demo/desktop/vantor-desktop-demo $(ARGS)
 
 bench: setup
 	@scripts/build.sh normal vantor-bench vantor-bench-gui

@@ -1,7 +1,8 @@
-// vantor-bench-gui: what running the library inside a GLib main loop costs,
-// next to the library's own loop thread. The program measures itself with
-// the integration, then runs itself again with --own-thread (the mode is
-// chosen once per process) and prints both:
+// vantor-bench-gui: what running the library inside a GLib or a Qt main
+// loop costs, next to the library's own loop thread. The program measures
+// itself with the GLib integration, then runs itself again with --qt and
+// with --own-thread (the mode is chosen once per process) and prints all
+// three:
 // - idle: wake-ups per minute of the thread that runs the library, with one
 //   joined socket and the default heartbeat (VANTOR_BENCH_IDLE_SECONDS, 60);
 // - busy: the GUI thread's longest single stretch inside the library while
@@ -9,6 +10,10 @@
 // - round trips per second at 1 and at 64 outstanding.
 #include <glib.h>
 #include <sys/syscall.h>
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QTimer>
 #include <unistd.h>
 
 #include <atomic>
@@ -26,6 +31,7 @@
 #include "EchoServer.hpp"
 #include "vantor/glib/GLibMainLoop.hpp"
 #include "vantor/platform/EventLoop.hpp"
+#include "vantor/qt/QtMainLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Push.hpp"
 #include "vantor/realtime/Socket.hpp"
@@ -37,18 +43,31 @@ using namespace vantor;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-bool ownThread = false;
-std::optional<glib::GLibMainLoop> integration;
+enum class Mode { glib, qt, ownThread };
+Mode mode = Mode::glib;
+// The integration's turns; none with the library's own thread.
+platform::LoopTurns* integration = nullptr;
 
-// Lets the library work until `done()` or `limit`: the GLib loop iterates
-// here, or, with the library's own thread, this thread just waits.
+// Lets the library work until `done()` or `limit`: the toolkit's loop
+// iterates here, or, with the library's own thread, this thread just waits.
 bool waitFor(const std::function<bool()>& done, Clock::duration limit) {
   const auto end = Clock::now() + limit;
+  QTimer wake;  // Qt's wait ends at the limit
+  if (mode == Mode::qt) {
+    wake.setSingleShot(true);
+    wake.start(std::chrono::duration_cast<std::chrono::milliseconds>(limit) + 1ms);
+  }
   while (!done() && Clock::now() < end) {
-    if (ownThread) {
-      std::this_thread::sleep_for(1ms);
-    } else {
-      g_main_context_iteration(nullptr, TRUE);
+    switch (mode) {
+      case Mode::ownThread:
+        std::this_thread::sleep_for(1ms);
+        break;
+      case Mode::glib:
+        g_main_context_iteration(nullptr, TRUE);
+        break;
+      case Mode::qt:
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        break;
     }
   }
   return done();
@@ -130,8 +149,8 @@ void measure(std::map<std::string, double>& results) {
   // Busy: 1,000 broadcasts a second for three seconds.
   std::atomic<long> received{0};
   onLibraryThread([&] { channel->on("tick", [&](const realtime::Message&) { ++received; }); });
-  if (integration) {
-    integration->turns().resetStatistics();
+  if (integration != nullptr) {
+    integration->resetStatistics();
   }
   std::atomic<bool> broadcasting{true};
   std::thread broadcaster([&] {
@@ -146,9 +165,8 @@ void measure(std::map<std::string, double>& results) {
   waitFor([&] { return !broadcasting && received >= 3000; }, 30s);
   broadcaster.join();
   results["busy_received"] = static_cast<double>(received);
-  if (integration) {
-    results["busy_longest_ms"] =
-        std::chrono::duration<double, std::milli>(integration->turns().longest()).count();
+  if (integration != nullptr) {
+    results["busy_longest_ms"] = std::chrono::duration<double, std::milli>(integration->longest()).count();
   }
 
   // Idle: one joined socket, the default heartbeat.
@@ -157,13 +175,13 @@ void measure(std::map<std::string, double>& results) {
   long tid = 0;
   onLibraryThread([&] { tid = static_cast<long>(::syscall(SYS_gettid)); });
   const long before = voluntarySwitches(tid);
-  const auto turnsBefore = integration ? integration->turns().count() : 0;
+  const auto turnsBefore = integration != nullptr ? integration->count() : 0;
   const auto heartbeatsBefore = server.heartbeatsReceived();
   waitFor([] { return false; }, std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(idleSeconds)));
   results["idle_wakes_per_minute"] = static_cast<double>(voluntarySwitches(tid) - before) * 60.0 / idleSeconds;
   results["idle_heartbeats"] = static_cast<double>(server.heartbeatsReceived() - heartbeatsBefore);
-  if (integration) {
-    results["idle_turns"] = static_cast<double>(integration->turns().count() - turnsBefore);
+  if (integration != nullptr) {
+    results["idle_turns"] = static_cast<double>(integration->count() - turnsBefore);
   }
   disconnect(socket);
 }
@@ -174,44 +192,65 @@ int main(int argc, char** argv) {
   for (const char* name : {"http_proxy", "https_proxy", "HTTP_PROXY", "HTTPS_PROXY"}) {
     ::unsetenv(name);
   }
-  ownThread = argc > 1 && std::strcmp(argv[1], "--own-thread") == 0;
-  if (!ownThread) {
-    integration.emplace();
+  const std::string flag = argc > 1 ? argv[1] : "";
+  mode = flag == "--own-thread" ? Mode::ownThread : flag == "--qt" ? Mode::qt : Mode::glib;
+  std::optional<QCoreApplication> application;
+  std::optional<qt::QtMainLoop> qtLoop;
+  std::optional<glib::GLibMainLoop> glibLoop;
+  if (mode == Mode::qt) {
+    application.emplace(argc, argv);
+    integration = &qtLoop.emplace().turns();
+  } else if (mode == Mode::glib) {
+    integration = &glibLoop.emplace().turns();
   }
-  std::map<std::string, double> mine;
-  measure(mine);
-  if (ownThread) {
-    for (const auto& [name, value] : mine) {
+  std::map<std::string, double> glibResults;
+  measure(glibResults);
+  if (mode != Mode::glib) {
+    for (const auto& [name, value] : glibResults) {
       std::printf("%s=%f\n", name.c_str(), value);
     }
     return 0;
   }
 
-  std::map<std::string, double> own;
-  const std::string command = std::string(argv[0]) + " --own-thread";
-  if (FILE* child = ::popen(command.c_str(), "r")) {
-    char line[256];
-    while (std::fgets(line, sizeof line, child) != nullptr) {
-      if (char* equals = std::strchr(line, '=')) {
-        *equals = '\0';
-        own[line] = std::atof(equals + 1);
+  auto runChild = [&](const char* childFlag) {
+    std::map<std::string, double> results;
+    const std::string command = std::string(argv[0]) + " " + childFlag;
+    if (FILE* child = ::popen(command.c_str(), "r")) {
+      char line[256];
+      while (std::fgets(line, sizeof line, child) != nullptr) {
+        if (char* equals = std::strchr(line, '=')) {
+          *equals = '\0';
+          results[line] = std::atof(equals + 1);
+        }
       }
+      ::pclose(child);
     }
-    ::pclose(child);
-  }
-  std::printf("\nGUI main-loop integration (GLib) against the library's own loop thread\n");
-  std::printf("%-58s %12s %12s\n", "", "own thread", "GLib loop");
-  std::printf("%-58s %12.1f %12.1f\n", "idle: wake-ups a minute of the thread running the library",
-              own["idle_wakes_per_minute"], mine["idle_wakes_per_minute"]);
-  std::printf("%-58s %12.0f %12.0f\n", "idle: heartbeats in that time", own["idle_heartbeats"],
-              mine["idle_heartbeats"]);
-  std::printf("%-58s %12s %12.0f\n", "idle: turns of the library on the GUI thread", "-", mine["idle_turns"]);
-  std::printf("%-58s %12s %12.2f\n", "busy, 1,000 broadcasts/s: longest GUI stretch, ms", "-",
-              mine["busy_longest_ms"]);
-  std::printf("%-58s %12.0f %12.0f\n", "busy: broadcasts received (of 3,000)", own["busy_received"],
-              mine["busy_received"]);
-  std::printf("%-58s %12.0f %12.0f\n", "round trips/s, 1 outstanding", own["round_trips_1"], mine["round_trips_1"]);
-  std::printf("%-58s %12.0f %12.0f\n", "round trips/s, 64 outstanding", own["round_trips_64"],
-              mine["round_trips_64"]);
+    return results;
+  };
+  auto qtResults = runChild("--qt");
+  auto own = runChild("--own-thread");
+  auto& glib = glibResults;
+  std::printf("\nGUI main-loop integrations (GLib, Qt) against the library's own loop thread\n");
+  std::printf("%-58s %11s %11s %11s\n", "", "own thread", "GLib loop", "Qt loop");
+  auto row = [&](const char* what, const char* format, const std::string& key, bool own_too = true) {
+    std::printf("%-58s ", what);
+    if (own_too) {
+      std::printf(format, own[key]);
+    } else {
+      std::printf("%11s", "-");
+    }
+    std::printf(" ");
+    std::printf(format, glib[key]);
+    std::printf(" ");
+    std::printf(format, qtResults[key]);
+    std::printf("\n");
+  };
+  row("idle: wake-ups a minute of the thread running the library", "%11.1f", "idle_wakes_per_minute");
+  row("idle: heartbeats in that time", "%11.0f", "idle_heartbeats");
+  row("idle: turns of the library on the GUI thread", "%11.0f", "idle_turns", false);
+  row("busy, 1,000 broadcasts/s: longest GUI stretch, ms", "%11.2f", "busy_longest_ms", false);
+  row("busy: broadcasts received (of 3,000)", "%11.0f", "busy_received");
+  row("round trips/s, 1 outstanding", "%11.0f", "round_trips_1");
+  row("round trips/s, 64 outstanding", "%11.0f", "round_trips_64");
   return 0;
 }
