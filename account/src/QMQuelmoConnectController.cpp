@@ -6,6 +6,7 @@
 #include <mutex>
 #include <typeindex>
 
+#include "LoopbackRedirect.hpp"
 #include "vantor/account/QMAccountConstants.hpp"
 #include "vantor/account/QMAccountFactory.hpp"
 #include "vantor/account/QMAccountManager.hpp"
@@ -142,6 +143,10 @@ QMQuelmoConnectController::QMQuelmoConnectController()
       [this] { accountDidChange(); }));
 }
 
+std::vector<QMWebServiceClientCredentials> QMQuelmoConnectController::webServiceClientCredentials() const {
+  return EventLoop::main().sync([this] { return webServiceClientCredentials_; });
+}
+
 std::shared_ptr<QMQuelmoConnectAccount> QMQuelmoConnectController::account() const {
   return EventLoop::main().sync([this] { return account_; });
 }
@@ -239,6 +244,10 @@ void QMQuelmoConnectController::startLogin(CompletionHandler handler, StartRepor
     report(Error::invalidAccount);
     return;
   }
+  if (auto error = listenForLoopbackRedirect()) {
+    report(*error);
+    return;
+  }
   // Replaces an earlier sign-in; its handler is dropped without a call.
   preliminaryAccount_ = account;
   completionHandler_ = std::move(handler);
@@ -250,6 +259,7 @@ void QMQuelmoConnectController::startLogin(CompletionHandler handler, StartRepor
       }
       if (!url) {
         preliminaryAccount_.reset();
+        stopLoopbackRedirect(LoginResult(Error::invalidAccount));
         auto handler = std::exchange(completionHandler_, nullptr);
         // Reported before the handler is dropped, so that a promise learns
         // this error and not the one for a dropped sign-in.
@@ -259,6 +269,9 @@ void QMQuelmoConnectController::startLogin(CompletionHandler handler, StartRepor
         return;
       }
       report(std::nullopt);
+      if (loopback_) {
+        expectLoopbackRedirect(account, *url);
+      }
       if (!QMWorkspace::open(*url)) {
         util::logAccounts().error("Could not open the sign-in page in the browser");
       }
@@ -341,6 +354,7 @@ void QMQuelmoConnectController::logout() {
     }
     QMAccountManager::shared()->removeAccount(account_);
     preliminaryAccount_.reset();
+    stopLoopbackRedirect(LoginResult(Error::notLoggedIn));
     setAccount(nullptr);
   });
 }
@@ -420,6 +434,7 @@ void QMQuelmoConnectController::accountDidChange() {
   preliminaryAccount_.reset();
   // Taken out first, so a handler that starts another sign-in keeps its own.
   auto handler = std::exchange(completionHandler_, nullptr);
+  stopLoopbackRedirect(stored ? LoginResult(std::shared_ptr<QMAccount>(stored)) : LoginResult(Error::notLoggedIn));
   if (stored) {
     setAccount(stored);
     setError(std::nullopt);
@@ -431,6 +446,66 @@ void QMQuelmoConnectController::accountDidChange() {
     setError(Error::notLoggedIn);
     if (handler) {
       handler(LoginResult(Error::notLoggedIn));
+    }
+  }
+}
+
+std::optional<QMQuelmoConnectController::Error> QMQuelmoConnectController::listenForLoopbackRedirect() {
+  stopLoopbackRedirect(std::nullopt);
+  const auto configured = redirectURI().value_or("");
+  if (!detail::LoopbackRedirect::wanted(configured)) {
+    return std::nullopt;
+  }
+  loopback_ = detail::LoopbackRedirect::listen(configured);
+  if (!loopback_) {
+    return Error::internal;
+  }
+  webServiceClientCredentials_.front().redirectURI = loopback_->redirectURI();
+  return std::nullopt;
+}
+
+void QMQuelmoConnectController::expectLoopbackRedirect(const std::shared_ptr<QMQuelmoConnectAccount>& account,
+                                                       const std::string& url) {
+  std::string state;
+  if (auto parsed = boost::urls::parse_absolute_uri(url)) {
+    for (auto param : parsed->params()) {
+      if (param.key == "state") {
+        state = param.value;
+      }
+    }
+  }
+  loopback_->expect(state, [this, account](const std::string& redirect, auto reply) {
+    if (preliminaryAccount_ != account) {
+      reply(false, "This sign-in has been replaced by a newer one.");
+      return false;
+    }
+    if (auto error = handleOAuthResponseOnLoop(redirect)) {
+      reply(false, localizedDescription(*error));
+      return false;  // the sign-in stays pending, as after any failed redirect
+    }
+    loopbackPage_ = std::move(reply);
+    return true;
+  });
+}
+
+void QMQuelmoConnectController::stopLoopbackRedirect(const std::optional<LoginResult>& outcome) {
+  if (auto page = std::exchange(loopbackPage_, nullptr)) {
+    const auto* account = outcome ? std::get_if<std::shared_ptr<QMAccount>>(&*outcome) : nullptr;
+    if (account != nullptr && *account) {
+      page(true, "You are signed in to " + (*account)->serviceName().value_or("the service") + " as " +
+                     (*account)->identifier().value_or("?") + ". You may close this tab and go back to " +
+                     appName_ + ".");
+    } else if (outcome) {
+      page(false, localizedDescription(std::get<Error>(*outcome)));
+    } else {
+      page(false, "This sign-in has been replaced by a newer one.");
+    }
+  }
+  if (loopback_) {
+    loopback_->stop();
+    loopback_.reset();
+    if (auto configured = redirectURI()) {
+      webServiceClientCredentials_.front().redirectURI = *configured;
     }
   }
 }

@@ -37,6 +37,20 @@ std::optional<std::string> signInWithHeadlessBrowser(const std::string& authoriz
   return run->output.substr(marker.size(), end - marker.size());
 }
 
+std::optional<std::string> fillInSignInPages(const std::string& authorizationURL, const std::string& login,
+                                             RedirectHandOff handOff, const std::string& redirectPrefix) {
+  std::vector<std::string> argv{"node", script("browser.mjs"), "--url", authorizationURL, "--login", login,
+                                "--hand-off", handOff == RedirectHandOff::loopback ? "loopback" : "scheme"};
+  if (!redirectPrefix.empty()) {
+    argv.insert(argv.end(), {"--redirect-prefix", redirectPrefix});
+  }
+  auto run = runToCompletion(argv, std::chrono::seconds(90));
+  if (!run || run->status != 0) {
+    return std::nullopt;
+  }
+  return run->output.substr(0, run->output.find('\n'));
+}
+
 void configureTestApplication(const std::string& issuer, const LocalOpenIdProvider::Options& options) {
   QMHostApplication::setName("Sign-in test");
   QMHostApplication::setBundleIdentifier("com.vantor.signin-test");

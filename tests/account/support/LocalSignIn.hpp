@@ -40,6 +40,21 @@ std::optional<std::string> signInWithHeadlessBrowser(const std::string& authoriz
                                                      const std::string& redirectPrefix,
                                                      const std::string& login);
 
+// How the browser brings the redirect back in `fillInSignInPages`.
+enum class RedirectHandOff {
+  loopback,  // it follows the redirect to the application's loopback listener
+  scheme,    // it runs `xdg-open URL` with the custom-scheme redirect
+};
+
+// Opens `authorizationURL` in headless Chromium and signs in as `login` on
+// the provider's development pages, leaving the redirect to the browser and
+// the desktop: the script never reads or forwards it. Returns what the
+// browser saw last: for loopback "PAGE <outcome> <heading>" from the
+// listener's page (outcome "done", "failed" or "refused"), for a scheme
+// "XDG-OPEN <exit status>". None when the browser run failed.
+std::optional<std::string> fillInSignInPages(const std::string& authorizationURL, const std::string& login,
+                                             RedirectHandOff handOff, const std::string& redirectPrefix = {});
+
 // Sets the application up as the sign-in tests' host does: an account layer
 // for the provider at `issuer` (asking for e-mail and a refresh token), and
 // the controller configured for `options`' client and registered with it.

@@ -21,6 +21,10 @@
 
 namespace vantor::account {
 
+namespace detail {
+class LoopbackRedirect;
+}
+
 /// Signs the user of the host application in to the maker's account service
 /// (OAuth authorization-code flow in the default browser), keeps the one
 /// signed-in account, and publishes it, with the last sign-in error, to the
@@ -36,6 +40,8 @@ namespace vantor::account {
 ///
 /// Sign-in: `login` opens the service's authorization page; the redirect
 /// goes to `handleOAuthResponse`, which hands the code to the account layer;
+/// with a loopback redirect URI the controller receives it itself (see
+/// `setRedirectURI`);
 /// the layer's account-did-change notification then sets `account` (or
 /// `error`) and completes the pending `login` exactly once. A failed redirect
 /// leaves the sign-in pending, so a later redirect can still complete it.
@@ -67,7 +73,18 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   /// OAuth client secret, as the client identifier. Required.
   static void setClientSecret(std::optional<std::string> clientSecret);
   [[nodiscard]] static std::optional<std::string> clientSecret();
-  /// Redirect URI registered for the application. Required.
+  /// Redirect URI registered for the application. Required. It contains
+  /// "qmaccounts/quelmoconnect". Either the application's own URL scheme
+  /// ("com.example.app:/qmaccounts/quelmoconnect"), whose URLs the
+  /// application hands to `handleOAuthResponse`; or a loopback address
+  /// without a port ("http://127.0.0.1/qmaccounts/quelmoconnect" or
+  /// "http://[::1]/…"), for services that accept it for native applications:
+  /// each sign-in then listens on an ephemeral port of that address, and of
+  /// no other interface, sends the redirect URI with that port, takes the
+  /// browser's redirect itself, answers it with a short page (signed in, or
+  /// what went wrong), and stops listening when the sign-in ends, fails or
+  /// is replaced. Requests for other paths get 404, and one with another
+  /// `state` an error page, and the listener keeps waiting.
   static void setRedirectURI(std::optional<std::string> redirectURI);
   [[nodiscard]] static std::optional<std::string> redirectURI();
   /// A fixed OAuth `state` to send; unset lets the account layer pick a
@@ -165,11 +182,10 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   [[nodiscard]] std::string appName() const override { return appName_; }
   [[nodiscard]] std::string bundleIdentifier() const override { return bundleIdentifier_; }
 
-  /// The one credentials record made from the configuration at construction.
-  [[nodiscard]] std::vector<QMWebServiceClientCredentials> webServiceClientCredentials()
-      const override {
-    return webServiceClientCredentials_;
-  }
+  /// The one credentials record made from the configuration at construction;
+  /// during a sign-in with a loopback redirect, its redirect URI has the
+  /// listener's port.
+  [[nodiscard]] std::vector<QMWebServiceClientCredentials> webServiceClientCredentials() const override;
 
  private:
   QMQuelmoConnectController();
@@ -186,6 +202,11 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   void setAccount(std::shared_ptr<QMQuelmoConnectAccount> account);
   void setError(std::optional<Error> error);
   void sendWillChange();
+  // The loopback redirect of a sign-in: starts listening, or stops, and
+  // answers the browser's page when the sign-in settles.
+  std::optional<Error> listenForLoopbackRedirect();
+  void expectLoopbackRedirect(const std::shared_ptr<QMQuelmoConnectAccount>& account, const std::string& url);
+  void stopLoopbackRedirect(const std::optional<LoginResult>& outcome);
 
   std::shared_ptr<QMQuelmoConnectAccount> account_;
   std::optional<Error> error_;
@@ -194,6 +215,8 @@ class QMQuelmoConnectController final : public QMAccountWebServiceCredentialsPro
   std::vector<QMWebServiceClientCredentials> webServiceClientCredentials_;
   std::shared_ptr<QMQuelmoConnectAccount> preliminaryAccount_;
   CompletionHandler completionHandler_;
+  std::shared_ptr<detail::LoopbackRedirect> loopback_;
+  std::function<void(bool signedIn, const std::string& message)> loopbackPage_;
   std::vector<boost::signals2::scoped_connection> observers_;
   boost::signals2::signal<void()> objectWillChange_;
 };
