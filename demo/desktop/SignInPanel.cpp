@@ -13,10 +13,9 @@ namespace vantor::desktop {
 
 using account::QMQuelmoConnectController;
 
-SignInPanel::SignInPanel(std::string login, std::string redirectPrefix, QWidget* parent)
+SignInPanel::SignInPanel(std::string login, QWidget* parent)
     : QWidget(parent),
       login_(std::move(login)),
-      redirectPrefix_(std::move(redirectPrefix)),
       name_(new QLabel(this)),
       button_(new QPushButton(this)) {
   name_->setObjectName("account");
@@ -33,30 +32,23 @@ SignInPanel::SignInPanel(std::string login, std::string redirectPrefix, QWidget*
     }
   });
 
-  // login() opens the provider's page through the workspace, on this thread:
-  // here headless Chromium signs in on it, on a thread of its own, and the
-  // redirect comes back to this thread through the library's loop, which the
-  // Qt integration runs here. (A call from that thread would wait for this
-  // one, which may be joining it.)
+  // login() opens the provider's page through the workspace, on this
+  // thread: headless Chromium fills it in, on a thread of its own, and the
+  // provider's redirect goes to the controller's loopback listener by
+  // itself. Only a browser that failed is reported back, through the
+  // library's loop, which the Qt integration runs here.
   account::QMWorkspace::setOpener([this](const std::string& url) {
     if (browser_.joinable()) {
       browser_.join();
     }
     browser_ = std::thread([this, url, self = QPointer<SignInPanel>(this)]() mutable {
-      auto redirect = account::testing::signInWithHeadlessBrowser(url, redirectPrefix_, login_);
-      platform::EventLoop::main().post([self = std::move(self), redirect = std::move(redirect)] {
-        if (!self) {
-          return;
-        }
-        if (!redirect) {
-          self->name_->setText("the browser did not come back");
+      if (account::testing::fillInSignInPages(url, login_, account::testing::RedirectHandOff::loopback)) {
+        return;
+      }
+      platform::EventLoop::main().post([self = std::move(self)] {
+        if (self) {
+          self->name_->setText("the browser did not finish");
           self->button_->setEnabled(true);
-          return;
-        }
-        try {
-          QMQuelmoConnectController::shared().handleOAuthResponse(*redirect);
-        } catch (const account::QMQuelmoConnectControllerException& e) {
-          self->name_->setText(QString::fromStdString(account::localizedDescription(e.error())));
         }
       });
     });

@@ -9,13 +9,13 @@
 namespace vantor::desktop {
 
 /// "Sign in" and the signed-in name. The button runs the account
-/// controller's sign-in; the local OpenID provider's pages are filled in by
-/// headless Chromium, which hands the redirect back to the window.
+/// controller's sign-in; headless Chromium fills in the local OpenID
+/// provider's pages, and the redirect comes back to the controller's
+/// loopback listener by itself.
 class SignInPanel : public QWidget {
  public:
-  /// `login` is the name to sign in with on the provider's pages; the
-  /// redirect the browser brings back starts with `redirectPrefix`.
-  SignInPanel(std::string login, std::string redirectPrefix, QWidget* parent = nullptr);
+  /// `login` is the name to sign in with on the provider's pages.
+  explicit SignInPanel(std::string login, QWidget* parent = nullptr);
   ~SignInPanel() override;
 
  private:
@@ -24,7 +24,6 @@ class SignInPanel : public QWidget {
   void showSignedIn();
 
   std::string login_;
-  std::string redirectPrefix_;
   QLabel* name_;
   QPushButton* button_;
   std::thread browser_;

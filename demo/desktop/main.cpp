@@ -137,7 +137,7 @@ int main(int argc, char** argv) {
   std::optional<account::testing::ScratchDirectory> configHome;
   std::optional<account::testing::LocalOpenIdProvider> provider;
   account::testing::LocalOpenIdProvider::Options client;
-  client.redirectURI = "com.vantor.desktop-demo:/qmaccounts/quelmoconnect";
+  client.redirectURI = "http://127.0.0.1/qmaccounts/quelmoconnect";  // a loopback listener per sign-in
   try {
     configHome.emplace("vantor-desktop-demo");
     ::setenv("XDG_CONFIG_HOME", configHome->path().c_str(), 1);
@@ -149,7 +149,7 @@ int main(int argc, char** argv) {
     provider.reset();
   }
 
-  auto* signIn = provider ? new desktop::SignInPanel(options.room.user, "com.vantor.desktop-demo:") : nullptr;
+  auto* signIn = provider ? new desktop::SignInPanel(options.room.user) : nullptr;
   desktop::DesktopWindow window(options.room, signIn);
   window.show();
   window.start();

@@ -1,13 +1,23 @@
 // Signs a user in with QMQuelmoConnectController and prints the account.
 //
-//   vantor-signin-demo
-//       against a local OpenID provider, in headless Chromium, as "alice"
+//   vantor-signin-demo [--redirect loopback|scheme]
+//       against a local OpenID provider, in headless Chromium, as "alice".
+//       The browser only fills in the provider's pages; the redirect comes
+//       back by itself: to a loopback listener (the default), or through the
+//       example's URL scheme, registered in scratch XDG folders for the run,
+//       `xdg-open` and a second copy of this program, which hands it over.
 //   vantor-signin-demo --issuer URL --client-id ID --redirect-uri URI
 //                      [--client-secret-file FILE] [--scope SCOPE]... [--service-name NAME]
-//       against a real service, in the default browser; paste the URL that
+//       against a real service, in the default browser. A loopback redirect
+//       URI (http://127.0.0.1/qmaccounts/quelmoconnect) or one of a custom
+//       scheme (com.vantor.signin-demo:/qmaccounts/quelmoconnect, registered
+//       for the run) comes back by itself; with any other, paste the URL that
 //       the browser was redirected to when asked. The client secret is read
 //       from FILE (its first line), or else from $VANTOR_CLIENT_SECRET; never
 //       from the command line, where other users' `ps` would show it.
+//   vantor-signin-demo --hand-off URL
+//       what the desktop runs for a URL of the example's scheme: hands it to
+//       the running copy.
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -22,6 +32,8 @@
 #include <vantor/account/QMHostApplication.hpp>
 #include <vantor/account/QMOAuthAccountManager.hpp>
 #include <vantor/account/QMQuelmoConnectController.hpp>
+#include <vantor/account/QMSingleInstance.hpp>
+#include <vantor/account/QMURLSchemeRegistration.hpp>
 #include <vantor/account/QMWorkspace.hpp>
 
 #include "LocalSignIn.hpp"
@@ -40,6 +52,8 @@ struct Options {
   std::optional<std::string> redirectURI;
   std::vector<std::string> scopes;
   std::string serviceName = "Quelmo Connect";
+  std::string redirect = "loopback";  // the local provider's: loopback or scheme
+  std::optional<std::string> handOff;
 };
 
 std::optional<Options> parse(int argc, char** argv) {
@@ -57,6 +71,10 @@ std::optional<Options> parse(int argc, char** argv) {
       options.scopes.push_back(value);
     } else if (name == "--service-name") {
       options.serviceName = value;
+    } else if (name == "--redirect" && (value == "loopback" || value == "scheme")) {
+      options.redirect = value;
+    } else if (name == "--hand-off") {
+      options.handOff = value;
     } else {
       return std::nullopt;
     }
@@ -118,16 +136,65 @@ void printAccount(const QMAccount& account) {
             << "  refresh token: " << (account.refreshToken() ? "received" : "none") << "\n";
 }
 
+// The example's URL scheme registered for the run: in scratch XDG folders
+// for the local run, which go again, or in the user's own. Undone at the end.
+class ScratchSchemeRegistration {
+ public:
+  explicit ScratchSchemeRegistration(const std::string& scheme, bool scratch) : scheme_(scheme) {
+    if (scratch) {
+      folders_.emplace("vantor-signin-demo-xdg");
+      for (const char* variable : {"XDG_DATA_HOME", "XDG_CONFIG_HOME"}) {
+        const auto folder = folders_->path() / variable;
+        std::filesystem::create_directories(folder);
+        ::setenv(variable, folder.c_str(), 1);
+      }
+    }
+    const auto self = std::filesystem::read_symlink("/proc/self/exe").string();
+    const auto files = QMURLSchemeRegistration::registerHandler(scheme_, {self, "--hand-off"});
+    std::cout << "Registered " << self << " as the handler of " << scheme_ << ":\n  "
+              << files.desktopEntry.string() << " (Exec=" << self << " --hand-off %u)\n  "
+              << files.mimeApps.string() << " (x-scheme-handler/" << scheme_ << "="
+              << files.desktopEntry.filename().string() << ")\n";
+  }
+  ~ScratchSchemeRegistration() {
+    try {
+      QMURLSchemeRegistration::unregisterHandler(scheme_);
+    } catch (const std::exception& e) {
+      std::cerr << e.what() << "\n";
+    }
+  }
+  ScratchSchemeRegistration(const ScratchSchemeRegistration&) = delete;
+  ScratchSchemeRegistration& operator=(const ScratchSchemeRegistration&) = delete;
+
+ private:
+  std::string scheme_;
+  std::optional<testing::ScratchDirectory> folders_;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
   auto options = parse(argc, argv);
   if (!options) {
     std::cerr << "usage: " << argv[0]
-              << " [--issuer URL --client-id ID --redirect-uri URI [--client-secret-file FILE]"
-                 " [--scope SCOPE]... [--service-name NAME]]\n"
+              << " [--redirect loopback|scheme]\n"
+                 "       "
+              << argv[0]
+              << " --issuer URL --client-id ID --redirect-uri URI [--client-secret-file FILE]"
+                 " [--scope SCOPE]... [--service-name NAME]\n"
                  "The client secret comes from FILE or $VANTOR_CLIENT_SECRET.\n";
     return 2;
+  }
+  QMHostApplication::setName("Vantor sign-in example");
+  QMHostApplication::setBundleIdentifier("com.vantor.signin-demo");
+  if (options->handOff) {
+    // Started by the desktop for a URL of the scheme: the running copy takes it.
+    if (QMSingleInstance::handOff(*options->handOff)) {
+      return 0;
+    }
+    std::cerr << "No copy of the sign-in example is running, so no sign-in is waiting for " << *options->handOff
+              << "\n";
+    return 1;
   }
   const bool local = !options->issuer;
   if (!local) {
@@ -138,7 +205,8 @@ int main(int argc, char** argv) {
   }
   std::optional<testing::LocalOpenIdProvider> provider;
   testing::LocalOpenIdProvider::Options client;
-  client.redirectURI = "com.vantor.signin-demo:/qmaccounts/quelmoconnect";
+  client.redirectURI = options->redirect == "scheme" ? "com.vantor.signin-demo:/qmaccounts/quelmoconnect"
+                                                     : "http://127.0.0.1/qmaccounts/quelmoconnect";
   std::optional<testing::ScratchDirectory> scratch;
   if (local) {
     try {
@@ -157,10 +225,9 @@ int main(int argc, char** argv) {
     options->redirectURI = client.redirectURI;
     options->scopes = {"openid", "email", "offline_access"};
   }
+  std::cout << "Redirect URI: " << *options->redirectURI << "\n";
 
   // What a host application does at start-up.
-  QMHostApplication::setName("Vantor sign-in example");
-  QMHostApplication::setBundleIdentifier("com.vantor.signin-demo");
   QMOAuthServiceConfiguration service;
   service.serviceName = options->serviceName;
   service.issuer = options->issuer;
@@ -176,23 +243,50 @@ int main(int argc, char** argv) {
   Controller::setRedirectURI(options->redirectURI);
   auto& controller = Controller::shared();
 
-  // The application receives the service's redirect and hands it over; here
-  // the headless browser (local) or the user (real browser) brings it.
+  // How the redirect comes back: a loopback redirect to the controller's own
+  // listener; one of the application's scheme through the desktop, which
+  // starts a second copy, which hands it to this one; anything else pasted.
+  const auto scheme = QMURLSchemeRegistration::schemeOf(*options->redirectURI);
+  const bool byScheme = scheme && *scheme != "http" && *scheme != "https";
+  const bool byLoopback = options->redirectURI->rfind("http://127.0.0.1/", 0) == 0 ||
+                          options->redirectURI->rfind("http://[::1]/", 0) == 0;
   std::atomic<bool> failed{false};
+  std::optional<ScratchSchemeRegistration> registration;
+  std::optional<QMSingleInstance> instance;
+  if (byScheme) {
+    try {
+      registration.emplace(*scheme, local);
+      instance.emplace([&](const std::string& url) {
+        try {
+          controller.handleOAuthResponse(url);
+        } catch (const QMQuelmoConnectControllerException& e) {
+          std::cerr << localizedDescription(e.error()) << "\n";
+        }
+      });
+    } catch (const std::exception& e) {
+      std::cerr << "Cannot take the redirect through the desktop: " << e.what() << "\n";
+      return 1;
+    }
+    // Debian's xdg-open starts a scheme's handler only when a display is
+    // named; the hand-off needs no display server.
+    if (std::getenv("DISPLAY") == nullptr && std::getenv("WAYLAND_DISPLAY") == nullptr) {
+      ::setenv("DISPLAY", ":0", 1);
+    }
+  }
   std::thread browser;
   if (local) {
+    // Headless Chromium only fills in the provider's pages: for a scheme it
+    // runs `xdg-open` with the redirect, as a desktop browser does.
     QMWorkspace::setOpener([&](const std::string& url) {
       browser = std::thread([&, url] {
-        auto redirect = testing::signInWithHeadlessBrowser(url, "com.vantor.signin-demo:", "alice");
-        if (redirect && Controller::isValidResponse(*redirect)) {
-          try {
-            controller.handleOAuthResponse(*redirect);
-            return;
-          } catch (const QMQuelmoConnectControllerException& e) {
-            std::cerr << localizedDescription(e.error()) << "\n";
-          }
+        auto seen = testing::fillInSignInPages(
+            url, "alice", byScheme ? testing::RedirectHandOff::scheme : testing::RedirectHandOff::loopback,
+            byScheme ? *scheme + ":" : std::string());
+        if (!seen) {
+          failed = true;
+        } else if (seen->rfind("PAGE ", 0) == 0) {
+          std::cout << "The browser shows: " << seen->substr(seen->find(' ', 5) + 1) << "\n";
         }
-        failed = true;
       });
       return true;
     });
@@ -203,7 +297,7 @@ int main(int argc, char** argv) {
   if (!controller.isLoggedIn()) {
     controller.logout();  // a stored account without a token is replaced
     auto promise = controller.login();
-    if (!local && !promise.result()) {
+    if (!local && !byScheme && !byLoopback && !promise.result()) {
       std::cout << "Sign in in your browser, then paste the address it was sent to:\n" << std::flush;
       std::string redirect;
       std::getline(std::cin, redirect);
@@ -213,6 +307,8 @@ int main(int argc, char** argv) {
         std::cerr << localizedDescription(e.error()) << "\n";
         failed = true;
       }
+    } else if (!local) {
+      std::cout << "Sign in in your browser; the redirect comes back here by itself.\n" << std::flush;
     }
     account = await(promise, failed);
   }

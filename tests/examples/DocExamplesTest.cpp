@@ -99,6 +99,7 @@ std::vector<Example> headerExamples() {
 std::vector<std::pair<std::string, Lines>> programs() {
   std::vector<std::pair<std::string, Lines>> files;
   for (const auto* path : {"examples/quickstart.cpp", "examples/snippets.cpp", "examples/qt.cpp", "examples/glib.cpp",
+                           "examples/desktop_signin.cpp",
                            "demo/coroutine/main.cpp"}) {
     files.emplace_back(path, codeLines(source / path));
   }

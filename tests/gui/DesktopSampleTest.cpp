@@ -54,13 +54,13 @@ TEST(DesktopSample, ShowsTheRoomRecoversFromARestartAndSignsIn) {
 
   account::testing::ScratchDirectory scratch("vantor-desktop-sample-test");
   ::setenv("XDG_CONFIG_HOME", scratch.path().c_str(), 1);
-  account::testing::LocalOpenIdProvider provider(account::testing::LocalOpenIdProvider::Options{});
+  account::testing::LocalOpenIdProvider provider({.redirectURI = "http://127.0.0.1/qmaccounts/quelmoconnect"});
   account::testing::configureTestApplication(provider.issuer(), provider.options());
 
   std::optional<testing::PhoenixTestServer> server(std::in_place);
   const auto port = server->port();
   RoomSettings room{.url = server->url(), .user = "alice", .useProxy = false};
-  DesktopWindow window(room, new SignInPanel("alice", "com.vantor.signin-test:"));
+  DesktopWindow window(room, new SignInPanel("alice"));
   window.show();
   window.start();
   const auto* indicator = window.findChild<QLabel*>("indicator");
