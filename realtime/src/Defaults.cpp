@@ -1,3 +1,4 @@
+#include <random>
 #include "vantor/realtime/Defaults.hpp"
 
 #include <algorithm>
@@ -293,6 +294,14 @@ std::string encodeFrame(const std::optional<std::string>& joinRef,
 
 double Defaults::reconnectSteppedBackOff(std::int64_t tries) {
   return steppedBackOff(reconnectTable, 5.0, tries);
+}
+
+double Defaults::reconnectJitteredBackOff(std::int64_t tries) {
+  const double step = reconnectSteppedBackOff(tries);
+  // One generator per thread, seeded apart, so that clients started together
+  // draw differently.
+  thread_local std::mt19937_64 generator{std::random_device{}()};
+  return std::uniform_real_distribution<double>(0.0, step)(generator);
 }
 
 double Defaults::rejoinSteppedBackOff(std::int64_t tries) { return steppedBackOff(rejoinTable, 10.0, tries); }

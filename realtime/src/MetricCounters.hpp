@@ -24,6 +24,8 @@ struct alignas(64) MetricCounters {
   Counter pushesError{0};
   Counter pushesTimeout{0};
   Counter malformedDropped{0};
+  Counter resumes{0};
+  Counter networkChanges{0};
 
   [[nodiscard]] bool on() const { return enabled.load(std::memory_order_relaxed); }
 
@@ -36,7 +38,7 @@ struct alignas(64) MetricCounters {
     return {framesIn.load(relaxed),   bytesIn.load(relaxed),     framesOut.load(relaxed),
             bytesOut.load(relaxed),   reconnects.load(relaxed),  rejoins.load(relaxed),
             pushesOk.load(relaxed),   pushesError.load(relaxed), pushesTimeout.load(relaxed),
-            malformedDropped.load(relaxed)};
+            malformedDropped.load(relaxed), resumes.load(relaxed), networkChanges.load(relaxed)};
   }
 };
 

@@ -203,6 +203,11 @@ Socket::Socket(std::string endPoint, TransportFactory transport, ParamsClosure p
 
 std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
   socket->reconnectTimer_->callback.delegate(socket, [](Socket& self) {
+    if (platform::SystemEvents::shared().isOffline()) {
+      self.reconnectPaused_ = true;
+      self.logItems("Socket reconnect paused: the desktop reports no connectivity");
+      return;
+    }
     self.logItems("Socket attempting to reconnect");
     if (self.counters_->on()) {
       detail::MetricCounters::add(self.counters_->reconnects);
@@ -222,6 +227,14 @@ std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
     self.logItems("Socket reconnecting in " + detail::shortestDecimal(interval) + "s");
     return interval;
   });
+  platform::SystemEvents::shared().subscribe(
+      [weakSocket = std::weak_ptr<Socket>(socket)](const platform::SystemEvents::Event& event) {
+        auto self = weakSocket.lock();
+        if (self) {
+          self->onSystemEvent(event);
+        }
+        return self != nullptr;
+      });
   return socket;
 }
 
@@ -292,6 +305,7 @@ boost::urls::url Socket::buildEndpointUrl(const std::string& endpoint,
 // --- Connection --------------------------------------------------------------
 
 void Socket::connect() {
+  platform::SystemEvents::shared().start();
   onLoop([&] {
     if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
       return;
@@ -311,6 +325,7 @@ void Socket::disconnect(CloseCode code, std::function<void()> callback) {
   onLoop([&] {
     closeStatus_ = closeStatus(code);
     reconnectTimer_->reset();
+    reconnectPaused_ = false;
     teardown(code, callback);
   });
 }
@@ -633,21 +648,115 @@ void Socket::resetHeartbeat() {
 }
 
 void Socket::sendHeartbeat() {
-  if (!connection_ || connection_->readyState() != PhoenixTransportReadyState::open) {
+  if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+    if (!pendingHeartbeatRef_) {
+      pendingHeartbeatRef_ = makeRef();
+      heartbeatSentAt_ = std::chrono::steady_clock::now();
+      push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+    } else {
+      // The last heartbeat got no reply within one interval. The delegate
+      // stays set, so the close comes back through onConnectionClosed and
+      // reconnects.
+      pendingHeartbeatRef_.reset();
+      logItems("transport", "heartbeat timeout. Attempting to re-establish connection");
+      closeStatus_ = CloseStatus::abnormal;
+      connection_->disconnect(static_cast<int>(CloseCode::normal), "heartbeat timeout");
+    }
+  }
+  // The desktop's clocks, compared at every heartbeat, tell a sleep where
+  // nothing else reports it; the check it starts then rides on the
+  // heartbeat just sent.
+  platform::SystemEvents::shared().heartbeatTick();
+}
+
+// --- Sleep, wake and network changes ------------------------------------------------
+
+void Socket::checkConnection() {
+  onLoop([&] { checkLink(); });
+}
+
+void Socket::onSystemEvent(const platform::SystemEvents::Event& event) {
+  using Kind = platform::SystemEvents::Kind;
+  auto count = [this](detail::MetricCounters::Counter& counter) {
+    if (counters_->on()) {
+      detail::MetricCounters::add(counter);
+    }
+  };
+  switch (event.kind) {
+    case Kind::resumed:
+      count(counters_->resumes);
+      logItems("system", "resumed from sleep (" + event.detail + "): checking the connection");
+      checkLink();
+      break;
+    case Kind::offline:
+      count(counters_->networkChanges);
+      logItems("system", "offline: reconnects paused");
+      break;
+    case Kind::online:
+    case Kind::networkChanged:
+      count(counters_->networkChanges);
+      logItems("system", event.kind == Kind::online ? "online: reconnecting now"
+                                                    : "network changed (" + event.detail + "): checking the connection");
+      checkLink();
+      break;
+    case Kind::unavailable:
+      logItems("system", event.detail);
+      break;
+  }
+}
+
+void Socket::checkLink() {
+  if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
+    // A heartbeat already on its way answers the check as well.
+    if (!pendingHeartbeatRef_) {
+      pendingHeartbeatRef_ = makeRef();
+      heartbeatSentAt_ = std::chrono::steady_clock::now();
+      push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+    }
+    if (linkCheck_) {
+      linkCheck_->cancel();
+    }
+    linkCheck_ = platform::DispatchWorkItem::make([weakSelf = weak_from_this(), ref = *pendingHeartbeatRef_] {
+      if (auto self = weakSelf.lock(); self && self->pendingHeartbeatRef_ == ref) {
+        self->reconnectNow("no answer to the connection check within " +
+                           detail::shortestDecimal(self->linkCheckTimeout_) + "s");
+      }
+    });
+    platform::EventLoop::main().asyncAfter(
+        std::chrono::milliseconds(static_cast<std::int64_t>(std::llround(linkCheckTimeout_ * 1000))), linkCheck_);
     return;
   }
-  if (!pendingHeartbeatRef_) {
-    pendingHeartbeatRef_ = makeRef();
-    heartbeatSentAt_ = std::chrono::steady_clock::now();
-    push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
-    return;
+  if (reconnectPaused_ || reconnectTimer_->isPending()) {
+    reconnectNow("reconnecting at once");
   }
-  // The last heartbeat got no reply within one interval. The delegate stays
-  // set, so the close comes back through onConnectionClosed and reconnects.
+}
+
+void Socket::reconnectNow(const std::string& why) {
+  logItems("transport", why);
+  // As after a close that the transport reported: channels error and will
+  // rejoin. The old connection is dropped without waiting for its close
+  // handshake, which a dead link never completes.
   pendingHeartbeatRef_.reset();
-  logItems("transport", "heartbeat timeout. Attempting to re-establish connection");
   closeStatus_ = CloseStatus::abnormal;
-  connection_->disconnect(static_cast<int>(CloseCode::normal), "heartbeat timeout");
+  triggerChannelError();
+  if (heartbeatTimer_) {
+    heartbeatTimer_->stop();
+  }
+  reconnectTimer_->reset();
+  if (platform::SystemEvents::shared().isOffline()) {
+    reconnectPaused_ = true;
+    teardown(CloseCode::normal, nullptr);
+    return;
+  }
+  reconnectPaused_ = false;
+  if (counters_->on()) {
+    detail::MetricCounters::add(counters_->reconnects);
+  }
+  teardown(CloseCode::normal, [this] {
+    if (!detail::guarded(this, "connect", [&] { connect(); })) {
+      reconnectTimer_->scheduleTimeout();
+    }
+  });
 }
 
 // --- Transport events ----------------------------------------------------------
@@ -655,6 +764,7 @@ void Socket::sendHeartbeat() {
 void Socket::onConnectionOpen() {
   logItems("transport", "Connected to " + endPoint_);
   closeStatus_ = CloseStatus::unknown;
+  reconnectPaused_ = false;
   flushSendBuffer();
   reconnectTimer_->reset();
   resetHeartbeat();
@@ -790,6 +900,13 @@ std::chrono::nanoseconds Socket::heartbeatLeeway() const {
 }
 void Socket::setHeartbeatLeeway(std::chrono::nanoseconds leeway) {
   onLoop([&] { heartbeatLeeway_ = leeway; });
+}
+double Socket::linkCheckTimeout() const {
+  return onLoop([&] { return linkCheckTimeout_; });
+}
+void Socket::setLinkCheckTimeout(double seconds) {
+  detail::requireInterval("Socket linkCheckTimeout", seconds, true);
+  onLoop([&] { linkCheckTimeout_ = seconds; });
 }
 bool Socket::skipHeartbeat() const {
   return onLoop([&] { return skipHeartbeat_; });

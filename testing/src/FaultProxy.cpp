@@ -99,6 +99,9 @@ class Link : public std::enable_shared_from_this<Link> {
         up_(client_, server_, true, core.io_),
         down_(server_, client_, false, core.io_) {}
 
+  // Forwards nothing more, ever: a connection the other side has forgotten.
+  void strand() { stranded_ = true; }
+
   void start() {
     server_.async_connect(core_.target_, [self = shared_from_this()](error_code ec) {
       if (self->ended_) {
@@ -194,7 +197,7 @@ class Link : public std::enable_shared_from_this<Link> {
 
   void pump(Direction& d) {
     const auto& faults = core_.faults_;
-    if (ended_ || d.writing || d.waiting || faults.frozen || !connected_ || d.queue.empty()) {
+    if (ended_ || stranded_ || d.writing || d.waiting || faults.frozen || !connected_ || d.queue.empty()) {
       return;
     }
     auto& chunk = d.queue.front();
@@ -285,6 +288,7 @@ class Link : public std::enable_shared_from_this<Link> {
   Direction down_;  // server to client
   bool connected_ = false;
   bool ended_ = false;
+  bool stranded_ = false;
 };
 
 ProxyCore::ProxyCore(FaultProxy::Options options)
@@ -384,6 +388,10 @@ void FaultProxy::unfreeze() {
     impl_->faults_.frozen = false;
     impl_->forEachLink([](Link& link) { link.pumpAll(); });
   });
+}
+
+void FaultProxy::strandOpenConnections() {
+  impl_->execute([&] { impl_->forEachLink([](Link& link) { link.strand(); }); });
 }
 
 void FaultProxy::reset() {

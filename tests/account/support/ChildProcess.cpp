@@ -55,6 +55,18 @@ ChildProcess::~ChildProcess() {
   }
 }
 
+bool ChildProcess::write(const std::string& text) {
+  std::size_t sent = 0;
+  while (input_ >= 0 && sent < text.size()) {
+    const auto n = ::write(input_, text.data() + sent, text.size() - sent);
+    if (n <= 0) {
+      return false;
+    }
+    sent += static_cast<std::size_t>(n);
+  }
+  return sent == text.size();
+}
+
 std::optional<std::string> ChildProcess::readLine(milliseconds timeout) {
   auto deadline = Clock::now() + timeout;
   std::string line;
@@ -100,7 +112,9 @@ void ChildProcess::stop() {
   if (input_ >= 0) {
     ::close(std::exchange(input_, -1));
   }
-  if (!status_) {
+  // A program that ends with its input gets a moment to end cleanly, and
+  // so to stop what it started (dbus-run-session its bus).
+  if (!status_ && !wait(std::chrono::seconds(1))) {
     ::kill(pid_, SIGTERM);
     if (!wait(std::chrono::seconds(2))) {
       ::kill(pid_, SIGKILL);

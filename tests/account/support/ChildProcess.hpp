@@ -24,12 +24,15 @@ class ChildProcess {
   // output ends or `timeout` passes first (a partial line is then lost).
   std::optional<std::string> readLine(std::chrono::milliseconds timeout);
 
+  // Writes `text` to its input; false when it cannot (it has ended).
+  bool write(const std::string& text);
+
   // The exit status once the program has ended (128 + signal number when a
   // signal ended it); none if it is still running after `timeout`.
   std::optional<int> wait(std::chrono::milliseconds timeout);
 
-  // Closes its input, sends SIGTERM, then SIGKILL if it has not ended
-  // within two seconds; reaps it.
+  // Closes its input; unless it then ends within a second, sends SIGTERM,
+  // then SIGKILL if it has not ended within two more; reaps it.
   void stop();
 
  private:

@@ -20,6 +20,10 @@ struct ConnectionMetrics {
   /// Frames and presence data dropped because they would otherwise stop the
   /// process (`Socket::setDropsMalformedInput`).
   std::uint64_t malformedDropped = 0;
+  /// Resumes from sleep, and network changes (offline, online, another
+  /// connection), that made the socket check its connection or pause.
+  std::uint64_t resumes = 0;
+  std::uint64_t networkChanges = 0;
 };
 
 }  // namespace vantor::realtime

@@ -33,6 +33,12 @@ struct Defaults {
   /// An attempt below 1 is a programming error and stops the process.
   static double reconnectSteppedBackOff(std::int64_t tries);
 
+  /// The same table with full jitter: a delay drawn uniformly between 0 and
+  /// `reconnectSteppedBackOff(tries)`. For `Socket::setReconnectAfter` when
+  /// many clients connect to one server: after a restart they then come
+  /// back spread over each step instead of all at its end.
+  static double reconnectJitteredBackOff(std::int64_t tries);
+
   /// Channel rejoin delay in seconds for attempt `tries` (from 1):
   /// 1.0, 2.0, 5.0, then 10.0. An attempt below 1 stops the process.
   static double rejoinSteppedBackOff(std::int64_t tries);

@@ -16,7 +16,9 @@
 #include <utility>
 #include <vector>
 
+#include "vantor/platform/DispatchWorkItem.hpp"
 #include "vantor/platform/EventLoop.hpp"
+#include "vantor/platform/SystemEvents.hpp"
 #include "vantor/realtime/ConnectionMetrics.hpp"
 #include "vantor/realtime/Defaults.hpp"
 #include "vantor/realtime/Delegated.hpp"
@@ -145,6 +147,20 @@ class Socket : public std::enable_shared_from_this<Socket> {
   [[nodiscard]] PhoenixTransportReadyState connectionState() const;
   [[nodiscard]] bool isConnected() const;
 
+  /// Checks the connection at once. When connected, a heartbeat must be
+  /// answered within `linkCheckTimeout()`, or the connection is dropped
+  /// without a close handshake and a new one opened (channels rejoin as
+  /// after any drop); a healthy connection is kept. When waiting to
+  /// reconnect, the attempt is made now, from the first step of the
+  /// back-off. Otherwise (never connected, `disconnect()`ed, connecting)
+  /// it does nothing.
+  ///
+  /// Sockets do this by themselves when the desktop reports (see
+  /// platform::SystemEvents) a resume from sleep, a change of network, or
+  /// connectivity back after none. While it reports no connectivity, they
+  /// make no reconnect attempts at all.
+  void checkConnection();
+
   // --- Callbacks ----------------------------------------------------------
   // Each returns the callback's reference (drawn from `makeRef`), for `off`.
   // Plain forms hold the callback strongly; `delegate…` forms hold the owner
@@ -208,6 +224,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void setHeartbeatLeeway(std::chrono::nanoseconds leeway);
   [[nodiscard]] bool skipHeartbeat() const;
   void setSkipHeartbeat(bool skip);
+  /// How long `checkConnection` waits for the heartbeat's reply: 1 s by default.
+  [[nodiscard]] double linkCheckTimeout() const;
+  void setLinkCheckTimeout(double seconds);
   void setReconnectAfter(BackOff backOff);
   /// The reconnect delay in seconds for an attempt (from 1).
   [[nodiscard]] double reconnectAfter(std::int64_t tries) const;
@@ -371,6 +390,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void resetHeartbeat();
   void sendHeartbeat();
   void triggerChannelError();
+  // Desktop events, and what they make the socket do.
+  void onSystemEvent(const platform::SystemEvents::Event& event);
+  void checkLink();
+  void reconnectNow(const std::string& why);
 
   // Transport reports, through TransportDelegate.
   void onConnectionOpen();
@@ -421,6 +444,10 @@ class Socket : public std::enable_shared_from_this<Socket> {
   std::shared_ptr<const std::function<void(std::chrono::nanoseconds)>> heartbeatRoundTrip_;
   const std::unique_ptr<detail::MetricCounters> counters_;
   std::shared_ptr<TimeoutTimer> reconnectTimer_;
+  // A reconnect that came due while the desktop reported no connectivity.
+  bool reconnectPaused_ = false;
+  double linkCheckTimeout_ = 1.0;
+  std::shared_ptr<platform::DispatchWorkItem> linkCheck_;
   CloseStatus closeStatus_ = CloseStatus::unknown;
   std::shared_ptr<PhoenixTransport> connection_;
   std::atomic<std::uint64_t> sendBufferBytes_{0};

@@ -56,6 +56,10 @@ class FaultProxy {
 
   void freeze();
   void unfreeze();
+  /// Freezes the connections open now for good, while new ones pass: as
+  /// after a sleep or a change of network, when the old connection is dead
+  /// (no FIN, no RST) and a new one works.
+  void strandOpenConnections();
   void reset();
   /// A one-byte chunk cannot be cut: it is forwarded and the cut waits.
   void cutNextServerChunk();
