@@ -8,7 +8,8 @@ namespace vantor::desktop {
 
 /// The window's connection line: "connected", "connecting…", "reconnecting
 /// in N s" counting down to the next attempt, or "offline" when no attempt
-/// is coming.
+/// is coming (the desktop reports no connectivity, or the socket was
+/// disconnected).
 class ConnectionIndicator : public QLabel {
  public:
   using Clock = std::chrono::steady_clock;

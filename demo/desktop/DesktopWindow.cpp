@@ -5,6 +5,7 @@
 #include <QPointer>
 #include <QVBoxLayout>
 #include <boost/json/serialize.hpp>
+#include <vantor/platform/SystemEvents.hpp>
 #include <vantor/realtime/Defaults.hpp>
 #include <vantor/realtime/Push.hpp>
 #include <vantor/realtime/URLSessionTransport.hpp>
@@ -106,6 +107,18 @@ DesktopWindow::DesktopWindow(RoomSettings settings, SignInPanel* signIn)
     indicator_->showConnected();
   }));
   socket_->onClose(whileAlive(this, [this] { showClosed(); }));
+  // While the desktop reports no connectivity the socket makes no attempts.
+  platform::SystemEvents::shared().subscribe([window = QPointer<DesktopWindow>(this)](const platform::SystemEvents::Event& event) {
+    if (!window) {
+      return false;
+    }
+    if (event.kind == platform::SystemEvents::Kind::offline && !window->socket_->isConnected()) {
+      window->indicator_->showOffline();
+    } else if (event.kind == platform::SystemEvents::Kind::online && !window->socket_->isConnected()) {
+      window->indicator_->showConnecting();
+    }
+    return true;
+  });
 
   channel_ = socket_->channel(settings_.topic, {{"user_id", settings_.user}});
   channel_->on(settings_.event, whileAlive(this, [this](const Message& message) { showMessage(message.payload()); }));
@@ -154,7 +167,9 @@ void DesktopWindow::showMessage(const Payload& payload) {
 void DesktopWindow::showClosed() {
   const auto status = socket_->closeStatus();
   const bool retrying = status == Socket::CloseStatus::unknown || status == Socket::CloseStatus::abnormal;
-  if (nextAttempt_ && *nextAttempt_ > ConnectionIndicator::Clock::now()) {
+  if (platform::SystemEvents::shared().isOffline()) {
+    indicator_->showOffline();
+  } else if (nextAttempt_ && *nextAttempt_ > ConnectionIndicator::Clock::now()) {
     indicator_->showReconnecting(*nextAttempt_);
   } else if (retrying) {
     indicator_->showConnecting();

@@ -8,8 +8,11 @@
 #include <iostream>
 #include <sstream>
 #include <utility>
+#include <atomic>
+#include <memory>
 
 #include "Transcript.hpp"
+#include "vantor/platform/SystemEvents.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/Presence.hpp"
 #include "vantor/realtime/Push.hpp"
@@ -75,6 +78,24 @@ int runInteractive(const InteractiveOptions& options) {
   // A server we do not control must not be able to stop the client with a
   // short frame or broken presence data: drop such input and go on.
   socket->setDropsMalformedInput(true);
+  // Many desktops reconnect to one server after it restarts: spread them.
+  socket->setReconnectAfter(&Defaults::reconnectJitteredBackOff);
+  // What the desktop reports, and what the socket does about it.
+  auto listening = std::make_shared<std::atomic<bool>>(true);
+  platform::SystemEvents::shared().subscribe([&out, listening](const platform::SystemEvents::Event& event) {
+    if (!*listening) {
+      return false;
+    }
+    using Kind = platform::SystemEvents::Kind;
+    switch (event.kind) {
+      case Kind::resumed: out.say("system", "resumed from sleep: checking the connection"); break;
+      case Kind::offline: out.say("system", "offline: reconnects paused"); break;
+      case Kind::online: out.say("system", "online: reconnecting now"); break;
+      case Kind::networkChanged: out.say("system", "network changed: checking the connection"); break;
+      case Kind::unavailable: out.say("system", event.detail); break;
+    }
+    return true;
+  });
   auto printStats = [&](const std::string& prefix) {
     const auto m = socket->metrics();
     out.say("stats", prefix + "frames in " + std::to_string(m.framesIn) + " (" + std::to_string(m.bytesIn) +
@@ -82,7 +103,8 @@ int runInteractive(const InteractiveOptions& options) {
                          " B), reconnects " + std::to_string(m.reconnects) + ", rejoins " +
                          std::to_string(m.rejoins) + ", pushes ok " + std::to_string(m.pushesOk) + " error " +
                          std::to_string(m.pushesError) + " timeout " + std::to_string(m.pushesTimeout) +
-                         ", malformed dropped " + std::to_string(m.malformedDropped));
+                         ", malformed dropped " + std::to_string(m.malformedDropped) + ", resumes " +
+                         std::to_string(m.resumes) + ", network changes " + std::to_string(m.networkChanges));
   };
   if (options.stats) {
     socket->setCollectsMetrics(true);
@@ -169,6 +191,7 @@ int runInteractive(const InteractiveOptions& options) {
   channel->leave();
   socket->disconnect();
   socket->releaseCallbacks();
+  *listening = false;
   return 0;
 }
 
