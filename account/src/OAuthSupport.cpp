@@ -148,35 +148,9 @@ std::string formEncode(const FormFields& fields) {
   return out;
 }
 
-std::optional<boost::urls::url> parseEndpointURL(std::string_view text) {
-  auto url = platform::parseUrl(text);
-  if (!url || !url->has_scheme() || !url->has_authority() || url->has_fragment()) {
-    return std::nullopt;
-  }
-  return url;
-}
+std::optional<boost::urls::url> parseEndpointURL(std::string_view text) { return platform::parseEndpointUrl(text); }
 
-bool isLoopbackURL(std::string_view text) {
-  auto url = parseEndpointURL(text);
-  if (!url) {
-    return false;
-  }
-  switch (url->host_type()) {
-    case boost::urls::host_type::ipv4:
-      return url->host_ipv4_address().to_bytes()[0] == 127;
-    case boost::urls::host_type::ipv6:
-      return url->host_ipv6_address().is_loopback();
-    case boost::urls::host_type::name: {
-      std::string host = url->host_name();
-      for (auto& c : host) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      }
-      return host == "localhost";
-    }
-    default:
-      return false;
-  }
-}
+bool isLoopbackURL(std::string_view text) { return platform::isLoopbackUrl(text); }
 
 bool isAllowedEndpointURL(std::string_view text) {
   auto url = parseEndpointURL(text);

@@ -14,6 +14,8 @@
 #include "Transcript.hpp"
 #include "vantor/platform/SystemEvents.hpp"
 #include "vantor/realtime/Channel.hpp"
+#include "vantor/realtime/FallbackTransport.hpp"
+#include "vantor/realtime/LongPollTransport.hpp"
 #include "vantor/realtime/Presence.hpp"
 #include "vantor/realtime/Push.hpp"
 #include "vantor/realtime/Socket.hpp"
@@ -68,12 +70,27 @@ int runInteractive(const InteractiveOptions& options) {
   if (!options.params.empty()) {
     params = [payload = payloadOf(options.params)] { return std::optional<Payload>(payload); };
   }
-  auto socket = Socket::make(
-      options.url,
-      [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
-        return URLSessionTransport::make(url, configuration);
-      },
-      params);
+  std::function<void(Transcript&)> openNote;
+  Socket::TransportFactory transport;
+  if (options.transport == "longpoll") {
+    transport = [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+      return LongPollTransport::make(url, configuration);
+    };
+  } else if (options.transport == "auto") {
+    auto choice = std::make_shared<FallbackTransport::Choice>();
+    transport = FallbackTransport::factory(configuration, choice);
+    // Said once, at the first connection that went over long-poll.
+    openNote = [choice, said = false](Transcript& out) mutable {
+      if (choice->longPoll && !std::exchange(said, true)) {
+        out.say("socket", "the WebSocket upgrade failed; using long-poll");
+      }
+    };
+  } else {
+    transport = [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
+      return URLSessionTransport::make(url, configuration);
+    };
+  }
+  auto socket = Socket::make(options.url, transport, params);
   socket->setAuthToken(options.authToken);
   // A server we do not control must not be able to stop the client with a
   // short frame or broken presence data: drop such input and go on.
@@ -122,6 +139,9 @@ int runInteractive(const InteractiveOptions& options) {
   bool connected = false;
   socket->onOpen([&] {
     connected = true;
+    if (openNote) {
+      openNote(out);
+    }
     out.say("socket", "connected to " + std::string(socket->endPointUrl().buffer()));
   });
   socket->onError([&](const TransportError& error, const std::optional<HttpResponse>& response) {

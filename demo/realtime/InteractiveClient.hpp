@@ -18,6 +18,7 @@ struct InteractiveOptions {
   bool compress = false;
   bool stats = false;
   std::string proxy;  // a proxy URL, "none", or empty for the environment's
+  std::string transport = "websocket";  // websocket, longpoll, or auto (WebSocket, else long-poll)
   bool verbose = false;
 };
 

@@ -23,6 +23,9 @@ void usage() {
       "  --ca FILE         trust this PEM certificate authority too\n"
       "  --auth-token TOKEN  send TOKEN in the WebSocket subprotocol, not the URL\n"
       "  --compress        offer permessage-deflate compression\n"
+      "  --transport websocket|longpoll|auto\n"
+      "                    auto starts with WebSocket and falls back to long-poll\n"
+      "                    when the upgrade fails and plain HTTP works\n"
       "  --stats           count traffic and outcomes; print them at every heartbeat\n"
       "  --proxy URL|none  HTTP proxy to tunnel through, or none; by default\n"
       "                    https_proxy / http_proxy and no_proxy from the environment\n"
@@ -67,6 +70,12 @@ int main(int argc, char** argv) {
       options.caFile = value();
     } else if (arg == "--auth-token") {
       options.authToken = value();
+    } else if (arg == "--transport") {
+      options.transport = value();
+      if (options.transport != "websocket" && options.transport != "longpoll" && options.transport != "auto") {
+        std::fprintf(stderr, "--transport takes websocket, longpoll or auto\n");
+        return 2;
+      }
     } else if (arg == "--compress") {
       options.compress = true;
     } else if (arg == "--stats") {

@@ -53,4 +53,34 @@ std::optional<NetworkTarget> NetworkTarget::of(const boost::urls::url_view& url,
   return target;
 }
 
+std::optional<boost::urls::url> parseEndpointUrl(std::string_view text) {
+  auto url = parseUrl(text);
+  if (!url || !url->has_scheme() || !url->has_authority() || url->has_fragment()) {
+    return std::nullopt;
+  }
+  return url;
+}
+
+bool isLoopbackUrl(std::string_view text) {
+  auto url = parseEndpointUrl(text);
+  if (!url) {
+    return false;
+  }
+  switch (url->host_type()) {
+    case boost::urls::host_type::ipv4:
+      return url->host_ipv4_address().to_bytes()[0] == 127;
+    case boost::urls::host_type::ipv6:
+      return url->host_ipv6_address().is_loopback();
+    case boost::urls::host_type::name: {
+      std::string host = url->host_name();
+      for (auto& c : host) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+      }
+      return host == "localhost";
+    }
+    default:
+      return false;
+  }
+}
+
 }  // namespace vantor::platform

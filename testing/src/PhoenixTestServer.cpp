@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <deque>
+#include <random>
 #include <utility>
 
 #include "Recorder.hpp"
@@ -134,6 +137,9 @@ class PhoenixTestServer::Impl {
   void opened(ConnectionId connection, const std::string& target);
   void received(ConnectionId connection, const std::string& text);
   void closed(ConnectionId connection);
+  // Long-poll: requests to "/socket/longpoll", and its sessions.
+  void http(const WebSocketTestServer::HttpRequest& request, WebSocketTestServer::HttpRespond respond);
+  void endLongPolls();
 
   void endChannels(const std::string& topic, std::string_view event);
   void pushToMembers(const std::string& topic, const std::string& event,
@@ -181,7 +187,22 @@ class PhoenixTestServer::Impl {
   void countMembers(const std::string& topic);
   void trace(ConnectionId connection, std::string_view direction, std::string_view text) const;
 
+  // A long-poll session: a connection whose frames wait for the next poll.
+  struct LongPollSession {
+    ConnectionId id;
+    std::deque<std::string> outbox;
+    WebSocketTestServer::HttpRespond waiting;  // the poll held until a frame comes
+    std::uint64_t pollSerial = 0;
+    std::chrono::steady_clock::time_point lastSeen;
+  };
+  void deliver(const std::string& token, LongPollSession& session);
+  void endLongPoll(const std::string& token);
+  void sweepLongPolls();
+
   Options options_;
+  std::map<std::string, LongPollSession> longPolls_;          // by token
+  std::map<ConnectionId, std::string> longPollTokens_;       // by connection
+  ConnectionId nextLongPollId_ = 1'000'000;  // apart from the WebSocket layer's numbers
   // From the handshake that is being accepted, for its `opened`.
   std::optional<std::string> pendingAuthToken_;
   std::map<ConnectionId, std::map<std::string, Membership>> channels_;
@@ -218,9 +239,167 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.hooks.onOpen = whenReady([this](ConnectionId c, const std::string& target) { opened(c, target); });
   wsOptions.hooks.onText = whenReady([this](ConnectionId c, const std::string& text) { received(c, text); });
   wsOptions.hooks.onClosed = whenReady([this](ConnectionId c) { closed(c); });
+  wsOptions.hooks.onHttp = whenReady([this](const WebSocketTestServer::HttpRequest& request,
+                                            const WebSocketTestServer::HttpRespond& respond) { http(request, respond); });
   ws_ = std::make_unique<WebSocketTestServer>(std::move(wsOptions));
   wsReady_ = true;
   wsReady_.notify_all();
+  ws_->runAfter(std::chrono::seconds(1), [this] { sweepLongPolls(); });
+}
+
+namespace {
+
+std::string newToken() {
+  static thread_local std::mt19937_64 generator{std::random_device{}()};
+  static constexpr char hex[] = "0123456789abcdef";
+  std::string token;
+  for (int i = 0; i < 32; ++i) {
+    token += hex[generator() % 16];
+  }
+  return token;
+}
+
+std::string jsonAnswer(json::object answer) { return json::serialize(answer); }
+
+}  // namespace
+
+void PhoenixTestServer::Impl::http(const WebSocketTestServer::HttpRequest& request,
+                                   WebSocketTestServer::HttpRespond respond) {
+  auto parsed = boost::urls::parse_origin_form(request.target);
+  if (!parsed) {
+    return respond(400, "text/plain", "an unreadable target\n");
+  }
+  if (parsed->path() != "/socket/longpoll") {
+    return respond(404, "text/plain", "not found\n");
+  }
+  auto params = parsed->params();
+  auto vsn = params.find("vsn");
+  if (vsn == params.end() || (*vsn).value != kVersion) {
+    return respond(400, "text/plain", "vsn 2.0.0 is required\n");
+  }
+  auto answer = [&respond](json::object body) { respond(200, "application/json", jsonAnswer(std::move(body))); };
+  std::optional<std::string> token;
+  if (auto found = params.find("token"); found != params.end()) {
+    token = std::string((*found).value);
+  } else if (auto header = request.headers.find("x-phoenix-longpoll-token"); header != request.headers.end()) {
+    token = header->second;
+  }
+  if (!token) {
+    // A new session, opened as a connection is.
+    const auto id = nextLongPollId_++;
+    auto fresh = newToken();
+    longPolls_[fresh] = LongPollSession{id, {}, nullptr, 0, std::chrono::steady_clock::now()};
+    longPollTokens_[id] = fresh;
+    if (auto authToken = request.headers.find("x-phoenix-authtoken"); authToken != request.headers.end()) {
+      pendingAuthToken_ = authToken->second;
+    } else {
+      pendingAuthToken_.reset();
+    }
+    opened(id, request.target);
+    return answer({{"status", 410}, {"token", fresh}, {"messages", json::array()}});
+  }
+  auto found = longPolls_.find(*token);
+  if (found == longPolls_.end()) {
+    return answer({{"status", 410}});
+  }
+  auto& session = found->second;
+  session.lastSeen = std::chrono::steady_clock::now();
+  if (request.method == "POST") {
+    const bool several = request.contentType.find("ndjson") != std::string::npos;
+    std::vector<std::string> texts;
+    if (several) {
+      std::size_t start = 0;
+      while (start < request.body.size()) {
+        auto end = std::min(request.body.find('\n', start), request.body.size());
+        if (end > start) {
+          texts.push_back(request.body.substr(start, end - start));
+        }
+        start = end + 1;
+      }
+    } else {
+      texts.push_back(request.body);
+    }
+    const auto id = session.id;
+    const auto key = found->first;
+    for (const auto& text : texts) {
+      if (!longPolls_.contains(key)) {
+        break;  // a frame ended the session
+      }
+      received(id, text);
+    }
+    return answer({{"status", 200}});
+  }
+  if (session.waiting) {
+    session.waiting(200, "application/json", jsonAnswer({{"status", 204}, {"token", *token}, {"messages", json::array()}}));
+  }
+  session.waiting = std::move(respond);
+  const auto serial = ++session.pollSerial;
+  deliver(*token, session);
+  if (session.waiting) {
+    ws_->runAfter(options_.longPollTime, [this, key = *token, serial] {
+      auto again = longPolls_.find(key);
+      if (again != longPolls_.end() && again->second.pollSerial == serial && again->second.waiting) {
+        auto waiting = std::exchange(again->second.waiting, nullptr);
+        again->second.lastSeen = std::chrono::steady_clock::now();
+        waiting(200, "application/json", jsonAnswer({{"status", 204}, {"token", key}, {"messages", json::array()}}));
+      }
+    });
+  }
+}
+
+void PhoenixTestServer::Impl::deliver(const std::string& token, LongPollSession& session) {
+  if (!session.waiting || session.outbox.empty()) {
+    return;
+  }
+  json::array messages;
+  for (auto& text : session.outbox) {
+    messages.emplace_back(std::move(text));
+  }
+  session.outbox.clear();
+  session.lastSeen = std::chrono::steady_clock::now();
+  auto waiting = std::exchange(session.waiting, nullptr);
+  waiting(200, "application/json",
+          jsonAnswer({{"status", 200}, {"token", token}, {"messages", std::move(messages)}}));
+}
+
+void PhoenixTestServer::Impl::endLongPoll(const std::string& token) {
+  auto found = longPolls_.find(token);
+  if (found == longPolls_.end()) {
+    return;
+  }
+  auto session = std::move(found->second);
+  longPolls_.erase(found);
+  longPollTokens_.erase(session.id);
+  if (session.waiting) {
+    session.waiting(200, "application/json", jsonAnswer({{"status", 410}}));
+  }
+  closed(session.id);
+}
+
+void PhoenixTestServer::Impl::endLongPolls() {
+  std::vector<std::string> tokens;
+  for (const auto& [token, session] : longPolls_) {
+    tokens.push_back(token);
+  }
+  for (const auto& token : tokens) {
+    endLongPoll(token);
+  }
+}
+
+// A session that stopped polling goes after `longPollSessionIdle`, as on a
+// real server; its channels and presence go with it.
+void PhoenixTestServer::Impl::sweepLongPolls() {
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<std::string> idle;
+  for (const auto& [token, session] : longPolls_) {
+    if (!session.waiting && now - session.lastSeen > options_.longPollSessionIdle) {
+      idle.push_back(token);
+    }
+  }
+  for (const auto& token : idle) {
+    endLongPoll(token);
+  }
+  ws_->runAfter(std::chrono::milliseconds(200), [this] { sweepLongPolls(); });
 }
 
 std::optional<int> PhoenixTestServer::Impl::screen(const std::string& target) const {
@@ -293,6 +472,10 @@ void PhoenixTestServer::Impl::received(ConnectionId connection, const std::strin
   if (!frame) {
     // What a real server's serializer does with a frame it cannot decode:
     // the connection process crashes and the socket closes with 1011.
+    if (auto polling = longPollTokens_.find(connection); polling != longPollTokens_.end()) {
+      endLongPoll(polling->second);
+      return;
+    }
     ws_->closeConnectionWith(connection, 1011);
     return;
   }
@@ -522,6 +705,13 @@ void PhoenixTestServer::Impl::send(ConnectionId connection, const Ref& joinRef, 
   auto text = json::serialize(json::array{toJson(joinRef), toJson(ref), json::value(topic),
                                           json::value(event), std::move(payload)});
   trace(connection, "-> ", text);
+  if (auto polling = longPollTokens_.find(connection); polling != longPollTokens_.end()) {
+    const auto token = polling->second;
+    auto& session = longPolls_.at(token);
+    session.outbox.push_back(std::move(text));
+    deliver(token, session);
+    return;
+  }
   ws_->sendTextTo(connection, std::move(text));
 }
 
@@ -666,9 +856,15 @@ void PhoenixTestServer::acceptHandshakes() { impl_->ws().acceptHandshakes(); }
 
 void PhoenixTestServer::closeAndDrop(std::uint16_t code) { impl_->ws().closeAndDrop(code); }
 
-void PhoenixTestServer::shutDown() { impl_->ws().shutDown(1012); }
+void PhoenixTestServer::shutDown() {
+  impl_->onServerDo([this] { impl_->endLongPolls(); });
+  impl_->ws().shutDown(1012);
+}
 
-void PhoenixTestServer::dropConnections() { impl_->ws().dropConnections(); }
+void PhoenixTestServer::dropConnections() {
+  impl_->onServerDo([this] { impl_->endLongPolls(); });
+  impl_->ws().dropConnections();
+}
 
 void PhoenixTestServer::dropConnection(ConnectionId connection) {
   impl_->ws().dropConnection(connection);

@@ -1,5 +1,6 @@
 // The only translation unit of the test servers that includes Beast: the
 // protocol server is built on the hooks and sends of this one.
+#include <algorithm>
 #include "vantor/testing/WebSocketTestServer.hpp"
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -187,7 +188,7 @@ class StreamSession final : public Session {
   void readRequest() {
     parser_.emplace();
     parser_->header_limit(8 * 1024);
-    parser_->body_limit(4 * 1024);
+    parser_->body_limit(8 * 1024 * 1024);
     http::async_read(ws_.next_layer(), buffer_, *parser_,
                      [self = self()](beast::error_code ec, std::size_t) {
                        if (ec) {
@@ -200,6 +201,9 @@ class StreamSession final : public Session {
   void onRequest() {
     const auto& request = parser_->get();
     if (!websocket::is_upgrade(request)) {
+      if (server_.options_.hooks.onHttp) {
+        return answerHttp();
+      }
       return refuse(400, "a WebSocket upgrade was expected\n");
     }
     target_ = std::string(request.target());
@@ -284,9 +288,34 @@ class StreamSession final : public Session {
     });
   }
 
-  void refuse(int status, std::string body) {
+  // A plain request for the protocol server; its answer may come later
+  // (a long poll), so the handshake time-out no longer applies.
+  void answerHttp() {
+    const auto& request = parser_->get();
+    WebSocketTestServer::HttpRequest plain;
+    plain.method = std::string(request.method_string());
+    plain.target = std::string(request.target());
+    plain.contentType = std::string(request[http::field::content_type]);
+    for (const auto& field : request) {
+      std::string name(field.name_string());
+      std::transform(name.begin(), name.end(), name.begin(),
+                     [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+      plain.headers[name] = std::string(field.value());
+    }
+    plain.body = request.body();
+    beast::get_lowest_layer(ws_).expires_never();
+    auto answered = std::make_shared<bool>(false);
+    server_.options_.hooks.onHttp(plain, [self = self(), answered](int status, const std::string& contentType,
+                                                                   std::string body) {
+      if (!std::exchange(*answered, true)) {
+        self->refuse(status, std::move(body), contentType);
+      }
+    });
+  }
+
+  void refuse(int status, std::string body, const std::string& contentType = "text/plain") {
     response_.emplace(static_cast<http::status>(status), parser_->get().version());
-    response_->set(http::field::content_type, "text/plain");
+    response_->set(http::field::content_type, contentType);
     response_->keep_alive(false);
     response_->body() = std::move(body);
     response_->prepare_payload();

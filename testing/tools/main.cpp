@@ -10,10 +10,12 @@
 #include <string>
 
 #include "vantor/testing/PhoenixTestServer.hpp"
+#include "vantor/testing/UpgradeRefusingProxy.hpp"
 
 int main(int argc, char** argv) {
   vantor::testing::PhoenixTestServer::Options options;
   bool quiet = false;
+  bool refusingProxy = false;
   auto portOf = [](const char* text) -> std::optional<std::uint16_t> {
     char* end = nullptr;
     const auto port = std::strtoul(text, &end, 10);
@@ -29,12 +31,17 @@ int main(int argc, char** argv) {
       options.port = *port;
     } else if (!isPort && std::strcmp(argv[i], "--quiet") == 0) {
       quiet = true;
+    } else if (!isPort && std::strcmp(argv[i], "--upgrade-refusing-proxy") == 0) {
+      refusingProxy = true;
     } else {
       std::fprintf(stderr,
-                   "usage: vantor-test-server [--port N] [--quiet]\n"
+                   "usage: vantor-test-server [--port N] [--quiet] [--upgrade-refusing-proxy]\n"
                    "Serves the channel protocol on 127.0.0.1 until Ctrl-C; clients connect to the\n"
                    "printed endpoint. Events: echo, fail, delayed {delay_ms}, noreply, broadcast,\n"
-                   "push_back. Frames are traced to stdout unless --quiet.\n");
+                   "push_back. Frames are traced to stdout unless --quiet. Long-poll is served\n"
+                   "at /socket/longpoll. --upgrade-refusing-proxy also runs a proxy that answers\n"
+                   "WebSocket upgrades with 403 and passes other requests, both as an HTTP proxy\n"
+                   "and in front of the server.\n");
       return 2;
     }
   }
@@ -56,6 +63,12 @@ int main(int argc, char** argv) {
   try {
     vantor::testing::PhoenixTestServer server(std::move(options));
     std::printf("Serving on %s (Ctrl-C to stop)\n", server.url().c_str());
+    std::optional<vantor::testing::UpgradeRefusingProxy> proxy;
+    if (refusingProxy) {
+      proxy.emplace(vantor::testing::UpgradeRefusingProxy::Options{.targetPort = server.port()});
+      std::printf("Upgrade-refusing proxy: ws://127.0.0.1:%u/socket in front of the server, or %s as http_proxy\n",
+                  proxy->port(), proxy->url().c_str());
+    }
     std::fflush(stdout);
     int received = 0;
     sigwait(&signals, &received);

@@ -16,6 +16,13 @@ namespace vantor::platform {
 /// reach another host than the text names.
 std::optional<boost::urls::url> parseUrl(std::string_view text);
 
+/// `text` as an absolute URL with an authority (host) and no fragment, such
+/// as an endpoint; none otherwise.
+std::optional<boost::urls::url> parseEndpointUrl(std::string_view text);
+
+/// True for URLs whose host is a loopback address or "localhost".
+bool isLoopbackUrl(std::string_view text);
+
 /// Where a client connection goes, read from a URL.
 struct NetworkTarget {
   bool secure = false;         ///< the scheme asks for TLS

@@ -25,6 +25,18 @@ namespace vantor::testing {
 /// Clients connect to `url()` + "/websocket?vsn=2.0.0&<params>"; another path
 /// gets HTTP 404, another or no `vsn` HTTP 400.
 ///
+/// It serves long-poll at `url()` + "/longpoll" as Phoenix 1.8 does: every
+/// answer is HTTP 200 with the status in the JSON body. A GET without a
+/// token opens a session ({"status":410,"token":T,"messages":[]}; the
+/// "x-phoenix-authtoken" header is its auth token); a GET with `token=T`
+/// returns the frames waiting ({"status":200,...}), or holds the poll until
+/// one comes or `Options::longPollTime` passes ({"status":204,...}); a POST
+/// with `token=T` (or the header "x-phoenix-longpoll-token") carries one
+/// frame, or several as "application/x-ndjson", and gets {"status":200}. An
+/// unknown token gets {"status":410}. A session counts as a connection; one
+/// that stops polling ends after `Options::longPollSessionIdle`, and
+/// `shutDown()` and `dropConnections()` end every session.
+///
 /// Answers:
 /// - "heartbeat" on "phoenix": an ok reply, unless `setHeartbeatReplies(false)`.
 /// - "phx_join": an ok reply, or for a `forbidTopic` topic an "error" reply
@@ -78,6 +90,10 @@ class PhoenixTestServer {
     /// default "phoenix" when offered, none otherwise.
     std::function<std::optional<std::string>(const std::vector<std::string>& offered)>
         subprotocolAnswer = nullptr;
+    /// Long-poll (see the class comment): how long a poll is held when
+    /// nothing comes, and how long a session that stopped polling lingers.
+    std::chrono::milliseconds longPollTime = std::chrono::seconds(10);
+    std::chrono::milliseconds longPollSessionIdle = std::chrono::seconds(15);
     /// One line per frame received ("<- ") or sent ("-> "), for demos.
     std::function<void(const std::string&)> trace = nullptr;
   };

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,9 +40,24 @@ class WebSocketTestServer {
  public:
   using ConnectionId = std::size_t;
 
+  /// A plain HTTP request (not an upgrade), for `Hooks::onHttp`.
+  struct HttpRequest {
+    std::string method;
+    std::string target;
+    std::string contentType;
+    std::map<std::string, std::string> headers;  ///< by lower-case name
+    std::string body;
+  };
+  /// Answers an HTTP request, once, on the server thread; the connection then
+  /// closes.
+  using HttpRespond = std::function<void(int status, const std::string& contentType, std::string body)>;
+
   /// Callbacks for the protocol server built on this one; each runs on the
   /// server thread, none after the destructor started.
   struct Hooks {
+    /// Gets each request that is not a WebSocket upgrade, and answers it now
+    /// or later through the responder; without it such requests get 400.
+    std::function<void(const HttpRequest&, HttpRespond)> onHttp;
     /// Asked for each upgrade request's target: an HTTP status refuses it.
     /// Not asked while `refuseHandshake` is in force.
     std::function<std::optional<int>(const std::string& target)> screenHandshake;

@@ -1,5 +1,4 @@
-// The only source of this library that includes Beast.
-#include "HttpClient.hpp"
+#include "vantor/platform/HttpClient.hpp"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -13,12 +12,11 @@
 #include <memory>
 #include <optional>
 
-#include "OAuthSupport.hpp"
 #include "vantor/platform/HttpTunnel.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/platform/TlsClient.hpp"
 
-namespace vantor::account::detail {
+namespace vantor::platform {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -32,18 +30,18 @@ namespace {
 constexpr std::uint64_t bodyLimit = 1024 * 1024;
 
 // Where the request goes; plain http only to loopback hosts.
-std::optional<platform::NetworkTarget> targetOf(const std::string& text, std::string& failure) {
-  auto url = parseEndpointURL(text);
+std::optional<NetworkTarget> targetOf(const std::string& text, bool allowPlainHttp, std::string& failure) {
+  auto url = parseEndpointUrl(text);
   if (!url) {
     failure = "not an absolute URL with a host";
     return std::nullopt;
   }
-  auto target = platform::NetworkTarget::of(*url, "http", "https");
+  auto target = NetworkTarget::of(*url, "http", "https");
   if (!target) {
     failure = "not an http or https URL with a host";
     return std::nullopt;
   }
-  if (!target->secure && !isLoopbackURL(text)) {
+  if (!target->secure && !allowPlainHttp && !isLoopbackUrl(text)) {
     failure = "plain http is only allowed for loopback hosts";
     return std::nullopt;
   }
@@ -65,7 +63,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
   void start(const HttpRequest& request) {
     std::string failure;
-    auto target = targetOf(request.url, failure);
+    auto target = targetOf(request.url, options_.allowPlainHttp, failure);
     if (!target) {
       return finish(failure);
     }
@@ -85,8 +83,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     });
     if (target_.secure) {
       error_code error;
-      tls_ = platform::makeTlsClientContext(options_.useSystemTrustStore,
-                                            options_.additionalCertificateAuthorities, error);
+      tls_ = options_.tls ? options_.tls
+                          : makeTlsClientContext(options_.useSystemTrustStore,
+                                                 options_.additionalCertificateAuthorities, error);
       if (!tls_) {
         return finish("TLS set-up failed: " + error.message());
       }
@@ -136,7 +135,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     }
     if (proxy_ && !tunnelOpen_) {
       // The deadline timer closes the socket, which ends the tunnel request too.
-      return platform::openHttpTunnel(
+      return openHttpTunnel(
           tcpStream(), *proxy_, target_,
           [self = shared_from_this()](error_code error, const std::string& description) {
             if (error) {
@@ -149,7 +148,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     if (!secure_) {
       return write();
     }
-    if (platform::prepareTlsHandshake(*secure_, target_)) {
+    if (prepareTlsHandshake(*secure_, target_)) {
       return finish("could not set the TLS server name");
     }
     armDeadline();
@@ -218,8 +217,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   HttpCompletion completion_;
   tcp::resolver resolver_;
   asio::steady_timer deadlineTimer_;
-  platform::NetworkTarget target_;
-  std::optional<platform::HttpProxy> proxy_;
+  NetworkTarget target_;
+  std::optional<HttpProxy> proxy_;
   bool tunnelOpen_ = false;
   std::chrono::steady_clock::time_point deadline_;
   std::shared_ptr<ssl::context> tls_;
@@ -249,4 +248,4 @@ HttpOutcome sendHttpRequestAndWait(HttpRequest request, const HttpClientOptions&
   return result;
 }
 
-}  // namespace vantor::account::detail
+}  // namespace vantor::platform
