@@ -1,5 +1,6 @@
 #include "vantor/realtime/LongPollTransport.hpp"
 
+#include <algorithm>
 #include <boost/json/parse.hpp>
 #include <boost/system/errc.hpp>
 
@@ -152,6 +153,16 @@ void LongPollTransport::setSubprotocols(std::vector<std::string> subprotocols) {
 void LongPollTransport::connect() {
   EventLoop::main().dispatch([self = shared_from_this()] {
     const auto generation = ++self->generation_;
+    const auto& token = self->authToken_;
+    if (token && std::any_of(token->begin(), token->end(), [](char c) {
+          const auto byte = static_cast<unsigned char>(c);
+          return (byte < 0x20 && byte != '\t') || byte == 0x7f;
+        })) {
+      // Control characters cannot travel in an HTTP header, where long-poll
+      // sends the token.
+      self->readyState_ = PhoenixTransportReadyState::connecting;
+      return EventLoop::main().post([self] { self->fail("the auth token has control characters, which an HTTP header cannot carry", std::nullopt); });
+    }
     self->token_.clear();
     self->queue_.clear();
     self->sending_ = false;

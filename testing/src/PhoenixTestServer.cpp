@@ -123,7 +123,10 @@ class PhoenixTestServer::Impl {
  public:
   explicit Impl(Options options);
   // The server thread must stop before the state that its hooks use goes.
-  ~Impl() { ws_->stop(); }
+  ~Impl() {
+    ws_->stop();
+    longPolls_.clear();  // held polls keep their connections, which need the server
+  }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 

@@ -200,23 +200,5 @@ TEST_F(Recovery, ASlowNetworkDelaysTrafficButLosesNothing) {
   EXPECT_TRUE(channel->isJoined());
 }
 
-TEST(RecoveryFromARestart, AServerShutDownWith1012IsFollowedByAReconnectToItsSuccessor) {
-  auto server = std::make_unique<PhoenixTestServer>();
-  const auto port = server->port();
-  auto socket = testing::socketFor(*server);
-  auto channel = socket->channel("room:1");
-  channel->join();
-  socket->connect();
-  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
-  std::atomic<int> replies{0};
-  server->shutDown();
-  ASSERT_TRUE(eventually([&] { return !channel->isJoined(); }));
-  channel->push("echo", {})->receive("ok", [&](const Message&) { ++replies; });
-  server = std::make_unique<PhoenixTestServer>(PhoenixTestServer::Options{.port = port});
-  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
-  ASSERT_TRUE(eventually([&] { return replies == 1; }));
-  socket->disconnect();
-}
-
 }  // namespace
 }  // namespace vantor::realtime

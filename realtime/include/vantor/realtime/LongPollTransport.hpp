@@ -34,7 +34,8 @@ namespace vantor::realtime {
 /// verification with the configuration's trust settings, its proxy, and
 /// `handshakeTimeout` for opening and sending (a poll may last the server's
 /// poll time and that much more). An auth token (`Socket::setAuthToken`)
-/// travels raw in the header "x-phoenix-authtoken".
+/// travels raw in the header "x-phoenix-authtoken"; one with control
+/// characters, which a header cannot carry, fails every connection attempt.
 ///
 /// After `disconnect` it polls and sends nothing more; the close is reported
 /// at once.
