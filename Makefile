@@ -10,7 +10,8 @@
 #                    OpenID provider; ARGS="--screenshot out.png --user alice"
 #                    without a display, ARGS="--url URL" for a real server
 # make bench         the benchmarks (normal build), then the GUI main-loop
-#                    integration's costs (about three minutes)
+#                    integrations' costs (about four minutes) and long-poll
+#                    against WebSocket
 # make soak          1000 connection faults under load (normal build); ARGS="--cycles N"
 # make build         the normal build only
 # make fuzz          the fuzz targets (clang, libFuzzer), 300 s each;
@@ -51,9 +52,10 @@ demo-desktop: setup
 	@build/normal/demo/desktop/vantor-desktop-demo $(ARGS)
 
 bench: setup
-	@scripts/build.sh normal vantor-bench vantor-bench-gui
+	@scripts/build.sh normal vantor-bench vantor-bench-gui vantor-bench-longpoll
 	@build/normal/bench/vantor-bench $(ARGS)
 	@build/normal/bench/vantor-bench-gui
+	@build/normal/bench/vantor-bench-longpoll
 
 soak: setup
 	@scripts/build.sh normal vantor-soak

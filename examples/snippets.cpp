@@ -13,12 +13,22 @@
 #include <vantor/platform/ProxySettings.hpp>
 #include <vantor/realtime/AsyncChannel.hpp>
 #include <vantor/realtime/Channel.hpp>
+#include <vantor/realtime/FallbackTransport.hpp>
+#include <vantor/realtime/LongPollTransport.hpp>
 #include <vantor/realtime/Socket.hpp>
 #include <vantor/realtime/URLSessionTransport.hpp>
 
 using namespace vantor::realtime;
 
 namespace examples {
+
+void longPollAndFallback(const std::string& url, const URLSessionConfiguration& configuration) {
+  // Long-poll only, or WebSocket with the fallback.
+  auto longPoll = Socket::make(url, [configuration](const boost::urls::url& endpoint) {
+    return std::shared_ptr<PhoenixTransport>(LongPollTransport::make(endpoint, configuration));
+  });
+  auto either = Socket::make(url, FallbackTransport::factory(configuration));
+}
 
 std::shared_ptr<Socket> trustingAPrivateAuthority(const std::string& url, const std::string& caPem) {
   URLSessionConfiguration configuration;
