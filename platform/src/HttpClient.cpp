@@ -68,11 +68,18 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       return finish(failure);
     }
     target_ = std::move(*target);
-    auto proxy = options_.proxy.proxyFor(target_);
-    if (!proxy) {
-      return finish("no usable proxy: " + proxy.error().message());
-    }
-    proxy_ = std::move(*proxy);
+    // The desktop may be asked for the proxy, off the loop.
+    options_.proxy.resolve(target_, context_, [self = shared_from_this(), request](auto proxy) {
+      if (!proxy) {
+        return self->finish("no usable proxy: " + proxy.error().message());
+      }
+      self->proxy_ = std::move(*proxy);
+      self->send(request);
+    });
+  }
+
+ private:
+  void send(const HttpRequest& request) {
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
     deadlineTimer_.expires_at(deadline_);
     deadlineTimer_.async_wait([self = shared_from_this()](error_code error) {
@@ -114,7 +121,6 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
         });
   }
 
- private:
   beast::tcp_stream& tcpStream() { return secure_ ? secure_->next_layer() : *plain_; }
 
   void armDeadline() { tcpStream().expires_at(deadline_); }

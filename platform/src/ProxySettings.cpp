@@ -1,5 +1,12 @@
 #include "vantor/platform/ProxySettings.hpp"
 
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <thread>
+
+#include "DesktopProxy.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
@@ -143,6 +150,36 @@ bool ProxySettings::exempts(std::string_view list, std::string_view host, std::s
     }
   }
   return false;
+}
+
+bool ProxySettings::asksDesktop() const {
+#ifdef VANTOR_HAVE_LIBPROXY
+  return mode_ == Mode::fromEnvironment && variable(environment_, "http_proxy").empty() &&
+         variable(environment_, "https_proxy").empty() && variable(environment_, "no_proxy").empty();
+#else
+  return false;
+#endif
+}
+
+void ProxySettings::resolve(const NetworkTarget& target, boost::asio::io_context& context, Resolved done) const {
+  if (!asksDesktop()) {
+    return done(proxyFor(target));
+  }
+  // libproxy knows http and https: ws and wss go as them.
+  const std::string url = std::string(target.secure ? "https://" : "http://") + target.host + ":" + target.port + "/";
+  std::thread([url, work = boost::asio::make_work_guard(context), done = std::move(done)]() mutable {
+    auto found = detail::desktopProxyFor(url);
+    boost::asio::post(work.get_executor(), [found = std::move(found), done = std::move(done)] {
+      if (!found) {
+        return done(std::optional<HttpProxy>());
+      }
+      auto proxy = HttpProxy::parse(*found);
+      if (!proxy) {
+        return done(proxy.error());
+      }
+      done(std::optional<HttpProxy>(std::move(*proxy)));
+    });
+  }).detach();
 }
 
 }  // namespace vantor::platform

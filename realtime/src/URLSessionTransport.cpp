@@ -90,11 +90,20 @@ class URLSessionTransport::Session : public std::enable_shared_from_this<Session
       return fail(boost::system::errc::make_error_code(boost::system::errc::protocol_not_supported));
     }
     endpoint_ = std::move(*endpoint);
-    auto proxy = configuration_.proxy.proxyFor(endpoint_);
-    if (!proxy) {
-      return fail(proxy.error());
-    }
-    proxy_ = std::move(*proxy);
+    // The desktop may be asked for the proxy, off the loop.
+    configuration_.proxy.resolve(endpoint_, EventLoop::main().context(), [self = shared_from_this()](auto proxy) {
+      if (self->finished_) {
+        return;
+      }
+      if (!proxy || self->closing_) {
+        return self->fail(proxy ? asio::error::operation_aborted : proxy.error());
+      }
+      self->proxy_ = std::move(*proxy);
+      self->open();
+    });
+  }
+
+  void open() {
     auto& context = EventLoop::main().context();
     if (endpoint_.secure) {
       error_code error;

@@ -9,6 +9,10 @@
 #include "vantor/platform/HttpProxy.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 
+namespace boost::asio {
+class io_context;
+}
+
 namespace vantor::platform {
 
 /// Whether and through which HTTP proxy client connections go.
@@ -48,6 +52,21 @@ class ProxySettings {
   /// The proxy for a connection to `target`: none to connect directly, or
   /// ProxyError::invalidProxyUrl when the proxy that applies does not read.
   [[nodiscard]] boost::system::result<std::optional<HttpProxy>> proxyFor(const NetworkTarget& target) const;
+
+  /// True when the desktop is asked: proxies from the environment, and none
+  /// of `http_proxy`, `https_proxy` and `no_proxy` (either case) is set.
+  /// An application started from a desktop menu does not see the shell's
+  /// variables; the desktop's settings (GNOME's, KDE's, a PAC file, WPAD)
+  /// come through libproxy instead, when the library was built with it.
+  [[nodiscard]] bool asksDesktop() const;
+
+  using Resolved = std::function<void(boost::system::result<std::optional<HttpProxy>>)>;
+  /// As `proxyFor`, without blocking the thread that runs `context`: at
+  /// once (before returning) when the settings decide, otherwise the
+  /// desktop is asked on a thread of its own (a PAC file or WPAD may take
+  /// the network) and `done` runs on `context`. A desktop proxy that is not
+  /// a plain HTTP one (SOCKS) is not supported: the connection goes direct.
+  void resolve(const NetworkTarget& target, boost::asio::io_context& context, Resolved done) const;
 
   /// Whether the `no_proxy`-style `list` exempts `host` on `port`.
   static bool exempts(std::string_view list, std::string_view host, std::string_view port);
