@@ -42,8 +42,10 @@ std::optional<boost::urls::url_view> loopbackRedirect(std::string_view redirectU
   if (!url || url->scheme() != "http" || (url->has_port() && url->port_number() != 0)) {
     return std::nullopt;
   }
-  const auto host = url->encoded_host_and_port();
-  if (url->host() != "127.0.0.1" && url->host() != "[::1]" && host != "[::1]" && host != "[::1]:0") {
+  const bool loopback = (url->host_type() == boost::urls::host_type::ipv4 &&
+                         url->host_ipv4_address() == boost::urls::ipv4_address::loopback()) ||
+                        (url->host_type() == boost::urls::host_type::ipv6 && url->host_ipv6_address().is_loopback());
+  if (!loopback) {
     return std::nullopt;
   }
   return *url;
@@ -123,7 +125,7 @@ std::shared_ptr<LoopbackRedirect> LoopbackRedirect::listen(std::string_view redi
   if (!url) {
     return nullptr;
   }
-  const bool v6 = url->host() != "127.0.0.1";
+  const bool v6 = url->host_type() == boost::urls::host_type::ipv6;
   const tcp::endpoint endpoint(v6 ? asio::ip::address(asio::ip::address_v6::loopback())
                                   : asio::ip::address(asio::ip::address_v4::loopback()),
                                0);
@@ -144,15 +146,20 @@ std::shared_ptr<LoopbackRedirect> LoopbackRedirect::listen(std::string_view redi
   const auto port = acceptor.local_endpoint().port();
   boost::urls::url withPort(*url);
   withPort.set_port_number(port);
-  std::shared_ptr<LoopbackRedirect> listener(
-      new LoopbackRedirect(std::move(acceptor), std::string(withPort.buffer()), std::string(url->encoded_path())));
+  std::shared_ptr<LoopbackRedirect> listener(new LoopbackRedirect(
+      std::move(acceptor), std::string(withPort.buffer()),
+      "http://" + std::string(withPort.encoded_host_and_port()), std::string(url->encoded_path())));
   listener->port_ = port;
   listener->accept();
   return listener;
 }
 
-LoopbackRedirect::LoopbackRedirect(tcp::acceptor acceptor, std::string redirectURI, std::string path)
-    : acceptor_(std::move(acceptor)), redirectURI_(std::move(redirectURI)), path_(std::move(path)) {}
+LoopbackRedirect::LoopbackRedirect(tcp::acceptor acceptor, std::string redirectURI, std::string origin,
+                                   std::string path)
+    : acceptor_(std::move(acceptor)),
+      redirectURI_(std::move(redirectURI)),
+      origin_(std::move(origin)),
+      path_(std::move(path)) {}
 
 LoopbackRedirect::~LoopbackRedirect() { stop(); }
 
@@ -198,7 +205,7 @@ void LoopbackRedirect::handle(const std::shared_ptr<Connection>& connection, con
     connection->respond(404, "Not found", "There is nothing here.", "none");
     return;
   }
-  const std::string full = "http://" + std::string(boost::urls::parse_absolute_uri(redirectURI_)->encoded_host_and_port()) + target;
+  const std::string full = origin_ + target;
   if (!state_ || !receiver_ || !redirectStateMatches(full, *state_)) {
     util::logAccounts().warning("A request to the sign-in's loopback redirect was refused: its state is not the one this sign-in sent");
     connection->respond(400, "Sign-in failed",

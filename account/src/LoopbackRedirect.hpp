@@ -53,12 +53,14 @@ class LoopbackRedirect : public std::enable_shared_from_this<LoopbackRedirect> {
 
  private:
   class Connection;
-  LoopbackRedirect(boost::asio::ip::tcp::acceptor acceptor, std::string redirectURI, std::string path);
+  LoopbackRedirect(boost::asio::ip::tcp::acceptor acceptor, std::string redirectURI, std::string origin,
+                   std::string path);
   void accept();
   void handle(const std::shared_ptr<Connection>& connection, const std::string& target);
 
   boost::asio::ip::tcp::acceptor acceptor_;
   std::string redirectURI_;
+  std::string origin_;  // "http://127.0.0.1:<port>"
   std::string path_;
   std::uint16_t port_ = 0;
   std::optional<std::string> state_;

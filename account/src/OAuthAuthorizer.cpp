@@ -296,7 +296,7 @@ std::optional<std::string> OAuthAuthorizer::startSignIn(const std::optional<Endp
   if (!credentials) {
     return std::nullopt;
   }
-  auto url = parseEndpointURL(endpoints->authorization);
+  auto url = platform::parseEndpointUrl(endpoints->authorization);
   if (!url) {
     logAccounts().error("The authorization endpoint is not a valid URL");
     return std::nullopt;

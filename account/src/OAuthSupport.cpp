@@ -148,17 +148,13 @@ std::string formEncode(const FormFields& fields) {
   return out;
 }
 
-std::optional<boost::urls::url> parseEndpointURL(std::string_view text) { return platform::parseEndpointUrl(text); }
-
-bool isLoopbackURL(std::string_view text) { return platform::isLoopbackUrl(text); }
-
 bool isAllowedEndpointURL(std::string_view text) {
-  auto url = parseEndpointURL(text);
+  auto url = platform::parseEndpointUrl(text);
   if (!url || url->host().empty()) {
     return false;
   }
   return url->scheme_id() == boost::urls::scheme::https ||
-         (url->scheme_id() == boost::urls::scheme::http && isLoopbackURL(text));
+         (url->scheme_id() == boost::urls::scheme::http && platform::isLoopbackUrl(text));
 }
 
 std::optional<std::chrono::seconds> secondsIn(const boost::json::value& value, std::chrono::seconds limit) {

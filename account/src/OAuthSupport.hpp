@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "vantor/platform/NetworkTarget.hpp"
+
 #include <boost/json/object.hpp>
 #include <boost/url/url.hpp>
 
@@ -34,13 +36,6 @@ using FormFields = std::vector<std::pair<std::string, std::string>>;
 // application/x-www-form-urlencoded.
 std::string formEncode(const FormFields& fields);
 std::string formEncodeComponent(std::string_view text);
-
-// `text` as an absolute URL with an authority (host), such as an endpoint;
-// misread hosts are refused (see platform::parseUrl).
-std::optional<boost::urls::url> parseEndpointURL(std::string_view text);
-
-// True for http URLs that may go without TLS: loopback hosts only.
-bool isLoopbackURL(std::string_view url);
 
 // True for URLs the sign-in may send the user or its requests to: https, or
 // plain http to a loopback host.

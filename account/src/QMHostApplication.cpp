@@ -1,5 +1,11 @@
 #include "vantor/account/QMHostApplication.hpp"
 
+#include <algorithm>
+#include <cctype>
+#include <stdexcept>
+
+#include "BundleFileName.hpp"
+
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
@@ -57,5 +63,20 @@ void QMHostApplication::setBundleIdentifier(std::string bundleIdentifier) {
   std::lock_guard lock(shared.mutex);
   shared.bundleIdentifier = std::move(bundleIdentifier);
 }
+
+namespace detail {
+
+std::string bundleIdentifierForFileNames(const std::string& forWhat) {
+  const auto bundle = QMHostApplication::bundleIdentifier();
+  const bool usable = !bundle.empty() && std::all_of(bundle.begin(), bundle.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-' || c == '_';
+  });
+  if (!usable) {
+    throw std::runtime_error("the application needs a bundle identifier (QMHostApplication) " + forWhat);
+  }
+  return bundle;
+}
+
+}  // namespace detail
 
 }  // namespace vantor::account

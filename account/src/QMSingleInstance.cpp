@@ -18,7 +18,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "vantor/account/QMHostApplication.hpp"
+#include "BundleFileName.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/util/LogAccounts.hpp"
 
@@ -191,13 +191,7 @@ class QMSingleInstance::Listener : public std::enable_shared_from_this<Listener>
 };
 
 fs::path QMSingleInstance::socketPath() {
-  const auto bundle = QMHostApplication::bundleIdentifier();
-  const bool usable = !bundle.empty() && std::all_of(bundle.begin(), bundle.end(), [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-' || c == '_';
-  });
-  if (!usable) {
-    throw std::runtime_error("the application needs a bundle identifier (QMHostApplication) for its hand-off socket");
-  }
+  const auto bundle = detail::bundleIdentifierForFileNames("for its hand-off socket");
   auto path = privateFolder() / (bundle + ".url-handoff");
   if (path.string().size() >= sizeof(sockaddr_un::sun_path)) {
     throw std::runtime_error(path.string() + " is too long for a socket");

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "BundleFileName.hpp"
 #include "vantor/account/QMHostApplication.hpp"
 
 namespace vantor::account {
@@ -62,13 +63,7 @@ fs::path xdgFolder(const char* variable, const char* underHome) {
 }
 
 std::string desktopId() {
-  const auto bundle = QMHostApplication::bundleIdentifier();
-  const bool usable = !bundle.empty() && std::all_of(bundle.begin(), bundle.end(), [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-' || c == '_';
-  });
-  if (!usable) {
-    throw std::runtime_error("the application needs a bundle identifier (QMHostApplication) to register a URL scheme");
-  }
+  const auto bundle = detail::bundleIdentifierForFileNames("to register a URL scheme");
   // Not the application's own entry, which a package may install under the
   // bare identifier: this one is hidden from menus.
   return bundle + ".urlhandler.desktop";

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <time.h>
 
-#include <algorithm>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cmath>
@@ -110,29 +109,13 @@ class SystemEvents::Bus : public std::enable_shared_from_this<Bus> {
     if (events < 0) {
       return lost(events);
     }
+    if ((events & POLLIN) != 0) {
+      waitFor(asio::posix::descriptor_base::wait_read, &Bus::reading_);
+    }
+    if ((events & POLLOUT) != 0) {
+      waitFor(asio::posix::descriptor_base::wait_write, &Bus::writing_);
+    }
     auto weak = weak_from_this();
-    if ((events & POLLIN) != 0 && !reading_) {
-      reading_ = true;
-      descriptor_.async_wait(asio::posix::descriptor_base::wait_read, [weak](boost::system::error_code error) {
-        if (auto self = weak.lock()) {
-          self->reading_ = false;
-          if (!error) {
-            self->process();
-          }
-        }
-      });
-    }
-    if ((events & POLLOUT) != 0 && !writing_) {
-      writing_ = true;
-      descriptor_.async_wait(asio::posix::descriptor_base::wait_write, [weak](boost::system::error_code error) {
-        if (auto self = weak.lock()) {
-          self->writing_ = false;
-          if (!error) {
-            self->process();
-          }
-        }
-      });
-    }
     std::uint64_t until = 0;
     if (sd_bus_get_timeout(bus_, &until) >= 0 && until != UINT64_MAX) {
       // sd-bus counts in CLOCK_MONOTONIC microseconds, as steady_clock does here.
@@ -143,6 +126,22 @@ class SystemEvents::Bus : public std::enable_shared_from_this<Bus> {
         }
       });
     }
+  }
+
+  // One wait on the descriptor for `kind`, unless one is out (`waiting`).
+  void waitFor(asio::posix::descriptor_base::wait_type kind, bool Bus::*waiting) {
+    if (this->*waiting) {
+      return;
+    }
+    this->*waiting = true;
+    descriptor_.async_wait(kind, [weak = weak_from_this(), waiting](boost::system::error_code error) {
+      if (auto self = weak.lock()) {
+        self.get()->*waiting = false;
+        if (!error) {
+          self->process();
+        }
+      }
+    });
   }
 
   // The bus went away (its daemon stopped): back to what works without it.
@@ -288,24 +287,17 @@ void SystemEvents::publish(const Event& event) {
       std::lock_guard lock(mutex_);
       current = subscribers_;
     }
-    std::vector<const Subscriber*> gone;
-    for (const auto& subscriber : current) {
-      if (!subscriber(event)) {
-        gone.push_back(&subscriber);
-      }
+    std::vector<bool> gone(current.size());
+    for (std::size_t i = 0; i < current.size(); ++i) {
+      gone[i] = !current[i](event);
     }
-    if (!gone.empty()) {
-      std::lock_guard lock(mutex_);
-      // Subscribers are only added meanwhile, at the end: the first
-      // `current.size()` entries are the ones just called.
-      std::vector<Subscriber> kept;
-      for (std::size_t i = 0; i < subscribers_.size(); ++i) {
-        const bool called = i < current.size();
-        if (!called || std::find(gone.begin(), gone.end(), &current[i]) == gone.end()) {
-          kept.push_back(std::move(subscribers_[i]));
-        }
+    // Subscribers are only ever appended, so the first `current.size()`
+    // entries are the ones just called.
+    std::lock_guard lock(mutex_);
+    for (std::size_t i = current.size(); i-- > 0;) {
+      if (gone[i]) {
+        subscribers_.erase(subscribers_.begin() + static_cast<std::ptrdiff_t>(i));
       }
-      subscribers_ = std::move(kept);
     }
   });
 }

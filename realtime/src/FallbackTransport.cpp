@@ -186,11 +186,9 @@ void FallbackTransport::innerFailed(const PhoenixTransport* from, const Transpor
 }
 
 void FallbackTransport::innerMessage(const PhoenixTransport* from, const std::string& message) {
-  {
-    std::lock_guard lock(mutex_);
-    if (!current(inner_, from)) {
-      return;
-    }
+  // `inner_` only changes on the loop, where this runs: no lock per message.
+  if (!current(inner_, from)) {
+    return;
   }
   if (auto delegate = this->delegate()) {
     delegate->onMessage(message);

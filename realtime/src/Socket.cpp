@@ -209,16 +209,7 @@ std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
       return;
     }
     self.logItems("Socket attempting to reconnect");
-    if (self.counters_->on()) {
-      detail::MetricCounters::add(self.counters_->reconnects);
-    }
-    self.teardown(CloseCode::normal, [&self] {
-      // A parameters closure or transport factory that throws must not end
-      // reconnecting: the next attempt follows on the back-off.
-      if (!detail::guarded(&self, "connect", [&] { self.connect(); })) {
-        self.reconnectTimer_->scheduleTimeout();
-      }
-    });
+    self.attemptReconnect();
   });
   socket->reconnectTimer_->timerCalculation.delegate(socket, [](Socket& self, const std::int64_t& tries) {
     double interval = Defaults::reconnectSteppedBackOff(tries);
@@ -647,12 +638,16 @@ void Socket::resetHeartbeat() {
   });
 }
 
+void Socket::pushHeartbeat() {
+  pendingHeartbeatRef_ = makeRef();
+  heartbeatSentAt_ = std::chrono::steady_clock::now();
+  push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+}
+
 void Socket::sendHeartbeat() {
   if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
     if (!pendingHeartbeatRef_) {
-      pendingHeartbeatRef_ = makeRef();
-      heartbeatSentAt_ = std::chrono::steady_clock::now();
-      push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+      pushHeartbeat();
     } else {
       // The last heartbeat got no reply within one interval. The delegate
       // stays set, so the close comes back through onConnectionClosed and
@@ -709,9 +704,7 @@ void Socket::checkLink() {
   if (connection_ && connection_->readyState() == PhoenixTransportReadyState::open) {
     // A heartbeat already on its way answers the check as well.
     if (!pendingHeartbeatRef_) {
-      pendingHeartbeatRef_ = makeRef();
-      heartbeatSentAt_ = std::chrono::steady_clock::now();
-      push("phoenix", std::string(ChannelEvent::heartbeat), Payload{}, pendingHeartbeatRef_);
+      pushHeartbeat();
     }
     if (linkCheck_) {
       linkCheck_->cancel();
@@ -749,10 +742,16 @@ void Socket::reconnectNow(const std::string& why) {
     return;
   }
   reconnectPaused_ = false;
+  attemptReconnect();
+}
+
+void Socket::attemptReconnect() {
   if (counters_->on()) {
     detail::MetricCounters::add(counters_->reconnects);
   }
   teardown(CloseCode::normal, [this] {
+    // A parameters closure or transport factory that throws must not end
+    // reconnecting: the next attempt follows on the back-off.
     if (!detail::guarded(this, "connect", [&] { connect(); })) {
       reconnectTimer_->scheduleTimeout();
     }

@@ -28,6 +28,7 @@
 #include <vantor/account/QMWorkspace.hpp>
 
 #include "LocalSignIn.hpp"
+#include "SignInWaits.hpp"
 #include "ScratchDirectory.hpp"
 
 namespace vantor::account {
@@ -38,33 +39,10 @@ using namespace std::chrono_literals;
 using Controller = QMQuelmoConnectController;
 using Error = QMQuelmoConnectControllerError;
 using testing::LocalOpenIdProvider;
+using testing::outcomeOf;
 
 constexpr const char* scheme = "com.vantor.signin-test";
 constexpr const char* loopbackRedirect = "http://127.0.0.1/qmaccounts/quelmoconnect";
-
-// URLs handed to the default browser, or to the application, kept in order.
-class Inbox {
- public:
-  void add(const std::string& url) {
-    std::lock_guard lock(mutex_);
-    urls_.push_back(url);
-    ready_.notify_all();
-  }
-  std::optional<std::string> next(std::chrono::seconds timeout = 20s) {
-    std::unique_lock lock(mutex_);
-    if (!ready_.wait_for(lock, timeout, [this] { return !urls_.empty(); })) {
-      return std::nullopt;
-    }
-    auto url = urls_.front();
-    urls_.pop_front();
-    return url;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable ready_;
-  std::deque<std::string> urls_;
-};
 
 // The status line and body of a GET to 127.0.0.1:port; "" when nothing listens.
 std::string get(std::uint16_t port, const std::string& target, const char* address = "127.0.0.1") {
@@ -139,24 +117,8 @@ class DesktopRedirectTest : public ::testing::Test {
     testing::configureTestApplication(provider_->issuer(), provider_->options());
   }
 
-  static std::optional<Error> outcomeOf(const util::QMPromise<std::shared_ptr<QMAccount>>& promise) {
-    for (int waited = 0; waited < 3000 && !promise.result(); ++waited) {
-      std::this_thread::sleep_for(20ms);
-    }
-    if (!promise.result()) {
-      ADD_FAILURE() << "the sign-in did not finish";
-      return Error::internal;
-    }
-    try {
-      (void)promise.future().get();
-      return std::nullopt;
-    } catch (const QMQuelmoConnectControllerException& e) {
-      return e.error();
-    }
-  }
-
   testing::ScratchDirectory scratch_{"vantor-desktop-redirect"};
-  Inbox browser_;
+  testing::UrlInbox browser_;
   std::optional<LocalOpenIdProvider> provider_;
 };
 
@@ -219,7 +181,7 @@ TEST_F(DesktopRedirectTest, TheSchemeBringsTheRedirectBackThroughASecondCopy) {
   EXPECT_EQ(run({"xdg-mime", "query", "default", std::string("x-scheme-handler/") + scheme}),
             files.desktopEntry.filename().string() + "\n");
 
-  Inbox handedOver;
+  testing::UrlInbox handedOver;
   QMSingleInstance instance([&handedOver](const std::string& url) {
     handedOver.add(url);
     try {

@@ -440,12 +440,12 @@ TEST(OAuthSupportTest, FormEncodingEscapesEverythingButUnreservedCharacters) {
 }
 
 TEST(OAuthSupportTest, OnlyLoopbackHostsCountAsLoopback) {
-  EXPECT_TRUE(isLoopbackURL("http://127.3.2.1/token"));
-  EXPECT_TRUE(isLoopbackURL("http://[::1]:9000/"));
-  EXPECT_TRUE(isLoopbackURL("http://LocalHost/"));
-  EXPECT_FALSE(isLoopbackURL("http://128.0.0.1/"));
-  EXPECT_FALSE(isLoopbackURL("http://localhost.example.test/"));
-  EXPECT_FALSE(isLoopbackURL("http://127.0.0.1.example.test/"));
+  EXPECT_TRUE(platform::isLoopbackUrl("http://127.3.2.1/token"));
+  EXPECT_TRUE(platform::isLoopbackUrl("http://[::1]:9000/"));
+  EXPECT_TRUE(platform::isLoopbackUrl("http://LocalHost/"));
+  EXPECT_FALSE(platform::isLoopbackUrl("http://128.0.0.1/"));
+  EXPECT_FALSE(platform::isLoopbackUrl("http://localhost.example.test/"));
+  EXPECT_FALSE(platform::isLoopbackUrl("http://127.0.0.1.example.test/"));
 }
 
 TEST(OAuthSupportTest, JwtClaimsNeedThreePartsAndAnObject) {

@@ -15,6 +15,7 @@
 #include <vantor/platform/EventLoop.hpp>
 
 #include "LocalSignIn.hpp"
+#include "SignInWaits.hpp"
 #include "LoopbackHttpServer.hpp"
 #include "ScratchDirectory.hpp"
 
@@ -25,30 +26,7 @@ using Controller = QMQuelmoConnectController;
 using Error = QMQuelmoConnectControllerError;
 using platform::EventLoop;
 using testing::LocalOpenIdProvider;
-
-// Stands in for the default browser: keeps each URL for the test to hand
-// to the headless browser.
-struct BrowserQueue {
-  std::mutex mutex;
-  std::condition_variable ready;
-  std::deque<std::string> urls;
-
-  bool open(const std::string& url) {
-    std::lock_guard lock(mutex);
-    urls.push_back(url);
-    ready.notify_all();
-    return true;
-  }
-  std::optional<std::string> next(std::chrono::seconds timeout = std::chrono::seconds(10)) {
-    std::unique_lock lock(mutex);
-    if (!ready.wait_for(lock, timeout, [this] { return !urls.empty(); })) {
-      return std::nullopt;
-    }
-    auto url = urls.front();
-    urls.pop_front();
-    return url;
-  }
-};
+using testing::outcomeOf;
 
 class SignInEndToEndTest : public ::testing::Test {
  protected:
@@ -57,14 +35,16 @@ class SignInEndToEndTest : public ::testing::Test {
     // folder, which the helper process inherits too.
     configHome_ = std::make_unique<testing::ScratchDirectory>("vantor-signin-e2e");
     ::setenv("XDG_CONFIG_HOME", configHome_->path().c_str(), 1);
-    QMWorkspace::setOpener([](const std::string& url) { return browser().open(url); });
+    QMWorkspace::setOpener([](const std::string& url) { return browser().add(url); });
   }
   static void TearDownTestSuite() { configHome_.reset(); }
 
   void TearDown() override { controller().logout(); }
 
-  static BrowserQueue& browser() {
-    static BrowserQueue queue;
+  // Stands in for the default browser: keeps each URL for the test to hand
+  // to the headless browser.
+  static testing::UrlInbox& browser() {
+    static testing::UrlInbox queue;
     return queue;
   }
   static Controller& controller() { return Controller::shared(); }
@@ -87,22 +67,6 @@ class SignInEndToEndTest : public ::testing::Test {
     auto redirect = testing::signInWithHeadlessBrowser(*url, "com.vantor.signin-test:", "alice");
     EXPECT_TRUE(redirect) << "the browser brought no redirect back";
     return redirect;
-  }
-
-  static std::optional<Error> outcomeOf(const util::QMPromise<std::shared_ptr<QMAccount>>& promise) {
-    for (int waited = 0; waited < 3000 && !promise.result(); ++waited) {  // up to a minute
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    if (!promise.result()) {
-      ADD_FAILURE() << "the sign-in did not finish";
-      return Error::internal;
-    }
-    try {
-      (void)promise.future().get();
-      return std::nullopt;
-    } catch (const QMQuelmoConnectControllerException& e) {
-      return e.error();
-    }
   }
 
   // What a freshly started application finds in the store.

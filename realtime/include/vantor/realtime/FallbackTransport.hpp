@@ -65,7 +65,7 @@ class FallbackTransport : public PhoenixTransport, public std::enable_shared_fro
   const std::shared_ptr<Choice> choice_;
   mutable std::mutex mutex_;
   std::shared_ptr<PhoenixTransportDelegate> delegate_;
-  std::shared_ptr<PhoenixTransport> inner_;
+  std::shared_ptr<PhoenixTransport> inner_;  // changed on the main loop only, under the lock
   std::vector<std::string> subprotocols_;
   // On the main loop.
   bool opened_ = false;

@@ -389,11 +389,14 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void flushSendBuffer();
   void resetHeartbeat();
   void sendHeartbeat();
+  void pushHeartbeat();
   void triggerChannelError();
   // Desktop events, and what they make the socket do.
   void onSystemEvent(const platform::SystemEvents::Event& event);
   void checkLink();
   void reconnectNow(const std::string& why);
+  // One attempt: the closed connection torn down, a new one opened.
+  void attemptReconnect();
 
   // Transport reports, through TransportDelegate.
   void onConnectionOpen();
