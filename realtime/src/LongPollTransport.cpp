@@ -310,34 +310,42 @@ void LongPollTransport::flush() {
   if (sending_ || queue_.empty() || readyState_ != PhoenixTransportReadyState::open) {
     return;
   }
-  std::string body;
-  std::uint64_t bytes = 0;
-  const bool several = queue_.size() > 1;
+  sendingBody_.clear();
+  sendingBytes_ = 0;
+  sendingSeveral_ = queue_.size() > 1;
   for (auto& frame : queue_) {
-    bytes += frame.size();
-    if (!body.empty()) {
-      body += '\n';
+    sendingBytes_ += frame.size();
+    if (!sendingBody_.empty()) {
+      sendingBody_ += '\n';
     }
-    body += frame;
+    sendingBody_ += frame;
   }
   queue_.clear();
   sending_ = true;
-  const auto generation = generation_;
-  request("POST", std::move(body), several,
-          [self = shared_from_this(), generation, bytes](const HttpOutcome& outcome) {
-            if (generation == self->generation_) {
-              self->sent(outcome, bytes);
-            }
-          });
+  post();
 }
 
-void LongPollTransport::sent(const HttpOutcome& outcome, std::uint64_t bytes) {
+void LongPollTransport::post() {
+  const auto generation = generation_;
+  request("POST", sendingBody_, sendingSeveral_, [self = shared_from_this(), generation](const HttpOutcome& outcome) {
+    if (generation == self->generation_) {
+      self->sent(outcome);
+    }
+  });
+}
+
+void LongPollTransport::sent(const HttpOutcome& outcome) {
+  const auto answer = outcome.succeeded() && outcome.status == 200 ? readAnswer(outcome.body) : std::nullopt;
+  if (answer && answer->status == 408) {
+    // The server timed the request out before acting on it: the same frames again.
+    return post();
+  }
   sending_ = false;
-  buffered_ -= bytes;
+  buffered_ -= sendingBytes_;
+  sendingBody_.clear();
   if (!outcome.succeeded()) {
     return fail("sending failed: " + outcome.failure, std::nullopt);
   }
-  const auto answer = outcome.status == 200 ? readAnswer(outcome.body) : std::nullopt;
   if (!answer) {
     return fail("sending got an unreadable answer (HTTP " + std::to_string(outcome.status) + ")", std::nullopt);
   }

@@ -151,6 +151,7 @@ class PhoenixTestServer::Impl {
   json::object presenceState(const std::string& topic) const;
 
   std::map<std::string, std::string> forbidden_;  // topic -> reason
+  std::size_t longPollTimeouts_ = 0;               // long-poll requests left to answer 408
   bool answerHeartbeats_ = true;
 
   // Counted here rather than taken from the WebSocket layer, so that a wait
@@ -307,6 +308,10 @@ void PhoenixTestServer::Impl::http(const WebSocketTestServer::HttpRequest& reque
   }
   auto& session = found->second;
   session.lastSeen = std::chrono::steady_clock::now();
+  if (longPollTimeouts_ > 0) {
+    --longPollTimeouts_;
+    return answer({{"status", 408}});
+  }
   if (request.method == "POST") {
     const bool several = request.contentType.find("ndjson") != std::string::npos;
     std::vector<std::string> texts;
@@ -858,6 +863,10 @@ void PhoenixTestServer::closeAfterUpgrade(std::optional<std::uint16_t> code) {
 void PhoenixTestServer::acceptHandshakes() { impl_->ws().acceptHandshakes(); }
 
 void PhoenixTestServer::closeAndDrop(std::uint16_t code) { impl_->ws().closeAndDrop(code); }
+
+void PhoenixTestServer::timeOutLongPollRequests(std::size_t count) {
+  impl_->onServerDo([this, count] { impl_->longPollTimeouts_ = count; });
+}
 
 void PhoenixTestServer::shutDown() {
   impl_->onServerDo([this] { impl_->endLongPolls(); });

@@ -164,6 +164,32 @@ TEST_P(OverEitherTransport, TheAuthTokenArrivesAsItWasGiven) {
   socket->disconnect();
 }
 
+// {"status":408} is the server timing a request out before acting on it:
+// the same poll or frames again, on the same session.
+TEST(LongPoll, RequestsTheServerTimedOutAreMadeAgainOnTheSameSession) {
+  PhoenixTestServer server;
+  auto socket = socketOver(Kind::longPoll, server.url());
+  std::atomic<int> errors{0};
+  socket->onError([&](const TransportError&, const std::optional<HttpResponse>&) { ++errors; });
+  auto channel = socket->channel("room:1");
+  channel->join();
+  socket->connect();
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  std::this_thread::sleep_for(100ms);  // a poll is held; the next requests are the sends
+  server.timeOutLongPollRequests(3);
+  std::atomic<int> replies{0};
+  for (int i = 0; i < 2; ++i) {
+    channel->push("echo", {{"i", i}})->receive("ok", [&](const Message&) { ++replies; });
+  }
+  ASSERT_TRUE(eventually([&] { return replies == 2; }));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_EQ(replies, 2);
+  EXPECT_EQ(server.countReceived("room:1", "echo"), 2u);
+  EXPECT_EQ(errors, 0);
+  EXPECT_EQ(server.connectParams().size(), 1u) << "a time-out ended the session";
+  socket->disconnect();
+}
+
 INSTANTIATE_TEST_SUITE_P(Transports, OverEitherTransport, ::testing::Values(Kind::webSocket, Kind::longPoll),
                          [](const auto& info) { return info.param == Kind::webSocket ? "WebSocket" : "LongPoll"; });
 

@@ -75,7 +75,8 @@ class LongPollTransport : public PhoenixTransport, public std::enable_shared_fro
   void poll();
   void polled(const platform::HttpOutcome& outcome);
   void flush();
-  void sent(const platform::HttpOutcome& outcome, std::uint64_t bytes);
+  void post();
+  void sent(const platform::HttpOutcome& outcome);
   // Reports a failure as an error and an abnormal close, once.
   void fail(const std::string& description, std::optional<int> httpStatus);
   std::string urlWithToken() const;
@@ -90,6 +91,10 @@ class LongPollTransport : public PhoenixTransport, public std::enable_shared_fro
   std::string token_;
   std::deque<std::string> queue_;
   bool sending_ = false;
+  // The POST on its way, kept until answered so that a 408 can send it again.
+  std::string sendingBody_;
+  bool sendingSeveral_ = false;
+  std::uint64_t sendingBytes_ = 0;
   std::uint64_t generation_ = 0;  // a new connect() or disconnect() makes older answers stale
   std::atomic<std::uint64_t> buffered_{0};
 };

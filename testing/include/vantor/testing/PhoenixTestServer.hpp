@@ -165,6 +165,9 @@ class PhoenixTestServer {
   void closeAfterUpgrade(std::optional<std::uint16_t> code);
   void acceptHandshakes();
   void closeAndDrop(std::uint16_t code);
+  /// The next `count` long-poll polls and sends of existing sessions get
+  /// {"status":408}, the server's own request time-out, without effect.
+  void timeOutLongPollRequests(std::size_t count);
   /// A server shutdown: `WebSocketTestServer::shutDown(1012)`. A new server
   /// may take the port to play a restart.
   void shutDown();
