@@ -1,5 +1,6 @@
-// Connection features against the bundled server: the auth token in the
-// WebSocket subprotocol, permessage-deflate, metrics and the buffered amount.
+// Connection features against the bundled server: a handshake answered
+// without the auth token's subprotocol, permessage-deflate, metrics and the
+// buffered amount.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -22,39 +23,6 @@ using testing::socketFor;
 using vantor::testing::FaultProxy;
 using vantor::testing::PhoenixTestServer;
 using ::testing::HasSubstr;
-
-TEST(AuthToken, ArrivesByteForByteInTheSubprotocolAndNeverInTheUrl) {
-  PhoenixTestServer server;
-  auto socket = socketFor(server);
-  std::string everyByte;
-  for (int byte = 0; byte < 256; ++byte) {
-    everyByte += static_cast<char>(byte);
-  }
-  // One, two and three bytes end the base64 text in each of its three ways.
-  const std::vector<std::string> tokens = {"a", "ab", "abc", "SFMyNTY.g+/=&# é", everyByte};
-  auto channel = socket->channel("room:token");
-  channel->join();
-  for (std::size_t i = 0; i < tokens.size(); ++i) {
-    socket->setAuthToken(tokens[i]);
-    socket->connect();
-    ASSERT_TRUE(eventually([&] { return channel->isJoined(); })) << "token " << i;
-    socket->disconnect();
-  }
-  socket->setAuthToken(std::nullopt);
-  socket->connect();
-  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
-
-  const auto received = server.authTokens();
-  ASSERT_EQ(received.size(), tokens.size() + 1);
-  for (std::size_t i = 0; i < tokens.size(); ++i) {
-    EXPECT_EQ(received[i], tokens[i]) << "token " << i;
-  }
-  EXPECT_EQ(received.back(), std::nullopt) << "no token, no subprotocol";
-  for (const auto& params : server.connectParams()) {
-    EXPECT_EQ(params.size(), 1U) << "only vsn is in the query";
-  }
-  socket->disconnect();
-}
 
 // The server answers a token with no subprotocol, or with another one.
 TEST(AuthToken, AHandshakeAnsweredWithoutItsSubprotocolFailsAndIsRetried) {

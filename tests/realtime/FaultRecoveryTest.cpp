@@ -1,5 +1,5 @@
 // Recovery from real faults: a socket and a channel talk to the bundled
-// server through a proxy that freezes or slows connections, while the server
+// server through a proxy that slows connections, while the server
 // refuses, stalls and closes (resets, cut frames and idle closes are the
 // soak's). After each fault the socket must reconnect on its back-off, the
 // channel rejoin, and every push get exactly one outcome.
@@ -46,7 +46,6 @@ class Recovery : public ::testing::Test {
       errorStatuses.push_back(response ? response->statusCode : 0);
     });
     channel = socket->channel("room:1");
-    channel->onError([this](const Message&) { ++channelErrors; });
     channel->join();
     socket->connect();
     ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
@@ -110,32 +109,11 @@ class Recovery : public ::testing::Test {
   std::shared_ptr<Socket> socket;
   std::shared_ptr<Channel> channel;
   std::atomic<int> closes{0};
-  std::atomic<int> channelErrors{0};
   std::mutex mutex;
   std::vector<int> errorStatuses;
   std::map<int, std::vector<std::string>> outcomes;
   int pushes = 0;
 };
-
-TEST_F(Recovery, AFrozenNetworkIsNoticedWithinTwoHeartbeatsAndTheChannelRejoinsAfterIt) {
-  const auto connectionsBefore = proxy.connectionCount();
-  const auto frozenAt = std::chrono::steady_clock::now();
-  proxy.freeze();
-  push();  // into the frozen connection: it times out
-  ASSERT_TRUE(eventually([&] {
-    return closes >= 1 && channelErrors >= 1 && proxy.connectionCount() > connectionsBefore;
-  }));
-  const auto noticedAfter = std::chrono::steady_clock::now() - frozenAt;
-  EXPECT_LT(noticedAfter, std::chrono::duration<double>(2 * heartbeatInterval + 2.0))
-      << "close callbacks, phx_error and a reconnect attempt within 2h + 2 s";
-  EXPECT_TRUE(log.contains(
-      "VantorPhoenixClient: transport, heartbeat timeout. Attempting to re-establish connection"));
-  push();  // while the channel is errored: sent once, after the rejoin
-  EXPECT_FALSE(channel->isJoined());
-  std::this_thread::sleep_for(700ms);  // reconnect attempts hang and time out meanwhile
-  proxy.unfreeze();
-  expectRecovered(connectionsBefore);
-}
 
 // The last three also fail the reconnects until the server answers again.
 enum class Fault { malformedFrame, refused, stalledHandshake, closedAfterUpgrade };
