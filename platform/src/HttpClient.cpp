@@ -25,9 +25,30 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
+class HttpConnection {
+ public:
+  // Scheme, host, port and proxy: a connection serves only the same again.
+  std::string place;
+  std::shared_ptr<ssl::context> tls;  // outlives the stream that uses it
+  std::optional<beast::ssl_stream<beast::tcp_stream>> secure;
+  std::optional<beast::tcp_stream> plain;
+};
+
+std::shared_ptr<HttpConnection> makeHttpConnection() { return std::make_shared<HttpConnection>(); }
+
 namespace {
 
 constexpr std::uint64_t bodyLimit = 1024 * 1024;
+
+// Streams move but do not move-assign.
+template <class Stream>
+void handOver(std::optional<Stream>& from, std::optional<Stream>& to) {
+  to.reset();
+  if (from) {
+    to.emplace(std::move(*from));
+    from.reset();
+  }
+}
 
 // Where the request goes; plain http only to loopback hosts.
 std::optional<NetworkTarget> targetOf(const std::string& text, bool allowPlainHttp, std::string& failure) {
@@ -80,6 +101,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
 
  private:
   void send(const HttpRequest& request) {
+    parser_->body_limit(bodyLimit);
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
     deadlineTimer_.expires_at(deadline_);
     deadlineTimer_.async_wait([self = shared_from_this()](error_code error) {
@@ -88,6 +110,39 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
         self->finish("no answer within " + std::to_string(self->options_.timeout.count()) + " ms");
       }
     });
+    request_.method_string(request.method);
+    request_.target(target_.target);
+    request_.version(11);
+    request_.set(http::field::host, target_.hostHeader);
+    request_.set(http::field::user_agent, "VantorClient");
+    if (!options_.keepAlive) {
+      request_.set(http::field::connection, "close");
+    }
+    for (const auto& [name, value] : request.headers) {
+      request_.set(name, value);
+    }
+    if (!request.body.empty() || request.method == "POST") {
+      request_.body() = request.body;
+      request_.prepare_payload();
+    }
+    place_ = std::string(target_.secure ? "https://" : "http://") + target_.host + ":" + target_.port;
+    if (proxy_) {
+      place_ += " via " + proxy_->host + ":" + proxy_->port;
+    }
+    if (auto& kept = options_.keepAlive; kept && kept->place == place_ && (kept->secure || kept->plain)) {
+      reused_ = true;
+      tls_ = std::move(kept->tls);
+      handOver(kept->secure, secure_);
+      handOver(kept->plain, plain_);
+      return write();
+    }
+    connect();
+  }
+
+  // A new connection: resolve, connect, tunnel, TLS handshake, then write.
+  void connect() {
+    secure_.reset();
+    plain_.reset();
     if (target_.secure) {
       error_code error;
       tls_ = options_.tls ? options_.tls
@@ -100,25 +155,26 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     } else {
       plain_.emplace(context_);
     }
-    request_.method_string(request.method);
-    request_.target(target_.target);
-    request_.version(11);
-    request_.set(http::field::host, target_.hostHeader);
-    request_.set(http::field::user_agent, "VantorClient");
-    request_.set(http::field::connection, "close");
-    for (const auto& [name, value] : request.headers) {
-      request_.set(name, value);
-    }
-    if (!request.body.empty() || request.method == "POST") {
-      request_.body() = request.body;
-      request_.prepare_payload();
-    }
-    parser_.body_limit(bodyLimit);
     resolver_.async_resolve(
         proxy_ ? proxy_->host : target_.host, proxy_ ? proxy_->port : target_.port,
         [self = shared_from_this()](error_code error, tcp::resolver::results_type results) {
           self->onResolved(error, std::move(results));
         });
+  }
+
+  // A kept connection that failed before any answer came was closed by the
+  // server while idle: the request goes again on a new one.
+  bool retryOnNewConnection() {
+    if (!std::exchange(reused_, false) || completion_ == nullptr) {
+      return false;
+    }
+    error_code ignored;
+    tcpStream().socket().close(ignored);
+    parser_.emplace();
+    parser_->body_limit(bodyLimit);
+    buffer_.clear();
+    connect();
+    return true;
   }
 
   beast::tcp_stream& tcpStream() { return secure_ ? secure_->next_layer() : *plain_; }
@@ -169,6 +225,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   void write() {
     armDeadline();
     auto written = [self = shared_from_this()](error_code error, std::size_t) {
+      if (error && self->retryOnNewConnection()) {
+        return;
+      }
       if (error) {
         return self->finish("could not send the request: " + error.message());
       }
@@ -184,18 +243,21 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   void read() {
     armDeadline();
     auto received = [self = shared_from_this()](error_code error, std::size_t) {
+      if (error && !self->parser_->got_some() && self->retryOnNewConnection()) {
+        return;
+      }
       if (error) {
         return self->finish("could not read the response: " + error.message());
       }
       HttpOutcome outcome;
-      outcome.status = static_cast<int>(self->parser_.get().result_int());
-      outcome.body = std::move(self->parser_.get().body());
+      outcome.status = static_cast<int>(self->parser_->get().result_int());
+      outcome.body = std::move(self->parser_->get().body());
       self->finish(std::move(outcome));
     };
     if (secure_) {
-      http::async_read(*secure_, buffer_, parser_, std::move(received));
+      http::async_read(*secure_, buffer_, *parser_, std::move(received));
     } else {
-      http::async_read(*plain_, buffer_, parser_, std::move(received));
+      http::async_read(*plain_, buffer_, *parser_, std::move(received));
     }
   }
 
@@ -206,12 +268,21 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   }
 
   void finish(HttpOutcome outcome) {
-    // The connection is not reused ("Connection: close"); closing the TCP
-    // socket without a TLS close_notify is fine for a finished response.
     error_code ignored;
     deadlineTimer_.cancel();
     if (secure_ || plain_) {
-      tcpStream().socket().close(ignored);
+      if (outcome.succeeded() && options_.keepAlive && parser_->keep_alive() && buffer_.size() == 0) {
+        // Kept for the next request; whatever the holder had is closed.
+        auto& kept = *options_.keepAlive;
+        kept.place = place_;
+        handOver(secure_, kept.secure);
+        handOver(plain_, kept.plain);
+        kept.tls = tls_;
+      } else {
+        // Closing the TCP socket without a TLS close_notify is fine for a
+        // finished response.
+        tcpStream().socket().close(ignored);
+      }
     }
     if (auto completion = std::exchange(completion_, nullptr)) {
       completion(std::move(outcome));
@@ -227,11 +298,13 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   std::optional<HttpProxy> proxy_;
   bool tunnelOpen_ = false;
   std::chrono::steady_clock::time_point deadline_;
+  std::string place_;
+  bool reused_ = false;  // the connection came from `options_.keepAlive`
   std::shared_ptr<ssl::context> tls_;
   std::optional<beast::ssl_stream<beast::tcp_stream>> secure_;
   std::optional<beast::tcp_stream> plain_;
   http::request<http::string_body> request_;
-  http::response_parser<http::string_body> parser_;
+  std::optional<http::response_parser<http::string_body>> parser_{std::in_place};
   beast::flat_buffer buffer_;
 };
 

@@ -164,6 +164,8 @@ void LongPollTransport::connect() {
       return EventLoop::main().post([self] { self->fail("the auth token has control characters, which an HTTP header cannot carry", std::nullopt); });
     }
     self->token_.clear();
+    self->pollConnection_ = platform::makeHttpConnection();
+    self->sendConnection_ = platform::makeHttpConnection();
     self->queue_.clear();
     self->sending_ = false;
     self->buffered_ = 0;
@@ -184,6 +186,8 @@ void LongPollTransport::disconnect(int code, std::optional<std::string> /*reason
     // Nothing more is polled or sent; answers still on their way are stale.
     ++self->generation_;
     self->readyState_ = PhoenixTransportReadyState::closed;
+    self->pollConnection_.reset();  // kept connections close; requests in flight finish on their own
+    self->sendConnection_.reset();
     self->queue_.clear();
     self->buffered_ = 0;
     EventLoop::main().post([self, code] {
@@ -228,8 +232,9 @@ void LongPollTransport::request(const std::string& method, std::string body, boo
     request.body = std::move(body);
   }
   const bool polling = method == "GET" && !token_.empty();
-  platform::sendHttpRequest(EventLoop::main().context(), std::move(request), polling ? pollOptions_ : options_,
-                            std::move(done));
+  auto options = polling ? pollOptions_ : options_;
+  options.keepAlive = method == "POST" ? sendConnection_ : pollConnection_;
+  platform::sendHttpRequest(EventLoop::main().context(), std::move(request), options, std::move(done));
 }
 
 void LongPollTransport::opened(const HttpOutcome& outcome) {
@@ -366,6 +371,8 @@ void LongPollTransport::fail(const std::string& description, std::optional<int> 
   }
   ++generation_;
   readyState_ = PhoenixTransportReadyState::closed;
+  pollConnection_.reset();
+  sendConnection_.reset();
   queue_.clear();
   buffered_ = 0;
   auto delegate = this->delegate();

@@ -228,6 +228,7 @@ PhoenixTestServer::Impl::Impl(Options options)
   wsOptions.echo = false;
   wsOptions.idleTimeout = options_.idleTimeout;
   wsOptions.permessageDeflate = options_.compress;
+  wsOptions.httpKeepAlive = options_.httpKeepAlive;
   wsOptions.recordConnections = options_.recordConnections;
   // Each hook first waits until `ws_` is assigned.
   auto whenReady = [this](auto hook) {

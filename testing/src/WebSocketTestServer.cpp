@@ -305,22 +305,28 @@ class StreamSession final : public Session {
     plain.body = request.body();
     beast::get_lowest_layer(ws_).expires_never();
     auto answered = std::make_shared<bool>(false);
-    server_.options_.hooks.onHttp(plain, [self = self(), answered](int status, const std::string& contentType,
-                                                                   std::string body) {
+    const bool keepAlive = server_.options_.httpKeepAlive.count() > 0 && request.keep_alive();
+    server_.options_.hooks.onHttp(plain, [self = self(), answered, keepAlive](int status, const std::string& contentType,
+                                                                              std::string body) {
       if (!std::exchange(*answered, true)) {
-        self->refuse(status, std::move(body), contentType);
+        self->refuse(status, std::move(body), contentType, keepAlive);
       }
     });
   }
 
-  void refuse(int status, std::string body, const std::string& contentType = "text/plain") {
+  void refuse(int status, std::string body, const std::string& contentType = "text/plain", bool keepAlive = false) {
     response_.emplace(static_cast<http::status>(status), parser_->get().version());
     response_->set(http::field::content_type, contentType);
-    response_->keep_alive(false);
+    response_->keep_alive(keepAlive);
     response_->body() = std::move(body);
     response_->prepare_payload();
     http::async_write(
-        ws_.next_layer(), *response_, [self = self()](beast::error_code, std::size_t) {
+        ws_.next_layer(), *response_, [self = self(), keepAlive](beast::error_code ec, std::size_t) {
+          if (keepAlive && !ec && !self->finished_) {
+            // The next request may come on this connection; idle, it closes.
+            beast::get_lowest_layer(self->ws_).expires_after(self->server_.options_.httpKeepAlive);
+            return self->readRequest();
+          }
           // Half-close first so that the client reads the whole
           // response rather than a reset.
           beast::error_code ignored;

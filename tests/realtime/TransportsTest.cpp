@@ -20,6 +20,7 @@
 #include "vantor/realtime/URLSessionTransport.hpp"
 #include "vantor/testing/FaultProxy.hpp"
 #include "vantor/testing/PhoenixTestServer.hpp"
+#include "vantor/testing/TestCertificates.hpp"
 #include "vantor/testing/UpgradeRefusingProxy.hpp"
 
 namespace vantor::realtime {
@@ -34,8 +35,12 @@ using vantor::testing::UpgradeRefusingProxy;
 enum class Kind { webSocket, longPoll };
 
 // A socket for `url` over the transport, with test-sized back-offs.
-std::shared_ptr<Socket> socketOver(Kind kind, const std::string& url, Socket::ParamsClosure params = nullptr) {
+std::shared_ptr<Socket> socketOver(Kind kind, const std::string& url, Socket::ParamsClosure params = nullptr,
+                                   std::optional<std::string> caPem = std::nullopt) {
   URLSessionConfiguration configuration;
+  if (caPem) {
+    configuration.additionalCertificateAuthorities.push_back(*caPem);
+  }
   configuration.proxy = platform::ProxySettings::none();
   configuration.handshakeTimeout = 500ms;
   auto socket = Socket::make(
@@ -195,29 +200,46 @@ TEST_P(OverEitherTransport, TheAuthTokenArrivesByteForByteAndNeverInTheUrl) {
   }
 }
 
-// {"status":408} is the server timing a request out before acting on it:
-// the same poll or frames again, on the same session.
-TEST(LongPoll, RequestsTheServerTimedOutAreMadeAgainOnTheSameSession) {
-  PhoenixTestServer server;
-  auto socket = socketOver(Kind::longPoll, server.url());
+// Polls and sends each keep their connection, TLS and all, between
+// requests. The server closing an idle one, or timing a request out
+// ({"status":408}, before acting on it), costs a new connection or the same
+// request again, never the session.
+TEST(LongPoll, ASessionOutlivesIdleClosesAndTimedOutRequestsOnFewConnections) {
+  const auto certificates = vantor::testing::TestCertificates::generate();
+  PhoenixTestServer server({.tls = certificates, .httpKeepAlive = 300ms});
+  FaultProxy proxy({.targetPort = server.port()});
+  auto socket = socketOver(Kind::longPoll, "wss://localhost:" + std::to_string(proxy.port()) + "/socket", nullptr,
+                           certificates.caCertificatePem);
   std::atomic<int> errors{0};
   socket->onError([&](const TransportError&, const std::optional<HttpResponse>&) { ++errors; });
   auto channel = socket->channel("room:1");
   channel->join();
   socket->connect();
   ASSERT_TRUE(eventually([&] { return channel->isJoined(); }));
+  std::atomic<int> replies{0};
+  auto pushes = [&](int count) {
+    const int expected = replies + count;
+    for (int i = 0; i < count; ++i) {
+      channel->push("echo", {{"i", i}})->receive("ok", [&](const Message&) { ++replies; });
+    }
+    return eventually([&] { return replies == expected; });
+  };
+  ASSERT_TRUE(pushes(10));
+  EXPECT_LE(proxy.connectionCount(), 3u) << "one for polls, one for sends, and maybe the opening request's";
+  const auto connections = proxy.connectionCount();
+
+  std::this_thread::sleep_for(500ms);  // the server closes the idle send connection
+  ASSERT_TRUE(pushes(1));
+  EXPECT_EQ(proxy.connectionCount(), connections + 1);
+
   std::this_thread::sleep_for(100ms);  // a poll is held; the next requests are the sends
   server.timeOutLongPollRequests(3);
-  std::atomic<int> replies{0};
-  for (int i = 0; i < 2; ++i) {
-    channel->push("echo", {{"i", i}})->receive("ok", [&](const Message&) { ++replies; });
-  }
-  ASSERT_TRUE(eventually([&] { return replies == 2; }));
+  ASSERT_TRUE(pushes(2));
   std::this_thread::sleep_for(200ms);
-  EXPECT_EQ(replies, 2);
-  EXPECT_EQ(server.countReceived("room:1", "echo"), 2u);
+  EXPECT_EQ(replies, 13);
+  EXPECT_EQ(server.countReceived("room:1", "echo"), 13u);
   EXPECT_EQ(errors, 0);
-  EXPECT_EQ(server.connectParams().size(), 1u) << "a time-out ended the session";
+  EXPECT_EQ(server.connectParams().size(), 1u) << "the session ended";
   socket->disconnect();
 }
 

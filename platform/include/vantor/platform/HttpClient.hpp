@@ -19,12 +19,23 @@ class context;
 
 namespace vantor::platform {
 
-/// A small HTTP/1.1 client, one connection per request: the account layer's
-/// OAuth requests and the long-poll transport. https verifies the server's
+/// A small HTTP/1.1 client: the account layer's OAuth requests and the
+/// long-poll transport. A request has a connection of its own, closed after
+/// it, unless it names an `HttpConnection` to keep it in. https verifies the server's
 /// certificate chain and host name (with SNI); plain http is refused unless
 /// the host is a loopback address or `allowPlainHttp` is set. Behind an HTTP
 /// proxy every request, http or https, goes through a CONNECT tunnel: one
 /// code path, and the proxy never sees inside an https request.
+
+/// Where a finished request leaves its connection open for the next request
+/// to the same host (through the same proxy), as HTTP/1.1 allows: a caller
+/// that sends request after request (long-poll) pays the TCP connection, the
+/// proxy's tunnel and the TLS handshake once. It holds one connection, for
+/// one request at a time, and is used only on the thread that runs the
+/// requests' context. A kept connection that the server has closed meanwhile
+/// is replaced by a new one for the same request.
+class HttpConnection;
+std::shared_ptr<HttpConnection> makeHttpConnection();
 
 struct HttpRequest {
   std::string method = "GET";
@@ -44,6 +55,8 @@ struct HttpClientOptions {
   // The TLS set-up to use, made once by a caller that sends many requests;
   // by default each request makes its own from the two fields above.
   std::shared_ptr<boost::asio::ssl::context> tls = nullptr;
+  // Takes a connection kept here, and keeps the connection here afterwards.
+  std::shared_ptr<HttpConnection> keepAlive = nullptr;
 };
 
 struct HttpOutcome {

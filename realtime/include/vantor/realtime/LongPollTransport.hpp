@@ -84,6 +84,9 @@ class LongPollTransport : public PhoenixTransport, public std::enable_shared_fro
   boost::urls::url url_;
   platform::HttpClientOptions options_;
   platform::HttpClientOptions pollOptions_;
+  // Polls and sends each keep one connection open between requests.
+  std::shared_ptr<platform::HttpConnection> pollConnection_;
+  std::shared_ptr<platform::HttpConnection> sendConnection_;
   std::atomic<PhoenixTransportReadyState> readyState_{PhoenixTransportReadyState::closed};
   std::shared_ptr<PhoenixTransportDelegate> delegate_;
   mutable std::mutex delegateMutex_;

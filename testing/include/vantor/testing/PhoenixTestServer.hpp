@@ -94,6 +94,9 @@ class PhoenixTestServer {
     /// nothing comes, and how long a session that stopped polling lingers.
     std::chrono::milliseconds longPollTime = std::chrono::seconds(10);
     std::chrono::milliseconds longPollSessionIdle = std::chrono::seconds(15);
+    /// How long a long-poll request's connection stays open for the next
+    /// request (5 s, as Cowboy keeps an idle one); zero closes after each.
+    std::chrono::milliseconds httpKeepAlive = std::chrono::seconds(5);
     /// One line per frame received ("<- ") or sent ("-> "), for demos.
     std::function<void(const std::string&)> trace = nullptr;
   };

@@ -20,8 +20,8 @@ namespace vantor::testing {
 /// - in front of a server, on `Options::targetPort`, for clients that
 ///   connect to the proxy as if it were the server.
 ///
-/// One connection carries one request (clients of this library close after
-/// each). It runs on a thread of its own; every member may be called from
+/// Only the first request of a connection is inspected; what follows on it
+/// passes as it is (long-poll keeps its connections). It runs on a thread of its own; every member may be called from
 /// any thread.
 class UpgradeRefusingProxy {
  public:

@@ -85,6 +85,9 @@ class WebSocketTestServer {
     /// `closeAndDrop(1002)`.
     std::optional<std::chrono::milliseconds> idleTimeout = std::nullopt;
     bool permessageDeflate = false;
+    /// A plain request (the `onHttp` hook) that asks to keep its connection
+    /// has it kept this long for the next one; zero closes after each answer.
+    std::chrono::milliseconds httpKeepAlive = std::chrono::milliseconds(0);
     /// Keep handshake targets and close frames; long runs turn it off.
     bool recordConnections = true;
     Hooks hooks = {};
