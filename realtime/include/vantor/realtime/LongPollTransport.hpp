@@ -33,7 +33,9 @@ namespace vantor::realtime {
 /// Requests go through the same HTTP client as the account layer: TLS
 /// verification with the configuration's trust settings, its proxy, and
 /// `handshakeTimeout` for opening and sending (a poll may last the server's
-/// poll time and that much more). An auth token (`Socket::setAuthToken`)
+/// poll time and that much more). Polls and sends each keep one connection
+/// open between requests; one the server closed while idle is replaced for
+/// the same request. An auth token (`Socket::setAuthToken`)
 /// travels raw in the header "x-phoenix-authtoken"; one with control
 /// characters, which a header cannot carry, fails every connection attempt.
 ///
