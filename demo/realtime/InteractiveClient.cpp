@@ -71,14 +71,17 @@ int runInteractive(const InteractiveOptions& options) {
     params = [payload = payloadOf(options.params)] { return std::optional<Payload>(payload); };
   }
   std::function<void(Transcript&)> openNote;
+  std::function<bool()> overLongPoll = [] { return false; };
   Socket::TransportFactory transport;
   if (options.transport == "longpoll") {
+    overLongPoll = [] { return true; };
     transport = [configuration](const boost::urls::url& url) -> std::shared_ptr<PhoenixTransport> {
       return LongPollTransport::make(url, configuration);
     };
   } else if (options.transport == "auto") {
     auto choice = std::make_shared<FallbackTransport::Choice>();
     transport = FallbackTransport::factory(configuration, choice);
+    overLongPoll = [choice] { return choice->longPoll.load(); };
     // Said once, at the first connection that went over long-poll.
     openNote = [choice, said = false](Transcript& out) mutable {
       if (choice->longPoll && !std::exchange(said, true)) {
@@ -142,7 +145,9 @@ int runInteractive(const InteractiveOptions& options) {
     if (openNote) {
       openNote(out);
     }
-    out.say("socket", "connected to " + std::string(socket->endPointUrl().buffer()));
+    out.say("socket", overLongPoll() ? "connected over long-poll to " +
+                                           std::string(LongPollTransport::longPollUrl(socket->endPointUrl()).buffer())
+                                     : "connected to " + std::string(socket->endPointUrl().buffer()));
   });
   socket->onError([&](const TransportError& error, const std::optional<HttpResponse>& response) {
     out.say("socket", "error: " + error.description +
