@@ -162,10 +162,11 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
         });
   }
 
-  // A kept connection that failed before any answer came was closed by the
-  // server while idle: the request goes again on a new one.
-  bool retryOnNewConnection() {
-    if (!std::exchange(reused_, false) || completion_ == nullptr) {
+  // A kept connection that failed before any answer came, other than by
+  // the deadline, was closed by the server while idle: the request goes
+  // again on a new one.
+  bool retryOnNewConnection(error_code error) {
+    if (error == beast::error::timeout || !std::exchange(reused_, false) || completion_ == nullptr) {
       return false;
     }
     error_code ignored;
@@ -225,7 +226,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   void write() {
     armDeadline();
     auto written = [self = shared_from_this()](error_code error, std::size_t) {
-      if (error && self->retryOnNewConnection()) {
+      if (error && self->retryOnNewConnection(error)) {
         return;
       }
       if (error) {
@@ -243,7 +244,7 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
   void read() {
     armDeadline();
     auto received = [self = shared_from_this()](error_code error, std::size_t) {
-      if (error && !self->parser_->got_some() && self->retryOnNewConnection()) {
+      if (error && !self->parser_->got_some() && self->retryOnNewConnection(error)) {
         return;
       }
       if (error) {
