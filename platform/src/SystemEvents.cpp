@@ -77,6 +77,15 @@ class SystemEvents::Bus : public std::enable_shared_from_this<Bus> {
                                     nullptr, self.get());
     }
     if (r >= 0) {
+      // NetworkManager stopping or crashing while it reports no connectivity
+      // must not pause reconnects until it comes back.
+      r = sd_bus_add_match_async(bus, nullptr,
+                                 "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+                                 "interface='org.freedesktop.DBus',member='NameOwnerChanged',"
+                                 "arg0='org.freedesktop.NetworkManager'",
+                                 &Bus::onNetworkManagerOwner, nullptr, self.get());
+    }
+    if (r >= 0) {
       r = sd_bus_call_method_async(bus, nullptr, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                    "org.freedesktop.DBus", "NameHasOwner", &Bus::onLogindOwner, self.get(), "s",
                                    "org.freedesktop.login1");
@@ -151,9 +160,7 @@ class SystemEvents::Bus : public std::enable_shared_from_this<Bus> {
     timer_.cancel();
     owner_.watchesSleep_ = false;
     owner_.publish({Kind::unavailable, "lost the system bus (" + std::string(std::strerror(-error)) + "): " + noSleepWatch});
-    if (owner_.offline_) {
-      owner_.setConnectivity(0);
-    }
+    owner_.forgetNetworkState("lost the system bus");
     EventLoop::main().post([keep = shared_from_this(), &owner = owner_] { owner.bus_.reset(); });
   }
 
@@ -185,6 +192,25 @@ class SystemEvents::Bus : public std::enable_shared_from_this<Bus> {
       return 0;
     }
     self.readProperties(reply);
+    return 0;
+  }
+
+  // NetworkManager left the bus, or came (back): then its state is read again.
+  static int onNetworkManagerOwner(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* after = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &before, &after) < 0 || after == nullptr) {
+      return 0;
+    }
+    auto& self = of(userdata);
+    if (after[0] == '\0') {
+      self.owner_.forgetNetworkState("NetworkManager left the bus");
+    } else {
+      sd_bus_call_method_async(self.bus_, nullptr, "org.freedesktop.NetworkManager", "/org/freedesktop/NetworkManager",
+                               "org.freedesktop.DBus.Properties", "GetAll", &Bus::onNetworkManagerState, &self, "s",
+                               "org.freedesktop.NetworkManager");
+    }
     return 0;
   }
 
@@ -314,6 +340,17 @@ void SystemEvents::setConnectivity(std::uint32_t connectivity) {
     publish({Kind::online, "NetworkManager reports connectivity again"});
   } else if (connectivity == connectivityFull && !wasFull && known) {
     publish({Kind::networkChanged, "full connectivity"});
+  }
+}
+
+void SystemEvents::forgetNetworkState(const std::string& why) {
+  const bool wasOffline = connectivity_ == connectivityNone;
+  connectivity_ = 0;
+  primaryConnection_.clear();
+  networkKnown_ = false;
+  offline_ = false;
+  if (wasOffline) {
+    publish({Kind::online, why});
   }
 }
 

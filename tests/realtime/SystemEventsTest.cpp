@@ -154,6 +154,14 @@ TEST_F(DesktopLink, NoReconnectAttemptsWhileOfflineAndOneAtOnceWhenOnline) {
   EXPECT_EQ(socket->metrics().networkChanges, 2u);
   EXPECT_TRUE(logged("offline: reconnects paused"));
   EXPECT_TRUE(logged("online: reconnecting now"));
+
+  // NetworkManager stopping while it reports no connectivity ends the pause.
+  services("connectivity 1");
+  ASSERT_TRUE(eventually([] { return SystemEvents::shared().isOffline(); }));
+  server.dropConnections();
+  services("nm-stop");
+  ASSERT_TRUE(eventually([&] { return channel->isJoined(); }, 10s)) << "still paused";
+  EXPECT_FALSE(SystemEvents::shared().isOffline());
 }
 
 TEST_F(DesktopLink, ANewPrimaryConnectionKeepsAHealthyLinkAndReplacesADeadOne) {

@@ -10,6 +10,7 @@ command a line from standard input and answers "ok" once it is done:
     sleep | resume       logind's PrepareForSleep(true | false)
     connectivity N       NetworkManager's Connectivity (1 none, 4 full)
     primary PATH         NetworkManager's PrimaryConnection
+    nm-stop              NetworkManager leaves the bus
 It ends when its standard input closes."""
 import os
 import subprocess
@@ -58,6 +59,11 @@ for line in sys.stdin:
         manager.EmitSignal('org.freedesktop.DBus.Properties', 'PropertiesChanged', 'sa{sv}as',
                            [NM, dbus.Dictionary({'PrimaryConnection': path}, signature='sv'),
                             dbus.Array([], signature='s')], dbus_interface=MOCK)
+    elif words[0] == 'nm-stop':
+        mocks[1].terminate()
+        mocks[1].wait()
+        while bus.name_has_owner(NM):
+            time.sleep(0.01)
     print('ok', flush=True)
 
 for mock in mocks:

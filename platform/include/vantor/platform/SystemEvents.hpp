@@ -82,6 +82,9 @@ class SystemEvents {
   ~SystemEvents() = default;
   void publish(const Event& event);
   void setConnectivity(std::uint32_t connectivity);
+  // NetworkManager's reports no longer hold (it left the bus, or the bus
+  // went): a pause for "offline" ends, with `why` as the cause.
+  void forgetNetworkState(const std::string& why);
   void setPrimaryConnection(const std::string& path);
 
   std::mutex mutex_;
