@@ -29,6 +29,7 @@
 #include <thread>
 
 #include "EchoServer.hpp"
+#include "EchoWindow.hpp"
 #include "vantor/glib/GLibMainLoop.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/qt/QtMainLoop.hpp"
@@ -108,30 +109,14 @@ void disconnect(const std::shared_ptr<realtime::Socket>& socket) {
 double roundTripsPerSecond(std::uint16_t port, int window) {
   auto socket = realtime::Socket::make("ws://127.0.0.1:" + std::to_string(port) + "/socket");
   auto channel = joined(socket, "room:bench");
-  std::atomic<long> sent{0};
-  std::atomic<long> done{0};
-  std::atomic<bool> stopping{false};
-  const realtime::Payload payload{{"body", "a message of a usual size for a chat or a status"}};
-  std::function<void()> pushOne = [&] {
-    ++sent;
-    channel->push("echo", payload)->receive("ok", [&](const realtime::Message&) {
-      ++done;
-      if (!stopping) {
-        pushOne();
-      }
-    });
-  };
-  onLibraryThread([&] {
-    for (int i = 0; i < window; ++i) {
-      pushOne();
-    }
-  });
+  bench::EchoWindow echoes(channel);
+  onLibraryThread([&] { echoes.open(window); });
   const auto start = Clock::now();
   waitFor([] { return false; }, 2s);
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  const long counted = done;
-  stopping = true;
-  waitFor([&] { return done == sent; }, 20s);
+  const long counted = echoes.answered();
+  echoes.close();
+  waitFor([&] { return echoes.settled(); }, 20s);
   disconnect(socket);
   return static_cast<double>(counted) / seconds;
 }

@@ -6,10 +6,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <functional>
 #include <memory>
 #include <thread>
 
+#include "EchoWindow.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/realtime/Channel.hpp"
 #include "vantor/realtime/LongPollTransport.hpp"
@@ -41,32 +41,17 @@ double roundTripsPerSecond(const testing::PhoenixTestServer& server, bool longPo
   while (!joined) {
     std::this_thread::sleep_for(1ms);
   }
-  std::atomic<long> sent{0};
-  std::atomic<long> done{0};
-  std::atomic<bool> stopping{false};
-  const realtime::Payload payload{{"body", "a message of a usual size for a chat or a status"}};
-  std::function<void()> pushOne = [&] {
-    ++sent;
-    channel->push("echo", payload)->receive("ok", [&](const realtime::Message&) {
-      ++done;
-      if (!stopping) {
-        pushOne();
-      }
-    });
-  };
-  platform::EventLoop::main().sync([&] {
-    for (int i = 0; i < window; ++i) {
-      pushOne();
-    }
-  });
+  bench::EchoWindow echoes(channel);
+  platform::EventLoop::main().sync([&] { echoes.open(window); });
   std::this_thread::sleep_for(300ms);  // warm-up
-  const long before = done;
+  const long before = echoes.answered();
   const auto start = Clock::now();
   std::this_thread::sleep_for(2s);
-  const double perSecond = static_cast<double>(done - before) / std::chrono::duration<double>(Clock::now() - start).count();
-  stopping = true;
+  const double perSecond =
+      static_cast<double>(echoes.answered() - before) / std::chrono::duration<double>(Clock::now() - start).count();
+  echoes.close();
   const auto limit = Clock::now() + 20s;
-  while (done != sent && Clock::now() < limit) {
+  while (!echoes.settled() && Clock::now() < limit) {
     std::this_thread::sleep_for(1ms);
   }
   socket->disconnect();

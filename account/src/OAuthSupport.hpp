@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "vantor/platform/Base64.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 
 #include <boost/json/object.hpp>
@@ -18,11 +19,15 @@ namespace vantor::account::detail {
 // Encodings and small crypto pieces of OAuth 2.0 and OpenID Connect that do
 // no I/O.
 
-std::string base64Encode(std::string_view bytes);
+using platform::base64Encode;
 // Unpadded, with '-' and '_' (RFC 4648 section 5), as PKCE and JWTs use it.
-std::string base64UrlEncode(std::string_view bytes);
+inline std::string base64UrlEncode(std::string_view bytes) {
+  return platform::base64Encode(bytes, platform::Base64Alphabet::url, false);
+}
 // Accepts input with or without padding; none for anything else.
-std::optional<std::string> base64UrlDecode(std::string_view text);
+inline std::optional<std::string> base64UrlDecode(std::string_view text) {
+  return platform::base64Decode(text, platform::Base64Alphabet::url);
+}
 
 // `byteCount` bytes from the system's cryptographic generator, base64url
 // encoded: unguessable `state`, `nonce` and PKCE verifier values.

@@ -89,18 +89,6 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       return finish(failure);
     }
     target_ = std::move(*target);
-    // The desktop may be asked for the proxy, off the loop.
-    options_.proxy.resolve(target_, context_, [self = shared_from_this(), request](auto proxy) {
-      if (!proxy) {
-        return self->finish("no usable proxy: " + proxy.error().message());
-      }
-      self->proxy_ = std::move(*proxy);
-      self->send(request);
-    });
-  }
-
- private:
-  void send(const HttpRequest& request) {
     parser_->body_limit(bodyLimit);
     deadline_ = std::chrono::steady_clock::now() + options_.timeout;
     deadlineTimer_.expires_at(deadline_);
@@ -125,10 +113,9 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       request_.body() = request.body;
       request_.prepare_payload();
     }
+    // A kept connection goes on through the proxy it was opened through:
+    // the proxy is looked up for new connections only.
     place_ = std::string(target_.secure ? "https://" : "http://") + target_.host + ":" + target_.port;
-    if (proxy_) {
-      place_ += " via " + proxy_->host + ":" + proxy_->port;
-    }
     if (auto& kept = options_.keepAlive; kept && kept->place == place_ && (kept->secure || kept->plain)) {
       reused_ = true;
       tls_ = std::move(kept->tls);
@@ -136,7 +123,22 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
       handOver(kept->plain, plain_);
       return write();
     }
-    connect();
+    openConnection();
+  }
+
+ private:
+  // The desktop may be asked for the proxy, off the loop.
+  void openConnection() {
+    options_.proxy.resolve(target_, context_, [self = shared_from_this()](auto proxy) {
+      if (self->completion_ == nullptr) {
+        return;  // the deadline came first
+      }
+      if (!proxy) {
+        return self->finish("no usable proxy: " + proxy.error().message());
+      }
+      self->proxy_ = std::move(*proxy);
+      self->connect();
+    });
   }
 
   // A new connection: resolve, connect, tunnel, TLS handshake, then write.
@@ -174,7 +176,8 @@ class Exchange : public std::enable_shared_from_this<Exchange> {
     parser_.emplace();
     parser_->body_limit(bodyLimit);
     buffer_.clear();
-    connect();
+    tunnelOpen_ = false;
+    openConnection();
     return true;
   }
 

@@ -1,24 +1,12 @@
 #include "vantor/platform/HttpProxy.hpp"
 
-#include <openssl/evp.h>
-
 #include <vector>
 
+#include "vantor/platform/Base64.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/platform/ProxyError.hpp"
 
 namespace vantor::platform {
-
-namespace {
-
-std::string base64(std::string_view text) {
-  std::vector<unsigned char> encoded(4 * ((text.size() + 2) / 3) + 1);
-  const int length = EVP_EncodeBlock(encoded.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                                     static_cast<int>(text.size()));
-  return {reinterpret_cast<const char*>(encoded.data()), static_cast<std::size_t>(length)};
-}
-
-}  // namespace
 
 boost::system::result<HttpProxy> HttpProxy::parse(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) {
@@ -47,7 +35,7 @@ boost::system::result<HttpProxy> HttpProxy::parse(std::string_view text) {
   proxy.host = target->host;
   proxy.port = target->port;
   if (url->has_userinfo()) {
-    proxy.authorization = "Basic " + base64(url->user() + ":" + url->password());
+    proxy.authorization = "Basic " + base64Encode(url->user() + ":" + url->password());
   }
   return proxy;
 }

@@ -186,7 +186,7 @@ void FallbackTransport::innerFailed(const PhoenixTransport* from, const Transpor
 }
 
 void FallbackTransport::innerMessage(const PhoenixTransport* from, const std::string& message) {
-  // `inner_` only changes on the loop, where this runs: no lock per message.
+  // `inner_` only changes on the loop, where this runs: read without the lock.
   if (!current(inner_, from)) {
     return;
   }

@@ -4,6 +4,7 @@
 #include <boost/json/parse.hpp>
 #include <boost/system/errc.hpp>
 
+#include "vantor/platform/Base64.hpp"
 #include "vantor/platform/EventLoop.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/platform/TlsClient.hpp"
@@ -20,36 +21,6 @@ namespace {
 constexpr auto serverPollTime = std::chrono::seconds(10);
 
 constexpr std::string_view tokenPrefix = "base64url.bearer.phx.";
-
-// Standard base64 without padding, as the socket writes the token.
-std::optional<std::string> decodeBase64(std::string_view text) {
-  std::string out;
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (const char c : text) {
-    int value = -1;
-    if (c >= 'A' && c <= 'Z') {
-      value = c - 'A';
-    } else if (c >= 'a' && c <= 'z') {
-      value = c - 'a' + 26;
-    } else if (c >= '0' && c <= '9') {
-      value = c - '0' + 52;
-    } else if (c == '+' || c == '-') {
-      value = 62;
-    } else if (c == '/' || c == '_') {
-      value = 63;
-    } else {
-      return std::nullopt;
-    }
-    bits = (bits << 6) | static_cast<std::uint32_t>(value);
-    count += 6;
-    if (count >= 8) {
-      count -= 8;
-      out += static_cast<char>((bits >> count) & 0xff);
-    }
-  }
-  return out;
-}
 
 // What a long-poll answer says: its status, and the token and messages when given.
 struct Answer {
@@ -144,7 +115,7 @@ void LongPollTransport::setSubprotocols(std::vector<std::string> subprotocols) {
     authToken_.reset();
     for (const auto& offered : subprotocols) {
       if (offered.rfind(tokenPrefix, 0) == 0) {
-        authToken_ = decodeBase64(std::string_view(offered).substr(tokenPrefix.size()));
+        authToken_ = platform::base64Decode(std::string_view(offered).substr(tokenPrefix.size()));
       }
     }
   });
@@ -282,12 +253,13 @@ void LongPollTransport::polled(const HttpOutcome& outcome) {
   switch (answer->status) {
     case 200: {
       const auto generation = generation_;
+      const auto delegate = this->delegate();
       for (const auto& message : answer->messages) {
         // A message may make the socket close this transport.
         if (generation != generation_) {
           return;
         }
-        if (auto delegate = this->delegate()) {
+        if (delegate) {
           delegate->onMessage(message);
         }
       }

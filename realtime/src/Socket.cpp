@@ -11,6 +11,7 @@
 #include "Intervals.hpp"
 #include "MetricCounters.hpp"
 #include "Text.hpp"
+#include "vantor/platform/Base64.hpp"
 #include "vantor/platform/Fatal.hpp"
 #include "vantor/platform/NetworkTarget.hpp"
 #include "vantor/realtime/Channel.hpp"
@@ -75,22 +76,7 @@ std::string queryText(std::string_view text) {
 // The subprotocols that carry `token`: "phoenix", and the token in
 // standard base64 without padding, which is how the server reads it back.
 std::vector<std::string> authTokenSubprotocols(const std::string& token) {
-  static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string name = "base64url.bearer.phx.";
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (const unsigned char byte : token) {
-    bits = (bits << 8) | byte;
-    count += 8;
-    while (count >= 6) {
-      count -= 6;
-      name += alphabet[(bits >> count) & 0x3f];
-    }
-  }
-  if (count > 0) {
-    name += alphabet[(bits << (6 - count)) & 0x3f];
-  }
-  return {"phoenix", std::move(name)};
+  return {"phoenix", "base64url.bearer.phx." + platform::base64Encode(token, platform::Base64Alphabet::standard, false)};
 }
 
 }  // namespace
@@ -203,9 +189,7 @@ Socket::Socket(std::string endPoint, TransportFactory transport, ParamsClosure p
 
 std::shared_ptr<Socket> Socket::finishMaking(std::shared_ptr<Socket> socket) {
   socket->reconnectTimer_->callback.delegate(socket, [](Socket& self) {
-    if (platform::SystemEvents::shared().isOffline()) {
-      self.reconnectPaused_ = true;
-      self.logItems("Socket reconnect paused: the desktop reports no connectivity");
+    if (self.pausedWhileOffline()) {
       return;
     }
     self.logItems("Socket attempting to reconnect");
@@ -736,13 +720,19 @@ void Socket::reconnectNow(const std::string& why) {
     heartbeatTimer_->stop();
   }
   reconnectTimer_->reset();
-  if (platform::SystemEvents::shared().isOffline()) {
-    reconnectPaused_ = true;
+  if (pausedWhileOffline()) {
     teardown(CloseCode::normal, nullptr);
     return;
   }
-  reconnectPaused_ = false;
   attemptReconnect();
+}
+
+bool Socket::pausedWhileOffline() {
+  reconnectPaused_ = platform::SystemEvents::shared().isOffline();
+  if (reconnectPaused_) {
+    logItems("Socket reconnect paused: the desktop reports no connectivity");
+  }
+  return reconnectPaused_;
 }
 
 void Socket::attemptReconnect() {

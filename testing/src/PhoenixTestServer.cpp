@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "Recorder.hpp"
+#include "vantor/platform/Base64.hpp"
 
 namespace vantor::testing {
 namespace {
@@ -86,31 +87,6 @@ std::chrono::milliseconds delayOf(const json::object& payload) {
   const auto* delay = payload.if_contains("delay_ms");
   const auto* ms = delay != nullptr ? delay->if_int64() : nullptr;
   return std::chrono::milliseconds(ms != nullptr ? std::clamp<std::int64_t>(*ms, 0, 3'600'000) : 0);
-}
-
-// Standard base64 without "=" padding, as the server reads auth tokens.
-std::optional<std::string> decodeUnpaddedBase64(std::string_view text) {
-  static constexpr std::string_view alphabet =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string bytes;
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (const char c : text) {
-    const auto value = alphabet.find(c);
-    if (value == std::string_view::npos) {
-      return std::nullopt;
-    }
-    bits = (bits << 6) | static_cast<std::uint32_t>(value);
-    count += 6;
-    if (count >= 8) {
-      count -= 8;
-      bytes += static_cast<char>((bits >> count) & 0xff);
-    }
-  }
-  if (count >= 6) {
-    return std::nullopt;  // a lone character carries no whole byte
-  }
-  return bytes;
 }
 
 json::object replyPayload(std::string_view status, json::object response) {
@@ -443,7 +419,7 @@ std::optional<std::string> PhoenixTestServer::Impl::chooseSubprotocol(const std:
   pendingAuthToken_.reset();
   for (const auto& name : names) {
     if (name.starts_with(tokenPrefix)) {
-      pendingAuthToken_ = decodeUnpaddedBase64(std::string_view(name).substr(tokenPrefix.size()));
+      pendingAuthToken_ = platform::base64Decode(std::string_view(name).substr(tokenPrefix.size()));
     }
   }
   if (options_.subprotocolAnswer) {

@@ -395,6 +395,9 @@ class Socket : public std::enable_shared_from_this<Socket> {
   void onSystemEvent(const platform::SystemEvents::Event& event);
   void checkLink();
   void reconnectNow(const std::string& why);
+  // True, the reconnect paused and logged, while the desktop reports no
+  // connectivity.
+  bool pausedWhileOffline();
   // One attempt: the closed connection torn down, a new one opened.
   void attemptReconnect();
 
